@@ -1,0 +1,42 @@
+# SPDX-License-Identifier: Apache-2.0
+# How every target of the project is compiled.
+
+function( tessel_compile_options target )
+   target_compile_options( ${target} PRIVATE
+      -Wall -Wextra -Wpedantic -Wconversion -Werror
+      # __FILE__ (in traces and contracts) and debug information name files from the root, so the
+      # same sources give the same binary wherever they lie. A debugger started in the root finds
+      # them. The later mapping is tried first.
+      -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
+      -ffile-prefix-map=${PROJECT_BINARY_DIR}=. )
+   set_target_properties( ${target} PROPERTIES CXX_EXTENSIONS OFF )
+   if( TESSEL_SANITIZE )
+      set( sanitizers -fsanitize=${TESSEL_SANITIZE} -fno-sanitize-recover=all )
+      target_compile_options( ${target} PRIVATE ${sanitizers} )
+      target_link_options( ${target} PRIVATE ${sanitizers} )
+   endif()
+   if( TESSEL_COVERAGE )
+      # Atomic counts: several threads and processes run through the same lines.
+      target_compile_options( ${target} PRIVATE --coverage -fprofile-update=atomic )
+      target_link_options( ${target} PRIVATE --coverage )
+   endif()
+endfunction()
+
+# For what surrounds the library: instrumented, it is compiled unoptimised, which takes half the time.
+function( tessel_compile_fast_when_instrumented target )
+   if( TESSEL_SANITIZE )
+      target_compile_options( ${target} PRIVATE -O0 )
+   endif()
+endfunction()
+
+# Takes in `folder` where it is wanted and has sources.
+function( tessel_subdirectory folder wanted )
+   file( GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.cpp )
+   if( NOT wanted )
+      message( STATUS "${folder}: off" )
+   elseif( NOT sources )
+      message( STATUS "${folder}: no sources" )
+   else()
+      add_subdirectory( ${folder} )
+   endif()
+endfunction()
