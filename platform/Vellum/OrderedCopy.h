@@ -1,0 +1,361 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+/// Copies between private memory and a block that other processes map, in an order that neither a
+/// killed writer nor a concurrent reader turns into half an image.
+///
+/// An image is a run of bytes whose first byte says whether it is there: zero means nothing is. One
+/// process writes an image, any number read it. What storeImage promises, by the failure it stops:
+///
+///  (1) New image over a zero first byte. The first byte is stored last. Stored earlier, a writer
+///      killed between two stores would leave an image that shows itself with another key or result
+///      behind it, and a reader would return it.
+///  (2) Zero image over anything. The first byte is stored first. Stored later, a writer killed on
+///      its way would leave a visible image whose key has been wiped to zeros: an entry that nobody
+///      added.
+///  (3) New image over a visible one (a rewrite). The first byte becomes a mark, non-zero like the
+///      first byte it stands for, before anything else changes, and its final value after
+///      everything else has. One store instruction is one step for a process that is killed, but
+///      not for a reader where it crosses a cache line: without the mark, a reader met one half of
+///      the old result and one half of the new.
+///  (4) The last 16 bytes go in one store instruction, before the other bytes. A process is killed
+///      between instructions, so a result that lies within them is found old or new and never
+///      mixed; stored after bytes that it overlaps, it could be found with its front new and its
+///      end old. An image shorter than 16 bytes goes in the widest instructions that it fills:
+///      whole at 1, 2, 4 and 8 bytes, the last 4 bytes of 5 to 7, the last 8 of 9 to 15. (A result
+///      that starts before the last 8 bytes of an image of 12, which takes a key under 2 bytes, is
+///      the one that a kill can split.)
+///
+/// loadImage is the other side of (1) to (3): it takes two readings with the first word looked at
+/// before, between and after them, and starts again unless everything agrees and no mark is seen. A
+/// reading torn by one write cannot agree with the next one, and a writer that is between its mark
+/// and its final byte is waited for. A mark that stays (its writer was killed or is not running)
+/// is believed after `patience` tries: by then every store of the write has long become visible, so
+/// the image is whole by (4).
+///
+/// The order between stores (and between loads) is the one that x86-64 gives to plain stores and
+/// loads once the compiler keeps it; elsewhere fences give it.
+///
+/// Threads: one writer per image; readers anywhere.
+
+#include "Weft/Types.h"
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstring>
+#include <type_traits>
+
+namespace Vellum {
+
+/// How often loadImage waits for a marked image to be finished before it believes the mark. With
+/// the pause between two tries this is some ten microseconds: thousands of times what a store takes
+/// to become visible.
+inline constexpr U32 patience = 256;
+
+namespace detail {
+
+/// Sixteen bytes moved by one instruction where the machine has one. GCC splits a memcpy of 16 bytes
+/// in two as it likes; an access through the unaligned type stays one.
+using Unit16 [[gnu::vector_size( 16 )]] = U64;
+using Unit16InMemory [[gnu::vector_size( 16 ), gnu::aligned( 1 ), gnu::may_alias]] = U64;
+
+inline void orderStores() {
+#if defined( __x86_64__ )
+   std::atomic_signal_fence( std::memory_order_seq_cst );
+#else
+   std::atomic_thread_fence( std::memory_order_release );
+#endif
+}
+
+inline void orderLoads() {
+#if defined( __x86_64__ )
+   std::atomic_signal_fence( std::memory_order_seq_cst );
+#else
+   std::atomic_thread_fence( std::memory_order_acquire );
+#endif
+}
+
+inline void pauseBriefly() {
+#if defined( __x86_64__ )
+   __builtin_ia32_pause();
+#endif
+}
+
+template<class Unit>
+inline Unit loadUnit( U8 const* from ) {
+   if constexpr ( sizeof( Unit ) == sizeof( Unit16 ) ) {
+      return *reinterpret_cast<Unit16InMemory const*>( from );
+   } else {
+      Unit unit;
+      std::memcpy( &unit, from, sizeof unit );
+      return unit;
+   }
+}
+
+template<class Unit>
+inline void storeUnit( U8* to, Unit unit ) {
+   if constexpr ( sizeof( Unit ) == sizeof( Unit16 ) ) {
+      *reinterpret_cast<Unit16InMemory*>( to ) = unit;
+   } else {
+      std::memcpy( to, &unit, sizeof unit );
+   }
+}
+
+inline U64 differenceOf( Unit16 a, Unit16 b ) {
+   Unit16 const difference = a ^ b;
+   return difference[ 0 ] | difference[ 1 ];
+}
+
+inline U64 differenceOf( U64 a, U64 b ) {
+   return a ^ b;
+}
+
+// In registers: a byte stored into a unit in memory would hold up the wider load that follows it.
+template<class Unit>
+inline Unit withFirstByte( Unit unit, U8 value ) {
+   constexpr U64 others = ~U64{ 0xff };
+   if constexpr ( sizeof( Unit ) == sizeof( Unit16 ) ) {
+      return ( unit & Unit16{ others, ~U64{ 0 } } ) | Unit16{ value, 0 };
+   } else {
+      return static_cast<Unit>( ( unit & others ) | value );
+   }
+}
+
+inline U8 loadFirst( U8 const* image ) {
+   return std::atomic_ref<U8>( const_cast<U8&>( *image ) ).load( std::memory_order_relaxed );
+}
+
+inline void storeFirst( U8* image, U8 value ) {
+   std::atomic_ref<U8>( *image ).store( value, std::memory_order_relaxed );
+}
+
+/// The mark of an image under way whose first byte will be `final`: non-zero, and another value.
+inline constexpr U8 markFor( U8 final ) {
+   return final == 0xff ? 0xfe : 0xff;
+}
+inline constexpr bool maybeMark( U8 first ) {
+   return first >= 0xfe;
+}
+
+/// `length` bytes, sizeof( Unit ) to count * sizeof( Unit ), as `count` units of which the last
+/// ends with the bytes.
+template<class Unit, U32 count>
+class Reading {
+ public:
+   Reading() = default;
+   Reading( U8 const* from, U32 length ) {
+      units_[ 0 ] = loadUnit<Unit>( from + length - sizeof( Unit ) );
+      for ( U32 i = 1; i < count; ++i ) {
+         units_[ i ] = loadUnit<Unit>( from + ( i - 1 ) * sizeof( Unit ) );
+      }
+   }
+
+   U8 firstByte() const {
+      U8 byte = 0;
+      std::memcpy( &byte, &first(), 1 );
+      return byte;
+   }
+   void firstByteIs( U8 value ) { first() = withFirstByte( first(), value ); }
+
+   void store( U8* to, U32 length ) const {
+      storeUnit( to + length - sizeof( Unit ), units_[ 0 ] );
+      for ( U32 i = 1; i < count; ++i ) {
+         orderStores();
+         storeUnit( to + ( i - 1 ) * sizeof( Unit ), units_[ i ] );
+      }
+   }
+
+   friend bool operator==( Reading const& a, Reading const& b ) {
+      U64 difference = 0;
+      for ( U32 i = 0; i < count; ++i ) {
+         difference |= differenceOf( a.units_[ i ], b.units_[ i ] );
+      }
+      return difference == 0;
+   }
+
+ private:
+   Unit& first() { return units_[ count > 1 ? 1 : 0 ]; }
+   Unit const& first() const { return units_[ count > 1 ? 1 : 0 ]; }
+
+   std::array<Unit, count> units_; ///< the last unit, then the others from the front on
+};
+
+/// Calls `work` with the type of Reading that holds `length` bytes, 1 to 48.
+template<class Work>
+[[gnu::always_inline]] inline void withReadingFor( U32 length, Work const& work ) {
+   if ( length > 32 ) {
+      work( std::type_identity<Reading<Unit16, 3>>() );
+   } else if ( length > 16 ) {
+      work( std::type_identity<Reading<Unit16, 2>>() );
+   } else if ( length == 16 ) {
+      work( std::type_identity<Reading<Unit16, 1>>() );
+   } else if ( length > 8 ) {
+      work( std::type_identity<Reading<U64, 2>>() );
+   } else if ( length == 8 ) {
+      work( std::type_identity<Reading<U64, 1>>() );
+   } else if ( length > 4 ) {
+      work( std::type_identity<Reading<U32, 2>>() );
+   } else if ( length == 4 ) {
+      work( std::type_identity<Reading<U32, 1>>() );
+   } else if ( length > 2 ) {
+      work( std::type_identity<Reading<U16, 2>>() );
+   } else if ( length == 2 ) {
+      work( std::type_identity<Reading<U16, 1>>() );
+   } else {
+      work( std::type_identity<Reading<U8, 1>>() );
+   }
+}
+
+inline constexpr U32 longestReading = 48;
+
+/// More bytes than a Reading holds. Its destination is its only copy.
+class LongReading {
+ public:
+   LongReading( U8* copy, U32 length ) : copy_( copy ), length_( length ) {}
+
+   U8 firstByte() const { return *copy_; }
+   void take( U8 const* from ) { std::memcpy( copy_, from, length_ ); }
+   bool matches( U8 const* from ) const { return std::memcmp( copy_, from, length_ ) == 0; }
+
+ private:
+   U8* copy_;
+   U32 length_;
+};
+
+/// A Reading in registers, with the operations of LongReading.
+template<class R>
+class ShortReading {
+ public:
+   explicit ShortReading( U32 length ) : length_( length ) {}
+
+   U8 firstByte() const { return reading_.firstByte(); }
+   void take( U8 const* from ) { reading_ = R( from, length_ ); }
+   bool matches( U8 const* from ) const { return R( from, length_ ) == reading_; }
+   void store( U8* to ) const { reading_.store( to, length_ ); }
+
+ private:
+   R reading_;
+   U32 length_;
+};
+
+/// Stores all of an image but its first byte, in the place of which it stores `first`.
+inline void storeBody( U8* to, U8 const* from, U32 length, U8 first ) {
+   if ( length > longestReading ) {
+      std::size_t const front = length - sizeof( Unit16 );
+      storeUnit( to + front, loadUnit<Unit16>( from + front ) );
+      orderStores();
+      storeFirst( to, first );
+      std::memcpy( to + 1, from + 1, front - 1 );
+      return;
+   }
+   withReadingFor( length, [ & ]<class R>( std::type_identity<R> ) {
+      R body( from, length );
+      body.firstByteIs( first );
+      body.store( to, length );
+   } );
+}
+
+inline U32 firstWord( U8 const* image, U32 length ) {
+   return length >= sizeof( U32 ) ? loadUnit<U32>( image ) : loadFirst( image );
+}
+
+/// Whether two readings, and the first word before, between and after them, agreed.
+template<class AnyReading>
+inline bool takeAgreeing( AnyReading& reading, U8 const* from, U32 length ) {
+   U32 const before = firstWord( from, length );
+   orderLoads();
+   reading.take( from );
+   orderLoads();
+   U32 const between = firstWord( from, length );
+   orderLoads();
+   bool const same = reading.matches( from );
+   orderLoads();
+   return same && before == between && between == firstWord( from, length );
+}
+
+template<class AnyReading>
+[[gnu::cold, gnu::noinline]] void
+takeImagePatiently( AnyReading& reading, U8 const* from, U32 length ) {
+   for ( U32 tries = 1;; ++tries ) {
+      pauseBriefly();
+      bool const agreed = takeAgreeing( reading, from, length );
+      if ( agreed && ( !maybeMark( reading.firstByte() ) || tries >= patience ) ) {
+         return;
+      }
+   }
+}
+
+template<class AnyReading>
+inline AnyReading takeImage( AnyReading reading, U8 const* from, U32 length ) {
+   if ( takeAgreeing( reading, from, length ) && !maybeMark( reading.firstByte() ) ) [[likely]] {
+      return reading;
+   }
+   AnyReading patient = reading; // its address escapes, the other stays in registers
+   takeImagePatiently( patient, from, length );
+   return patient;
+}
+
+} // namespace detail
+
+/// Copies at most 48 bytes, without the call that a memcpy of unknown length is. The two do not
+/// overlap.
+inline void copyShort( void* to, void const* from, U32 length ) {
+   if ( length != 0 ) {
+      detail::withReadingFor( length, [ & ]<class R>( std::type_identity<R> ) {
+         R( static_cast<U8 const*>( from ), length ).store( static_cast<U8*>( to ), length );
+      } );
+   }
+}
+
+/// Whether at most 48 bytes are the same.
+inline bool equalShort( void const* a, void const* b, U32 length ) {
+   bool equal = true;
+   if ( length != 0 ) {
+      detail::withReadingFor( length, [ & ]<class R>( std::type_identity<R> ) {
+         equal =
+            R( static_cast<U8 const*>( a ), length ) == R( static_cast<U8 const*>( b ), length );
+      } );
+   }
+   return equal;
+}
+
+/// Writes `length` bytes at `from` as one image at `to`, in the order given above.
+inline void storeImage( U8* to, U8 const* from, U32 length ) {
+   if ( length == 0 ) {
+      return;
+   }
+   U8 const final = *from;
+   if ( final == 0 ) {
+      detail::storeFirst( to, 0 ); // (2)
+      detail::orderStores();
+      detail::storeBody( to, from, length, 0 );
+      return;
+   }
+   U8 meanwhile = 0;
+   if ( detail::loadFirst( to ) != 0 ) {
+      meanwhile = detail::markFor( final ); // (3)
+      detail::storeFirst( to, meanwhile );
+      detail::orderStores();
+   }
+   detail::storeBody( to, from, length, meanwhile ); // (4)
+   detail::orderStores();
+   detail::storeFirst( to, final ); // (1), (3)
+}
+
+/// Reads `length` bytes at `from`, written by storeImage with the same bounds in this or another
+/// process, to `to`: one image, or one of the images if it changes meanwhile.
+inline void loadImage( U8 const* from, U8* to, U32 length ) {
+   if ( length == 0 ) {
+      return;
+   }
+   if ( length > detail::longestReading ) {
+      detail::takeImage( detail::LongReading( to, length ), from, length );
+      return;
+   }
+   detail::withReadingFor( length, [ & ]<class R>( std::type_identity<R> ) {
+      detail::takeImage( detail::ShortReading<R>( length ), from, length ).store( to );
+   } );
+}
+
+} // namespace Vellum
