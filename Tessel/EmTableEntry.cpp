@@ -1,0 +1,132 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Tessel/EmTableInternal.h"
+
+namespace Tessel {
+
+Weft::AllocTrackTypeInfo EmTableFapIndices::memAllocationTracker_;
+
+static_assert( sizeof( EmTableEntryRaw ) == 36 );
+static_assert( offsetof( EmTableEntryRaw, valid ) == 0 );
+static_assert( offsetof( EmTableEntryRaw, chipId ) == 1 );
+static_assert( offsetof( EmTableEntryRaw, keyAndResult ) == 2 );
+
+EntryKey makeEmTableKey( Weft::CharPtrConst key, U32 keySize ) {
+   checkKeySize( keySize, keySizeCondition );
+   return EntryKey( Corvo::Bytes( key, keySize ) );
+}
+
+EntryResult makeEmTableResult( Weft::CharPtrConst result, U32 resultSize ) {
+   checkResultSize( resultSize, resultSizeCondition );
+   return EntryResult( Corvo::Bytes( result, resultSize ) );
+}
+
+// -------------------------------------------------------------------------------- EmTableEntry
+
+void EmTableEntry::copyToBuf( EmTableEntryRaw* raw, U32 keyLength, U32 resultLength ) const {
+   traceImageCopy( "copyToBuf", keyLength, resultLength );
+   sassert( keyLength <= MAX_KEY_LENGTH_IN_BYTE, "keyLength <= MAX_KEY_LENGTH_IN_BYTE" );
+   sassert( resultLength <= MAX_RESULT_LENGTH_IN_BYTE,
+            "resultLength <= MAX_RESULT_LENGTH_IN_BYTE" );
+   if ( !valid_ ) {
+      *raw = {};
+      return;
+   }
+   *raw = emptyImageOf( chipId_ );
+   Corvo::Bytes const& key = key_.bytes();
+   Corvo::Bytes const& result = result_.bytes();
+   std::memcpy( keyOf( *raw ), key.bytesPtr(), std::min( keyLength, key.size() ) );
+   std::memcpy(
+      resultOf( *raw, keyLength ), result.bytesPtr(), std::min( resultLength, result.size() ) );
+}
+
+void EmTableEntry::copyFromBuf( EmTableEntryRaw const* raw, U32 keyLength, U32 resultLength ) {
+   traceImageCopy( "copyFromBuf", keyLength, resultLength );
+   if ( raw->valid == 0 ) {
+      return;
+   }
+   EntryKey key = makeEmTableKey( keyOf( *raw ), keyLength );
+   result_ = makeEmTableResult( resultOf( *raw, keyLength ), resultLength );
+   key_ = std::move( key );
+   chipId_ = Brine::ChipId( raw->chipId );
+   valid_ = true;
+}
+
+std::strong_ordering operator<=>( EmTableEntry const& a, EmTableEntry const& b ) {
+   if ( auto const order = a.valid_ <=> b.valid_; order != 0 ) {
+      return order;
+   }
+   if ( auto const order = a.chipId_ <=> b.chipId_; order != 0 ) {
+      return order;
+   }
+   if ( auto const order = a.key_ <=> b.key_; order != 0 ) {
+      return order;
+   }
+   return a.result_ <=> b.result_;
+}
+
+// --------------------------------------------------------------------------- EmTableFapIndices
+
+Corvo::Ptr<EmTableFapIndices> EmTableFapIndices::EmTableFapIndicesIs() {
+   return Corvo::makePtr<EmTableFapIndices>();
+}
+
+Corvo::Ptr<EmTableFapIndices> emTableFapIndicesFactory() {
+   return EmTableFapIndices::EmTableFapIndicesIs();
+}
+
+U32 EmTableFapIndices::placeOf( Brine::ChipId chip ) const {
+   void const* const at = std::memchr( chips(), chip.value(), count_ );
+   return at ? static_cast<U32>( static_cast<U8 const*>( at ) - chips() ) : count_;
+}
+
+EmTableIndex EmTableFapIndices::index( Brine::ChipId chip ) const {
+   U32 const place = placeOf( chip );
+   return place < count_ ? EmTableIndex( slots()[ place ] ) : EmTableIndex();
+}
+
+void EmTableFapIndices::indexIs( Brine::ChipId chip, EmTableIndex slot ) {
+   U32 const place = placeOf( chip );
+   if ( place == count_ ) {
+      makeRoom();
+      chips()[ place ] = chip.value();
+      ++count_;
+   }
+   slots()[ place ] = slot.value();
+}
+
+EmTableIndex EmTableFapIndices::indexDel( Brine::ChipId chip ) {
+   U32 const place = placeOf( chip );
+   if ( place == count_ ) {
+      return {};
+   }
+   EmTableIndex const removed( slots()[ place ] );
+   --count_;
+   slots()[ place ] = slots()[ count_ ];
+   chips()[ place ] = chips()[ count_ ];
+   return removed;
+}
+
+U32 EmTableFapIndices::nextChip( U32 from ) const {
+   U32 lowest = 256;
+   for ( U32 i = 0; i < count_; ++i ) {
+      U32 const chip = chips()[ i ];
+      if ( chip >= from && chip < lowest ) {
+         lowest = chip;
+      }
+   }
+   return lowest;
+}
+
+void EmTableFapIndices::makeRoom() {
+   if ( count_ < capacity_ ) {
+      return;
+   }
+   U16 const larger = static_cast<U16>( capacity_ * 2 );
+   auto memory = std::make_unique_for_overwrite<U32[]>( larger + larger / sizeof( U32 ) );
+   std::copy_n( slots(), count_, memory.get() );
+   std::copy_n( chips(), count_, reinterpret_cast<U8*>( memory.get() + larger ) );
+   more_ = std::move( memory );
+   capacity_ = larger;
+}
+
+} // namespace Tessel

@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+/// What the sources of EmTable share: its contract checks, its trace facility, and the one place
+/// that knows how an image is laid out.
+
+#include "Tessel/EmTable.h"
+#include "Weft/Contract.h"
+#include "Weft/Trace.h"
+
+#include <algorithm>
+
+namespace Tessel {
+
+inline constexpr Weft::SassertHelper sassert{ "EmTable" };
+extern Weft::TraceHelper const emTableTrace;
+
+/// What every making of a key or result from caller bytes traces and checks.
+inline void checkKeySize( U32 keySize, Weft::ContractSite site ) {
+   emTableTrace( 0, "makeEmTableKey", " keySize:", keySize );
+   sassert( keySize <= MAX_KEY_LENGTH_IN_BYTE, site );
+}
+
+inline void checkResultSize( U32 resultSize, Weft::ContractSite site ) {
+   emTableTrace( 0, "makeEmTableResult", " resultSize:", resultSize );
+   sassert( resultSize <= MAX_RESULT_LENGTH_IN_BYTE, site );
+}
+
+inline constexpr char const* keySizeCondition = "keySize <= MAX_KEY_LENGTH_IN_BYTE";
+inline constexpr char const* resultSizeCondition = "resultSize <= MAX_RESULT_LENGTH_IN_BYTE";
+
+/// The trace of one encoding and one decoding.
+inline void traceImageCopy( char const* operation, U32 keyLength, U32 resultLength ) {
+   emTableTrace(
+      7, "EmTableEntry::", operation, " keyLength:", keyLength, " resultLength:", resultLength );
+}
+
+inline char* keyOf( EmTableEntryRaw& raw ) {
+   return reinterpret_cast<char*>( raw.keyAndResult.data() );
+}
+inline char const* keyOf( EmTableEntryRaw const& raw ) {
+   return reinterpret_cast<char const*>( raw.keyAndResult.data() );
+}
+inline char* resultOf( EmTableEntryRaw& raw, U32 keyLength ) {
+   return keyOf( raw ) + keyLength;
+}
+inline char const* resultOf( EmTableEntryRaw const& raw, U32 keyLength ) {
+   return keyOf( raw ) + keyLength;
+}
+inline Weft::BytePtr bytesOf( EmTableEntryRaw& raw ) {
+   return reinterpret_cast<Weft::BytePtr>( &raw );
+}
+
+/// An entry's fixed bytes over zeros; key and result are for the caller to fill in.
+inline EmTableEntryRaw emptyImageOf( Brine::ChipId chipId ) {
+   return { .valid = 1, .chipId = chipId.value(), .keyAndResult = {} };
+}
+
+} // namespace Tessel

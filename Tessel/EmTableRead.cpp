@@ -1,0 +1,162 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Tessel/EmTableInternal.h"
+
+namespace Tessel {
+
+Weft::AllocTrackTypeInfo EmShadowTableReader::memAllocationTracker_;
+
+// ------------------------------------------------------------------------- EmShadowTableReader
+
+EmShadowTableReader::EmShadowTableReader( Corvo::Ptr<ManagedTableBase const> const& table )
+      : ManagedTableReader( table ) {
+   handleInitialized();
+}
+
+Corvo::Ptr<EmShadowTableReader>
+EmShadowTableReader::EmShadowTableReaderIs( Corvo::Ptr<ManagedTableBase const> const& table ) {
+   return Corvo::makePtr<EmShadowTableReader>( table );
+}
+
+Corvo::Ptr<EmShadowTableReader>
+emShadowTableReaderFactory( Corvo::Ptr<ManagedTableBase const> const& table ) {
+   return EmShadowTableReader::EmShadowTableReaderIs( table );
+}
+
+void EmShadowTableReader::handleInitialized() {
+   emShadowTable_ = Corvo::dynamicPtr<EmShadowTable const>( table() );
+   if ( emShadowTable_ ) {
+      return;
+   }
+   sassert.refuse( "emShadowTable()",
+                   "Table ",
+                   table() ? table()->tableName() : Corvo::String( "(null)" ),
+                   " is not an EmShadowTable" );
+}
+
+EmShadowTable const& EmShadowTableReader::emTable( Weft::ContractSite site ) const {
+   sassert( bool( emShadowTable_ ), site );
+   return *emShadowTable_;
+}
+
+EmTableEntry EmShadowTableReader::readByIndex( Brine::ChipId chipId,
+                                               Weft::CharPtrConst key ) const {
+   EmShadowTable const& table = emTable();
+   if ( !table.entryHas( chipId, key ) ) {
+      return {};
+   }
+   EmTableIndex const index =
+      table.getTableIndex( chipId, makeEmTableKey( key, table.tableHelper()->keyLengthBytes() ) );
+   sassert( index.valid(), "index.valid()" );
+   return table.readFromVellumMemory( index );
+}
+
+bool EmShadowTableReader::entryValid( EmTableEntry const& entry,
+                                      Brine::ChipId chipId,
+                                      Weft::CharPtrConst key ) const {
+   U32 const keyLength = emTable().tableHelper()->keyLengthBytes();
+   Corvo::Bytes const& entryKey = entry.key().bytes();
+   return entry.valid() && entry.chipId() == chipId && entryKey.size() >= keyLength &&
+          std::memcmp( key, entryKey.bytesPtr(), keyLength ) == 0;
+}
+
+bool EmShadowTableReader::entryHas( Brine::ChipId chipId, Weft::CharPtrConst key ) const {
+   emTableTrace( 0, "EmShadowTableReader::", "entryHas", " chipId:", chipId );
+   return entryValid( readByIndex( chipId, key ), chipId, key );
+}
+
+bool EmShadowTableReader::entry( Brine::ChipId chipId,
+                                 Weft::CharPtrConst key,
+                                 Weft::CharPtr result ) const {
+   emTableTrace( 0, "EmShadowTableReader::", "entry", " chipId:", chipId );
+   EmTableEntry const found = readByIndex( chipId, key );
+   if ( !entryValid( found, chipId, key ) ) {
+      return false;
+   }
+   std::memcpy( result, found.result().bytes().bytesPtr(), found.result().bytes().size() );
+   return true;
+}
+
+// ------------------------------------------------------------------ EmShadowTableIteratorConst
+
+EmShadowTableIteratorConst::EmShadowTableIteratorConst(
+   Corvo::Ptr<ManagedTableBase const> const& table )
+      : ManagedTableIteratorConst( table ) {
+   handleInitialized();
+}
+
+void EmShadowTableIteratorConst::handleInitialized() {
+   emTable_ = Corvo::dynamicPtr<EmShadowTable const>( table() );
+   sassert( bool( emTable_ ), "emTable()" );
+   doInc();
+}
+
+void EmShadowTableIteratorConst::doInc() {
+   if ( done() ) {
+      return;
+   }
+   sassert( bool( emTable_ ), "emTable()" );
+   U32 const numEntries = emTable_->numEntries_;
+   if ( currentIndex_ >= numEntries ) {
+      doneIs();
+      return;
+   }
+   sassert( bool( emTable_->freeIndexBmp_ ), "emTable()->freeIndexBmp()" );
+   U32 const slot = emTable_->freeIndexBmp_->findClearBitInRange(
+      currentIndex_, numEntries - 1, Brine::HBitmap::IndexPreference::lowest );
+   if ( slot == Brine::HBitmap::invalidIndex ) {
+      doneIs();
+      return;
+   }
+   currentEntry_ = emTable_->readFromVellumMemory( EmTableIndex( slot ) );
+   currentIndex_ = slot + 1;
+}
+
+bool EmShadowTableIteratorConst::key( Weft::CharPtr keyBuf ) const {
+   if ( done() ) {
+      return false;
+   }
+   sassert( bool( emTable_ ), "emTable()" );
+   Corvo::Bytes const& bytes = currentEntry_.key().bytes();
+   U32 const length = emTable_->keyLengthBytes_;
+   if ( !currentEntry_.valid() || bytes.size() < length ) {
+      return false;
+   }
+   std::memcpy( keyBuf, bytes.bytesPtr(), length );
+   return true;
+}
+
+bool EmShadowTableIteratorConst::result( Weft::CharPtr resultBuf ) const {
+   if ( done() ) {
+      return false;
+   }
+   sassert( bool( emTable_ ), "emTable()" );
+   Corvo::Bytes const& bytes = currentEntry_.result().bytes();
+   U32 const length = emTable_->resultLengthBytes_;
+   if ( !currentEntry_.valid() || bytes.size() < length ) {
+      return false;
+   }
+   std::memcpy( resultBuf, bytes.bytesPtr(), length );
+   return true;
+}
+
+bool EmShadowTableIteratorConst::isEq( void const* a, void const* b ) {
+   return *static_cast<EmShadowTableIteratorConst const*>( a ) ==
+          *static_cast<EmShadowTableIteratorConst const*>( b );
+}
+
+bool EmShadowTableIteratorConst::sameAs( ManagedTableIteratorConst const& other ) const {
+   auto const* const same = dynamic_cast<EmShadowTableIteratorConst const*>( &other );
+   return same && emTable_ == same->emTable_ && currentIndex_ == same->currentIndex_ &&
+          currentEntry_ == same->currentEntry_;
+}
+
+std::unique_ptr<ManagedTableIteratorConst> EmShadowTableIteratorConst::clone() const {
+   return std::make_unique<EmShadowTableIteratorConst>( *this );
+}
+
+ManagedTableIteratorConst EmShadowTable::managedTableIteratorConst() const {
+   return ManagedTableIteratorConst::of(
+      std::make_unique<EmShadowTableIteratorConst>( Corvo::Ptr<ManagedTableBase const>( this ) ) );
+}
+
+} // namespace Tessel

@@ -1,0 +1,399 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Tessel/ManagedTableBase.h"
+
+#include "Weft/Contract.h"
+#include "Weft/Trace.h"
+#include "WeftCorvo/Describe.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <ios>
+#include <typeinfo>
+
+namespace Tessel {
+
+Weft::AllocTrackTypeInfo LocalMem::memAllocationTracker_;
+Weft::AllocTrackTypeInfo ManagedTableReader::memAllocationTracker_;
+Weft::AllocTrackTypeInfo ManagedTableBase::memAllocationTracker_;
+
+namespace {
+
+constexpr Weft::SassertHelper sassert{ "ManagedTableBase" };
+Weft::TraceHelper const trace{ "TesselManagedTableBase" };
+
+constexpr char const* unimplemented = "Must be implemented in the derived class";
+
+/// The geometry of a table that must be there and have one.
+TableHelper const& geometryOf( ManagedTableBase const* table, Weft::ContractSite tableSite ) {
+   sassert( table != nullptr, tableSite );
+   TableHelper const* const geometry = table->tableHelper().get();
+   tableSite.condition = "table()->tableHelper()";
+   sassert( geometry != nullptr, tableSite );
+   return *geometry;
+}
+
+void checkLength( Corvo::Bytes const& given,
+                  U32 expected,
+                  char const* what,
+                  Corvo::String const& tableName,
+                  Weft::ContractSite site ) {
+   sassert( given.size() == expected,
+            site,
+            what,
+            " of ",
+            given.size(),
+            " bytes given; table \"",
+            tableName,
+            "\" takes ",
+            expected );
+}
+
+void checkKey( Corvo::Bytes const& key, ManagedTableBase const* table, Weft::ContractSite site ) {
+   U32 const expected = geometryOf( table, site ).keyLengthBytes();
+   site.condition = "key.size() == tableHelper()->keyLengthBytes()";
+   checkLength( key, expected, "key", table->tableName(), site );
+}
+
+/// A byte string of `length` bytes that `fill` has written, or an empty one when it found nothing.
+template<class Fill>
+Corvo::Bytes filled( U32 length, Fill const& fill ) {
+   // Filled in place: a separate buffer would have to be as long as any geometry says.
+   Corvo::Bytes bytes = Corvo::Bytes::ofLength( length );
+   return fill( bytes.writablePtr() ) ? bytes : Corvo::Bytes();
+}
+
+} // namespace
+
+// ------------------------------------------------------------------- ManagedTableIteratorConst
+
+ManagedTableIteratorConst::ManagedTableIteratorConst(
+   Corvo::Ptr<ManagedTableBase const> const& table )
+      : table_( table ) {}
+
+ManagedTableIteratorConst::ManagedTableIteratorConst( ManagedTableIteratorConst const& other )
+      : table_( other.table_ ), done_( other.done_ ),
+        kind_( other.kind_ ? other.kind_->clone() : nullptr ) {}
+
+ManagedTableIteratorConst::ManagedTableIteratorConst( ManagedTableIteratorConst&& ) noexcept =
+   default;
+
+ManagedTableIteratorConst&
+ManagedTableIteratorConst::operator=( ManagedTableIteratorConst const& other ) {
+   return *this = ManagedTableIteratorConst( other );
+}
+
+ManagedTableIteratorConst&
+ManagedTableIteratorConst::operator=( ManagedTableIteratorConst&& ) noexcept = default;
+
+ManagedTableIteratorConst::~ManagedTableIteratorConst() = default;
+
+ManagedTableIteratorConst
+ManagedTableIteratorConst::of( std::unique_ptr<ManagedTableIteratorConst> kind ) {
+   ManagedTableIteratorConst abstractForm( kind->table_ );
+   abstractForm.kind_ = std::move( kind );
+   return abstractForm;
+}
+
+ManagedTableIteratorConst
+ManagedTableIteratorConst::doneOver( Corvo::Ptr<ManagedTableBase const> const& table ) {
+   ManagedTableIteratorConst iterator( table );
+   iterator.doneIs();
+   return iterator;
+}
+
+Brine::ChipId ManagedTableIteratorConst::chipId() const {
+   sassert( kind_ != nullptr, "false", unimplemented );
+   return kind_->chipId();
+}
+
+bool ManagedTableIteratorConst::key( Weft::CharPtr keyBuf ) const {
+   if ( done() ) {
+      return false;
+   }
+   sassert( kind_ != nullptr, "false", unimplemented );
+   return kind_->key( keyBuf );
+}
+
+bool ManagedTableIteratorConst::result( Weft::CharPtr resultBuf ) const {
+   if ( done() ) {
+      return false;
+   }
+   sassert( kind_ != nullptr, "false", unimplemented );
+   return kind_->result( resultBuf );
+}
+
+void ManagedTableIteratorConst::doInc() {
+   if ( done() ) {
+      return;
+   }
+   sassert( kind_ != nullptr, "false", unimplemented );
+   kind_->doInc();
+}
+
+Corvo::Bytes ManagedTableIteratorConst::key_py() const {
+   if ( done() ) {
+      return {};
+   }
+   return filled( geometryOf( table_.get(), "table()" ).keyLengthBytes(),
+                  [ this ]( Weft::CharPtr keyBuf ) { return key( keyBuf ); } );
+}
+
+Corvo::Bytes ManagedTableIteratorConst::result_py() const {
+   if ( done() ) {
+      return {};
+   }
+   return filled( geometryOf( table_.get(), "table()" ).resultLengthBytes(),
+                  [ this ]( Weft::CharPtr resultBuf ) { return result( resultBuf ); } );
+}
+
+bool ManagedTableIteratorConst::operator==( ManagedTableIteratorConst const& other ) const {
+   return this == &other ||
+          ( table_ == other.table_ && done() == other.done() && kind().sameAs( other.kind() ) );
+}
+
+bool ManagedTableIteratorConst::isEq( void const* a, void const* b ) {
+   return *static_cast<ManagedTableIteratorConst const*>( a ) ==
+          *static_cast<ManagedTableIteratorConst const*>( b );
+}
+
+bool ManagedTableIteratorConst::sameAs( ManagedTableIteratorConst const& other ) const {
+   return typeid( *this ) == typeid( other );
+}
+
+std::unique_ptr<ManagedTableIteratorConst> ManagedTableIteratorConst::clone() const {
+   return std::make_unique<ManagedTableIteratorConst>( *this );
+}
+
+// -------------------------------------------------------------------------- ManagedTableReader
+
+ManagedTableReader::ManagedTableReader( Corvo::Ptr<ManagedTableBase const> const& table )
+      : table_( table ) {}
+
+ManagedTableReader::~ManagedTableReader() = default;
+
+bool ManagedTableReader::entryHas_py( Brine::ChipId chipId, Corvo::Bytes const& key ) const {
+   trace( 0, "ManagedTableReader::", "entryHas_py", " chipId: ", chipId, " keySize:", key.size() );
+   checkKey( key, table_.get(), "table()" );
+   return entryHas( chipId, key.bytesPtr() );
+}
+
+Corvo::Bytes ManagedTableReader::entry_py( Brine::ChipId chipId, Corvo::Bytes const& key ) const {
+   trace( 0, "ManagedTableReader::", "entry_py", " chipId: ", chipId, " keySize:", key.size() );
+   checkKey( key, table_.get(), "table()" );
+   return filled( table_->tableHelper()->resultLengthBytes(), [ & ]( Weft::CharPtr result ) {
+      return entry( chipId, key.bytesPtr(), result );
+   } );
+}
+
+// ---------------------------------------------------------------------------- ManagedTableBase
+
+ManagedTableBase::ManagedTableBase( Corvo::String const& tableName,
+                                    Corvo::Ptr<TableHelper const> const& tableHelper,
+                                    Corvo::Ptr<Vellum::VellumChunk> const& vellumChunk,
+                                    U32 vellumOffset )
+      : tableName_( tableName ), tableHelper_( tableHelper ), vellumChunk_( vellumChunk ),
+        chunkInUse_( vellumChunk.get() ), vellumOffset_( vellumOffset ) {}
+
+ManagedTableBase::~ManagedTableBase() = default;
+
+void ManagedTableBase::bufIs( Weft::BytePtr buf ) {
+   buf_ = buf;
+   chooseMemory();
+}
+
+void ManagedTableBase::useLocalMemIs( bool use ) {
+   useLocalMem_ = use;
+   chooseMemory();
+}
+
+void ManagedTableBase::chooseMemory() {
+   chunkInUse_ = buf_ || useLocalMem_ ? nullptr : vellumChunk_.get();
+}
+
+bool ManagedTableBase::entryIs_py( Brine::ChipId chipId,
+                                   Corvo::Bytes const& key,
+                                   Corvo::Bytes const& value ) {
+   trace( 0,
+          "bool Tessel::ManagedTableBase::entryIs_py(Brine::ChipId, const Bytes&, const Bytes&)",
+          " chipId:",
+          chipId,
+          " keySize:",
+          key.size(),
+          " valueSize:",
+          value.size() );
+   checkKey( key, this, "table()" );
+   checkLength( value,
+                tableHelper_->resultLengthBytes(),
+                "value",
+                tableName_,
+                "value.size() == tableHelper()->resultLengthBytes()" );
+   return entryIs( chipId, key.bytesPtr(), value.bytesPtr() );
+}
+
+void ManagedTableBase::entryDel_py( Brine::ChipId chipId, Corvo::Bytes const& key ) {
+   trace( 0, "ManagedTableBase::", "entryDel_py", " chipId: ", chipId, " keySize:", key.size() );
+   checkKey( key, this, "table()" );
+   entryDel( chipId, key.bytesPtr() );
+}
+
+bool ManagedTableBase::entryHas_py( Brine::ChipId chipId, Corvo::Bytes const& key ) const {
+   trace( 0, "ManagedTableBase::", "entryHas_py", " chipId: ", chipId, " keySize:", key.size() );
+   checkKey( key, this, "table()" );
+   return entryHas( chipId, key.bytesPtr() );
+}
+
+Corvo::Bytes ManagedTableBase::entry_py( Brine::ChipId chipId, Corvo::Bytes const& key ) const {
+   trace( 0, "ManagedTableBase::", "entry_py", " chipId: ", chipId, " keySize:", key.size() );
+   checkKey( key, this, "table()" );
+   return filled( tableHelper_->resultLengthBytes(), [ & ]( Weft::CharPtr result ) {
+      return entry( chipId, key.bytesPtr(), result );
+   } );
+}
+
+void ManagedTableBase::writeElsewhere( U32 offset, Weft::BytePtr data, U32 size ) {
+   Weft::BytePtr const memory =
+      elsewhere( offset,
+                 size,
+                 "void Tessel::ManagedTableBase::doWriteVellum(U32, Weft::BytePtr, U32)"
+                 " write to local memory : " );
+   if ( size != 0 ) {
+      std::memcpy( memory, data, size );
+   }
+}
+
+void ManagedTableBase::readElsewhere( U32 offset, Weft::BytePtr data, U32 size ) const {
+   Weft::BytePtr const memory =
+      elsewhere( offset,
+                 size,
+                 "void Tessel::ManagedTableBase::doReadVellum(U32, Weft::BytePtr, U32) const"
+                 " read from local memory : " );
+   if ( size != 0 ) {
+      std::memcpy( data, memory, size );
+   }
+}
+
+Weft::BytePtr ManagedTableBase::elsewhere( U32 offset, U32 size, char const* tracedAs ) const {
+   if ( buf_ ) {
+      // Looked up on every access: the variable may be set or removed at any time.
+      sassert( std::getenv( "SIMULATION_VMID" ) != nullptr, "getenv( \"SIMULATION_VMID\" )" );
+      return buf_ + offset;
+   }
+   sassert( useLocalMem_, "vellumChunk()" );
+   sassert( bool( localBuf_ ), "localBuf()" );
+   sassert( localBuf_->size() >= U64{ size } + offset, "localBuf()->size() >= ( size + offset )" );
+   trace( 9, tracedAs, std::hex, reinterpret_cast<std::uintptr_t>( localBuf_->ptr() ), std::dec );
+   return localBuf_->ptr() + U64{ localOffset_ } + offset;
+}
+
+// ------------------------------------------------------------------------- in the registry
+
+Weft::TypeData LocalMem::typeData() const {
+   return { &_ManagedTableBase_3e817fa977188f87_weftModule, 0 };
+}
+
+Weft::TypeData ManagedTableReader::typeData() const {
+   return { &_ManagedTableBase_3e817fa977188f87_weftModule, 2 };
+}
+
+Weft::TypeData ManagedTableBase::typeData() const {
+   return { &_ManagedTableBase_3e817fa977188f87_weftModule, 3 };
+}
+
+ManagedTableIteratorConst::ManagedTableIteratorConst( Weft::CharRange stringForm ) {
+   WeftCorvo::readAttributes(
+      stringForm, "Tessel::ManagedTableIteratorConst", "table", table_, "done", done_ );
+}
+
+std::ostream& operator<<( std::ostream& stream, ManagedTableIteratorConst const& iterator ) {
+   return stream << WeftCorvo::stringForm( iterator );
+}
+
+namespace {
+
+void describeIterator( Weft::TypeList& types ) {
+   using Iterator = ManagedTableIteratorConst;
+   WeftCorvo::valueType<Iterator>( types, "Tessel::ManagedTableIteratorConst" )
+      .constructor<Corvo::Ptr<ManagedTableBase const>>( "table" )
+      .constant( "table", &Iterator::table )
+      .readOnly( "done", &Iterator::done )
+      .opConst( "chipId", &Iterator::chipId )
+      .opConst( "key", &Iterator::key, "keyBuf" )
+      .opConst( "result", &Iterator::result, "resultBuf" )
+      .op( "doInc", &Iterator::doInc )
+      .opConst( "key_py", &Iterator::key_py )
+      .opConst( "result_py", &Iterator::result_py )
+      .unhashable();
+}
+
+void describeReader( Weft::TypeList& types ) {
+   using Reader = ManagedTableReader;
+   WeftCorvo::entityType<Reader>( types, "Tessel::ManagedTableReader" )
+      .constructorArguments<Corvo::Ptr<ManagedTableBase const>>( "table" )
+      .constant( "table", &Reader::table )
+      .opConst( "entryHas", &Reader::entryHas, "chipId", "key" )
+      .opConst( "entry", &Reader::entry, "chipId", "key", "result" )
+      .opConst( "entryHas_py", &Reader::entryHas_py, "chipId", "key" )
+      .opConst( "entry_py", &Reader::entry_py, "chipId", "key" );
+}
+
+void describeTable( Weft::TypeList& types ) {
+   using Table = ManagedTableBase;
+   WeftCorvo::entityType<Table>( types, "Tessel::ManagedTableBase" )
+      .constructorArguments<Corvo::String,
+                            Corvo::Ptr<TableHelper const>,
+                            Corvo::Ptr<Vellum::VellumChunk>,
+                            U32>( "tableName", "tableHelper", "vellumChunk", "vellumOffset" )
+      .constant( "tableName", &Table::tableName )
+      .constant( "tableHelper", &Table::tableHelper )
+      .constant( "vellumChunk", &Table::vellumChunk )
+      .constant( "vellumOffset", &Table::vellumOffset )
+      .state( "buf", &Table::buf, &Table::bufIs )
+      .state( "useLocalMem", &Table::useLocalMem, &Table::useLocalMemIs )
+      .state( "localOffset", &Table::localOffset, &Table::localOffsetIs )
+      .state( "localBuf", &Table::localBuf, &Table::localBufIs )
+      .opConst( "isFull", &Table::isFull )
+      .opConst( "tableShadowSize", &Table::tableShadowSize )
+      .op( "entryIs", &Table::entryIs, "chipId", "key", "result" )
+      .op( "entryDel", &Table::entryDel, "chipId", "key" )
+      .opConst( "entryHas", &Table::entryHas, "chipId", "key" )
+      .opConst( "entry", &Table::entry, "chipId", "key", "result" )
+      .opConst( "managedTableIteratorConst", &Table::managedTableIteratorConst )
+      .op( "deleteAll", &Table::deleteAll, "chipId" )
+      .op( "clearTable", &Table::clearTable )
+      .op( "entryIs_py", &Table::entryIs_py, "chipId", "key", "value" )
+      .op( "entryDel_py", &Table::entryDel_py, "chipId", "key" )
+      .opConst( "entryHas_py", &Table::entryHas_py, "chipId", "key" )
+      .opConst( "entry_py", &Table::entry_py, "chipId", "key" )
+      .op( "doWriteVellum", &Table::doWriteVellum, "offset", "data", "size" )
+      .opConst( "doReadVellum", &Table::doReadVellum, "offset", "data", "size" )
+      .op( "doWriteVellum64", &Table::doWriteVellum64, "offset", "data" )
+      .opConst( "doReadVellum64", &Table::doReadVellum64, "offset" )
+      .op( "doWriteVellum32", &Table::doWriteVellum32, "offset", "data" )
+      .opConst( "doReadVellum32", &Table::doReadVellum32, "offset" )
+      .op( "doWriteVellum16", &Table::doWriteVellum16, "offset", "data" )
+      .opConst( "doReadVellum16", &Table::doReadVellum16, "offset" );
+}
+
+void describe( Weft::TypeList& types ) {
+   WeftCorvo::entityType<LocalMem>( types, "Tessel::LocalMem" )
+      .constructorArguments<Weft::BytePtr, U32>( "ptr", "size" )
+      .constant( "ptr", &LocalMem::ptr )
+      .constant( "size", &LocalMem::size );
+   describeIterator( types );
+   describeReader( types );
+   describeTable( types );
+}
+
+} // namespace
+
+} // namespace Tessel
+
+constinit Weft::Module const _ManagedTableBase_3e817fa977188f87_weftModule( "ManagedTableBase",
+                                                                            Tessel::describe );
+
+namespace {
+
+[[gnu::init_priority( 2003 )]] Weft::ModuleRegistration const
+   registration( _ManagedTableBase_3e817fa977188f87_weftModule );
+
+} // namespace
