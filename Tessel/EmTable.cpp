@@ -22,21 +22,24 @@ U64 slotLength( TableHelper const& geometry ) {
 }
 
 void traceSlot( char const* operation, EmTableIndex index ) {
-   emTableTrace( 7, "EmShadowTable::", operation, " index:", index );
+   emTableTrace( { 7, operation }, "EmShadowTable::", operation, " index:", index );
 }
 
 void traceLookup( Brine::ChipId chipId, EmTableIndex found ) {
+   constexpr char const* operation = "getTableIndex";
    if ( found.valid() ) {
-      emTableTrace( 7, "EmShadowTable::", "getTableIndex", " chipId:", chipId, " index:", found );
+      emTableTrace(
+         { 7, operation }, "EmShadowTable::", operation, " chipId:", chipId, " index:", found );
    } else {
-      emTableTrace( 7, "EmShadowTable::", "getTableIndex", " non-existing key" );
+      emTableTrace( { 7, operation }, "EmShadowTable::", operation, " non-existing key" );
    }
 }
 
 void traceUpdate( Brine::ChipId chipId, EmTableIndex index ) {
-   emTableTrace( 7,
+   constexpr char const* operation = "updateTableIndex";
+   emTableTrace( { 7, operation },
                  "EmShadowTable::",
-                 "updateTableIndex",
+                 operation,
                  " chipId:",
                  chipId,
                  " valid:",
@@ -46,7 +49,13 @@ void traceUpdate( Brine::ChipId chipId, EmTableIndex index ) {
 }
 
 void traceDelete( Brine::ChipId chipId ) {
-   emTableTrace( 7, "EmShadowTable::", "deleteTableIndex", " chipId:", chipId );
+   constexpr char const* operation = "deleteTableIndex";
+   emTableTrace( { 7, operation }, "EmShadowTable::", operation, " chipId:", chipId );
+}
+
+void traceWrite( char const* operation, EmTableIndex index, Brine::ChipId chipId ) {
+   emTableTrace(
+      { 7, operation }, "EmShadowTable::", operation, " index:", index, " chipId:", chipId );
 }
 
 } // namespace
@@ -122,7 +131,12 @@ void EmShadowTable::handleInitialized() {
       entryLengthBytes_ = static_cast<U32>( slotLength( *geometry ) );
       keyToSlot_ = std::make_unique<KeyToSlotMap>( keyLengthBytes_, numEntries_ );
    }
-   freeIndexBmpIs( 0, numEntries_, HBitmap::BitState::allSet );
+   auto const before = freeIndexBmp_;
+   if ( freeIndexBmpIs( 0, numEntries_, HBitmap::BitState::allSet ) != before ) {
+      // No slot is marked in the new bitmap, so none may be counted either.
+      numUsedEntries_ = 0;
+      usedByChip_.countsAreZero();
+   }
    reconcile();
 }
 
@@ -178,8 +192,8 @@ KeyPlace EmShadowTable::find( Brine::ChipId chipId, Weft::CharPtrConst key ) con
 bool EmShadowTable::entryIs( Brine::ChipId chipId,
                              Weft::CharPtrConst key,
                              Weft::CharPtrConst result ) {
-   checkKeySize( keyLengthBytes_, keySizeCondition );
-   checkResultSize( resultLengthBytes_, resultSizeCondition );
+   checkKeySize( keyLengthBytes_ );
+   checkResultSize( resultLengthBytes_ );
    KeyPlace const place = find( chipId, key );
    if ( !place.index.valid() ) {
       return add( place, chipId, key, result );
@@ -208,7 +222,7 @@ bool EmShadowTable::add( KeyPlace const& place,
 }
 
 void EmShadowTable::entryDel( Brine::ChipId chipId, Weft::CharPtrConst key ) {
-   checkKeySize( keyLengthBytes_, keySizeCondition );
+   checkKeySize( keyLengthBytes_ );
    KeyPlace const place = find( chipId, key );
    if ( !place.index.valid() ) {
       return;
@@ -224,7 +238,7 @@ void EmShadowTable::entryDel( Brine::ChipId chipId, Weft::CharPtrConst key ) {
 }
 
 bool EmShadowTable::entryHas( Brine::ChipId chipId, Weft::CharPtrConst key ) const {
-   checkKeySize( keyLengthBytes_, keySizeCondition );
+   checkKeySize( keyLengthBytes_ );
    return find( chipId, key ).index.valid();
 }
 
@@ -232,7 +246,7 @@ bool EmShadowTable::entry( Brine::ChipId chipId,
                            Weft::CharPtrConst key,
                            Weft::CharPtr result ) const {
    emTableTrace( 7, "EmShadowTable::", "entry", " chipId:", chipId );
-   checkKeySize( keyLengthBytes_, keySizeCondition );
+   checkKeySize( keyLengthBytes_ );
    KeyPlace const place = find( chipId, key );
    if ( !place.index.valid() ) {
       return false;
@@ -256,11 +270,20 @@ void EmShadowTable::deleteAll( Brine::ChipId chipId ) {
 
 void EmShadowTable::deleteOnChip( Brine::ChipId chipId, U64 keyPosition ) {
    EntryKey const key = keyToSlot_->keyAt( keyPosition );
-   if ( KeyToSlotMap::isStray( keyPosition ) ) {
-      keyToSlot_->indexDel( chipId, key );
-      return;
+   bool const present = KeyToSlotMap::isStray( keyPosition ) ||
+                        keyToSlot_->whereAt( keyPosition ).indexOn( chipId ).valid();
+   if ( present ) {
+      deletePair( chipId, key );
    }
-   if ( keyToSlot_->whereAt( keyPosition ).indexOn( chipId ).valid() ) {
+}
+
+void EmShadowTable::deletePair( Brine::ChipId chipId, EntryKey const& key ) {
+   EmTableIndex const index = keyToSlot_->index( chipId, key );
+   U32 const slots = std::min( numEntries_, bitmap().size() );
+   // A caller may have set a key or an index that no image of this table can have.
+   if ( key.bytes().size() != keyLengthBytes_ || index.value() >= slots ) {
+      keyToSlot_->indexDel( chipId, key );
+   } else {
       entryDel( chipId, key.bytes().bytesPtr() );
    }
 }
@@ -280,12 +303,12 @@ void EmShadowTable::deleteOnAllChips( U64 keyPosition ) {
    EntryKey const key = keyToSlot_->keyAt( keyPosition );
    SlotOrObject const where = keyToSlot_->whereAt( keyPosition );
    if ( !where.isObject() ) {
-      entryDel( where.chip(), key.bytes().bytesPtr() );
+      deletePair( where.chip(), key );
       return;
    }
    Corvo::Ptr<EmTableFapIndices> const indices( where.object() );
    for ( U32 chip = indices->nextChip( 0 ); chip < 256; chip = indices->nextChip( chip + 1 ) ) {
-      entryDel( Brine::ChipId( static_cast<U8>( chip ) ), key.bytes().bytesPtr() );
+      deletePair( Brine::ChipId( static_cast<U8>( chip ) ), key );
    }
    // What is left has no slots: an object that a caller emptied, or filled with invalid indices.
    keyToSlot_->objectDel( key );
@@ -369,9 +392,9 @@ void EmShadowTable::deleteTableIndex( Brine::ChipId chipId, EntryKey const& key 
 
 // --------------------------------------------------------------------------------------- slots
 
-void EmShadowTable::checkSlot( EmTableIndex index, Weft::ContractSite site ) const {
+void EmShadowTable::checkSlot( EmTableIndex index, char const* operation ) const {
    sassert( index.value() < numEntries_,
-            site,
+            { "index.value() < tableHelper()->numEntries()", operation },
             "Table ",
             tableName(),
             " has ",
@@ -415,7 +438,7 @@ U32 EmShadowTable::numUsedEntriesByChipIdDec( Brine::ChipId chip, U32 amount ) {
 EmTableIndex EmShadowTable::alloc() {
    HBitmap& free = bitmap();
    U32 const slot = free.findBitInSetState( HBitmap::IndexPreference::lowest );
-   if ( slot == HBitmap::invalidIndex ) {
+   if ( slot >= numEntries_ ) { // none, or one that only a bitmap of another size has
       return {};
    }
    free.clearBit( slot );
@@ -440,9 +463,8 @@ void EmShadowTable::writeImage( EmTableIndex index,
                                 Brine::ChipId chipId,
                                 Weft::CharPtrConst key,
                                 Weft::CharPtrConst result ) {
-   emTableTrace(
-      7, "EmShadowTable::", "writeToVellumMemory", " index:", index, " chipId:", chipId );
-   checkSlot( index );
+   traceWrite( "writeToVellumMemory", index, chipId );
+   checkSlot( index, "writeToVellumMemory" );
    traceImageCopy( "copyToBuf", keyLengthBytes_, resultLengthBytes_ );
    EmTableEntryRaw raw = emptyImageOf( chipId );
    Vellum::copyShort( keyOf( raw ), key, keyLengthBytes_ );
@@ -450,8 +472,10 @@ void EmShadowTable::writeImage( EmTableIndex index,
    doWriteVellum( offsetOf( index ), bytesOf( raw ), entryLengthBytes_ );
 }
 
-void EmShadowTable::writeEntry( EmTableIndex index, EmTableEntry const& entry ) {
-   checkSlot( index );
+void EmShadowTable::writeEntry( EmTableIndex index,
+                                EmTableEntry const& entry,
+                                char const* operation ) {
+   checkSlot( index, operation );
    EmTableEntryRaw raw;
    entry.copyToBuf( &raw, keyLengthBytes_, resultLengthBytes_ );
    doWriteVellum( offsetOf( index ), bytesOf( raw ), entryLengthBytes_ );
@@ -461,35 +485,33 @@ void EmShadowTable::writeToVellumMemory( EmTableIndex index,
                                          Brine::ChipId chipId,
                                          EntryKey const& key,
                                          EntryResult const& result ) {
-   emTableTrace(
-      7, "EmShadowTable::", "writeToVellumMemory", " index:", index, " chipId:", chipId );
-   writeEntry( index, EmTableEntry( true, chipId, key, result ) );
+   traceWrite( "writeToVellumMemory", index, chipId );
+   writeEntry( index, EmTableEntry( true, chipId, key, result ), "writeToVellumMemory" );
 }
 
 void EmShadowTable::writeToShadowMemory( EmTableIndex index,
                                          Brine::ChipId chipId,
                                          EntryKey const& key,
                                          EntryResult const& result ) {
-   emTableTrace(
-      7, "EmShadowTable::", "writeToShadowMemory", " index:", index, " chipId:", chipId );
-   writeEntry( index, EmTableEntry( true, chipId, key, result ) );
+   traceWrite( "writeToShadowMemory", index, chipId );
+   writeEntry( index, EmTableEntry( true, chipId, key, result ), "writeToShadowMemory" );
 }
 
 void EmShadowTable::invalidateVellumMemory( EmTableIndex index ) {
    traceSlot( "invalidateVellumMemory", index );
-   writeEntry( index, EmTableEntry() );
+   writeEntry( index, EmTableEntry(), "invalidateVellumMemory" );
 }
 
 bool EmShadowTable::readImage( EmTableIndex index, EmTableEntryRaw& raw ) const {
    traceSlot( "readFromVellumMemory", index );
-   checkSlot( index );
+   checkSlot( index, "readFromVellumMemory" );
    bool const visible = readVisible( offsetOf( index ), bytesOf( raw ), entryLengthBytes_ );
    traceImageCopy( "copyFromBuf", keyLengthBytes_, resultLengthBytes_ );
    if ( !visible || raw.valid == 0 ) {
       return false;
    }
-   checkKeySize( keyLengthBytes_, keySizeCondition );
-   checkResultSize( resultLengthBytes_, resultSizeCondition );
+   checkKeySize( keyLengthBytes_ );
+   checkResultSize( resultLengthBytes_ );
    return true;
 }
 

@@ -20,7 +20,7 @@
 /// Key pointers point at K bytes and result pointers at R bytes; no length travels with them.
 ///
 /// Contract failures name the source "EmTable" unless said otherwise; after one, table and memory
-/// are as they were before the call. So they are after std::bad_alloc, which any operation may throw
+/// are as they were before the call (but for the map's capacity). So they are after std::bad_alloc, which any operation may throw
 /// that adds something or returns a new object. A bulk removal that fails on its way stops between
 /// two entries.
 ///
@@ -115,8 +115,9 @@ class [[gnu::visibility( "default" )]] EmTableEntry {
    void resultIs( EntryResult const& result ) { result_ = result; }
 
    /// Writes all 36 bytes of `raw`: the image, zero behind it; all zero when not valid. A key or
-   /// result shorter than its length is filled up with zeros, a longer one is cut. Contract failures
-   /// as makeEmTableKey and makeEmTableResult.
+   /// result shorter than its length is filled up with zeros, a longer one is cut. Contract failures of
+   /// a valid entry: "keyLength <= MAX_KEY_LENGTH_IN_BYTE",
+   /// "resultLength <= MAX_RESULT_LENGTH_IN_BYTE".
    void copyToBuf( EmTableEntryRaw* raw, U32 keyLength, U32 resultLength ) const;
    /// Takes the image in `raw` over; a free one leaves the entry unchanged. Contract failures as
    /// makeEmTableKey and makeEmTableResult.
@@ -205,6 +206,8 @@ class ChipCounts {
       return std::exchange( counts_[ chip.value() ], 0 );
    }
    void delAll() { *this = ChipCounts(); }
+   /// The members stay.
+   void countsAreZero() { counts_.fill( 0 ); }
    bool has( Brine::ChipId chip ) const { return members_.test( chip.value() ); }
    U32 members() const { return static_cast<U32>( members_.count() ); }
    /// The lowest member that is at least `from`; `capacity` when there is none.
@@ -271,7 +274,8 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    U32 entryLengthBytes() const { return entryLengthBytes_; }
 
    /// A new pair takes the lowest free slot; a pair that has one is rewritten in place, also when
-   /// the table is full. Contract failure "freeIndexBmp()" when the bitmap has been removed.
+   /// the table is full. Contract failure "freeIndexBmp()" for a new pair when the bitmap has been
+   /// removed.
    bool entryIs( Brine::ChipId chipId, Weft::CharPtrConst key, Weft::CharPtrConst result ) override;
    /// The slot becomes all zero and free. Contract failure "freeIndexBmp()" when the bitmap has been
    /// removed.
@@ -399,8 +403,7 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    friend class EmShadowTableIteratorConst;
    class ClaimedSlot;
 
-   void checkSlot( EmTableIndex index,
-                   Weft::ContractSite site = "index.value() < tableHelper()->numEntries()" ) const;
+   void checkSlot( EmTableIndex index, char const* operation = __builtin_FUNCTION() ) const;
    Brine::HBitmap& bitmap( Weft::ContractSite site = "freeIndexBmp()" ) const;
    U32 offsetOf( EmTableIndex index ) const { return index.value() * entryLengthBytes_; }
    KeyPlace find( Brine::ChipId chipId, Weft::CharPtrConst key ) const;
@@ -414,10 +417,11 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
                     Brine::ChipId chipId,
                     Weft::CharPtrConst key,
                     Weft::CharPtrConst result );
-   void writeEntry( EmTableIndex index, EmTableEntry const& entry );
+   void writeEntry( EmTableIndex index, EmTableEntry const& entry, char const* operation );
    bool readImage( EmTableIndex index, EmTableEntryRaw& raw ) const;
    void deleteOnChip( Brine::ChipId chipId, U64 keyPosition );
    void deleteOnAllChips( U64 keyPosition );
+   void deletePair( Brine::ChipId chipId, EntryKey const& key );
 
    // The geometry, which never changes, where every operation needs it.
    U32 keyLengthBytes_ = 0;

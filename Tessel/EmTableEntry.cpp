@@ -11,12 +11,12 @@ static_assert( offsetof( EmTableEntryRaw, chipId ) == 1 );
 static_assert( offsetof( EmTableEntryRaw, keyAndResult ) == 2 );
 
 EntryKey makeEmTableKey( Weft::CharPtrConst key, U32 keySize ) {
-   checkKeySize( keySize, keySizeCondition );
+   checkKeySize( keySize );
    return EntryKey( Corvo::Bytes( key, keySize ) );
 }
 
 EntryResult makeEmTableResult( Weft::CharPtrConst result, U32 resultSize ) {
-   checkResultSize( resultSize, resultSizeCondition );
+   checkResultSize( resultSize );
    return EntryResult( Corvo::Bytes( result, resultSize ) );
 }
 
@@ -24,13 +24,13 @@ EntryResult makeEmTableResult( Weft::CharPtrConst result, U32 resultSize ) {
 
 void EmTableEntry::copyToBuf( EmTableEntryRaw* raw, U32 keyLength, U32 resultLength ) const {
    traceImageCopy( "copyToBuf", keyLength, resultLength );
-   sassert( keyLength <= MAX_KEY_LENGTH_IN_BYTE, "keyLength <= MAX_KEY_LENGTH_IN_BYTE" );
-   sassert( resultLength <= MAX_RESULT_LENGTH_IN_BYTE,
-            "resultLength <= MAX_RESULT_LENGTH_IN_BYTE" );
    if ( !valid_ ) {
       *raw = {};
       return;
    }
+   sassert( keyLength <= MAX_KEY_LENGTH_IN_BYTE, "keyLength <= MAX_KEY_LENGTH_IN_BYTE" );
+   sassert( resultLength <= MAX_RESULT_LENGTH_IN_BYTE,
+            "resultLength <= MAX_RESULT_LENGTH_IN_BYTE" );
    *raw = emptyImageOf( chipId_ );
    Corvo::Bytes const& key = key_.bytes();
    Corvo::Bytes const& result = result_.bytes();
@@ -51,7 +51,9 @@ void EmTableEntry::copyFromBuf( EmTableEntryRaw const* raw, U32 keyLength, U32 r
    valid_ = true;
 }
 
-std::strong_ordering operator<=>( EmTableEntry const& a, EmTableEntry const& b ) {
+// Exported here: a friend declaration in a class takes no visibility.
+[[gnu::visibility( "default" )]] std::strong_ordering operator<=>( EmTableEntry const& a,
+                                                                   EmTableEntry const& b ) {
    if ( auto const order = a.valid_ <=> b.valid_; order != 0 ) {
       return order;
    }

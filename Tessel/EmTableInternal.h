@@ -16,23 +16,28 @@ inline constexpr Weft::SassertHelper sassert{ "EmTable" };
 extern Weft::TraceHelper const emTableTrace;
 
 /// What every making of a key or result from caller bytes traces and checks.
-inline void checkKeySize( U32 keySize, Weft::ContractSite site ) {
-   emTableTrace( 0, "makeEmTableKey", " keySize:", keySize );
-   sassert( keySize <= MAX_KEY_LENGTH_IN_BYTE, site );
+inline void checkKeySize( U32 keySize ) {
+   constexpr char const* operation = "makeEmTableKey";
+   emTableTrace( { 0, operation }, operation, " keySize:", keySize );
+   sassert( keySize <= MAX_KEY_LENGTH_IN_BYTE, { "keySize <= MAX_KEY_LENGTH_IN_BYTE", operation } );
 }
 
-inline void checkResultSize( U32 resultSize, Weft::ContractSite site ) {
-   emTableTrace( 0, "makeEmTableResult", " resultSize:", resultSize );
-   sassert( resultSize <= MAX_RESULT_LENGTH_IN_BYTE, site );
+inline void checkResultSize( U32 resultSize ) {
+   constexpr char const* operation = "makeEmTableResult";
+   emTableTrace( { 0, operation }, operation, " resultSize:", resultSize );
+   sassert( resultSize <= MAX_RESULT_LENGTH_IN_BYTE,
+            { "resultSize <= MAX_RESULT_LENGTH_IN_BYTE", operation } );
 }
-
-inline constexpr char const* keySizeCondition = "keySize <= MAX_KEY_LENGTH_IN_BYTE";
-inline constexpr char const* resultSizeCondition = "resultSize <= MAX_RESULT_LENGTH_IN_BYTE";
 
 /// The trace of one encoding and one decoding.
 inline void traceImageCopy( char const* operation, U32 keyLength, U32 resultLength ) {
-   emTableTrace(
-      7, "EmTableEntry::", operation, " keyLength:", keyLength, " resultLength:", resultLength );
+   emTableTrace( { 7, operation },
+                 "EmTableEntry::",
+                 operation,
+                 " keyLength:",
+                 keyLength,
+                 " resultLength:",
+                 resultLength );
 }
 
 inline char* keyOf( EmTableEntryRaw& raw ) {

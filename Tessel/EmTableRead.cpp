@@ -23,14 +23,14 @@ emShadowTableReaderFactory( Corvo::Ptr<ManagedTableBase const> const& table ) {
 }
 
 void EmShadowTableReader::handleInitialized() {
-   emShadowTable_ = Corvo::dynamicPtr<EmShadowTable const>( table() );
-   if ( emShadowTable_ ) {
-      return;
+   auto exactMatch = Corvo::dynamicPtr<EmShadowTable const>( table() );
+   if ( !exactMatch ) {
+      sassert.refuse( "emShadowTable()",
+                      "Table ",
+                      table() ? table()->tableName() : Corvo::String( "(null)" ),
+                      " is not an EmShadowTable" );
    }
-   sassert.refuse( "emShadowTable()",
-                   "Table ",
-                   table() ? table()->tableName() : Corvo::String( "(null)" ),
-                   " is not an EmShadowTable" );
+   emShadowTable_ = std::move( exactMatch );
 }
 
 EmShadowTable const& EmShadowTableReader::emTable( Weft::ContractSite site ) const {
@@ -56,7 +56,7 @@ bool EmShadowTableReader::entryValid( EmTableEntry const& entry,
    U32 const keyLength = emTable().tableHelper()->keyLengthBytes();
    Corvo::Bytes const& entryKey = entry.key().bytes();
    return entry.valid() && entry.chipId() == chipId && entryKey.size() >= keyLength &&
-          std::memcmp( key, entryKey.bytesPtr(), keyLength ) == 0;
+          Vellum::equalShort( key, entryKey.bytesPtr(), keyLength );
 }
 
 bool EmShadowTableReader::entryHas( Brine::ChipId chipId, Weft::CharPtrConst key ) const {
@@ -72,7 +72,8 @@ bool EmShadowTableReader::entry( Brine::ChipId chipId,
    if ( !entryValid( found, chipId, key ) ) {
       return false;
    }
-   std::memcpy( result, found.result().bytes().bytesPtr(), found.result().bytes().size() );
+   Corvo::Bytes const& bytes = found.result().bytes();
+   Vellum::copyShort( result, bytes.bytesPtr(), bytes.size() );
    return true;
 }
 
@@ -85,8 +86,9 @@ EmShadowTableIteratorConst::EmShadowTableIteratorConst(
 }
 
 void EmShadowTableIteratorConst::handleInitialized() {
-   emTable_ = Corvo::dynamicPtr<EmShadowTable const>( table() );
-   sassert( bool( emTable_ ), "emTable()" );
+   auto exactMatch = Corvo::dynamicPtr<EmShadowTable const>( table() );
+   sassert( bool( exactMatch ), "emTable()" );
+   emTable_ = std::move( exactMatch );
    doInc();
 }
 
@@ -121,7 +123,7 @@ bool EmShadowTableIteratorConst::key( Weft::CharPtr keyBuf ) const {
    if ( !currentEntry_.valid() || bytes.size() < length ) {
       return false;
    }
-   std::memcpy( keyBuf, bytes.bytesPtr(), length );
+   Vellum::copyShort( keyBuf, bytes.bytesPtr(), length );
    return true;
 }
 
@@ -135,7 +137,7 @@ bool EmShadowTableIteratorConst::result( Weft::CharPtr resultBuf ) const {
    if ( !currentEntry_.valid() || bytes.size() < length ) {
       return false;
    }
-   std::memcpy( resultBuf, bytes.bytesPtr(), length );
+   Vellum::copyShort( resultBuf, bytes.bytesPtr(), length );
    return true;
 }
 

@@ -59,7 +59,7 @@ template<class Fill>
 Corvo::Bytes filled( U32 length, Fill const& fill ) {
    // Filled in place: a separate buffer would have to be as long as any geometry says.
    Corvo::Bytes bytes = Corvo::Bytes::ofLength( length );
-   return fill( bytes.writablePtr() ) ? bytes : Corvo::Bytes();
+   return fill( bytes.writablePtr() ) ? std::move( bytes ) : Corvo::Bytes();
 }
 
 } // namespace
@@ -254,6 +254,7 @@ void ManagedTableBase::writeElsewhere( U32 offset, Weft::BytePtr data, U32 size 
    Weft::BytePtr const memory =
       elsewhere( offset,
                  size,
+                 "doWriteVellum",
                  "void Tessel::ManagedTableBase::doWriteVellum(U32, Weft::BytePtr, U32)"
                  " write to local memory : " );
    if ( size != 0 ) {
@@ -265,6 +266,7 @@ void ManagedTableBase::readElsewhere( U32 offset, Weft::BytePtr data, U32 size )
    Weft::BytePtr const memory =
       elsewhere( offset,
                  size,
+                 "doReadVellum",
                  "void Tessel::ManagedTableBase::doReadVellum(U32, Weft::BytePtr, U32) const"
                  " read from local memory : " );
    if ( size != 0 ) {
@@ -272,16 +274,25 @@ void ManagedTableBase::readElsewhere( U32 offset, Weft::BytePtr data, U32 size )
    }
 }
 
-Weft::BytePtr ManagedTableBase::elsewhere( U32 offset, U32 size, char const* tracedAs ) const {
+Weft::BytePtr ManagedTableBase::elsewhere( U32 offset,
+                                           U32 size,
+                                           char const* operation,
+                                           char const* tracedAs ) const {
    if ( buf_ ) {
       // Looked up on every access: the variable may be set or removed at any time.
-      sassert( std::getenv( "SIMULATION_VMID" ) != nullptr, "getenv( \"SIMULATION_VMID\" )" );
+      sassert( std::getenv( "SIMULATION_VMID" ) != nullptr,
+               { "getenv( \"SIMULATION_VMID\" )", operation } );
       return buf_ + offset;
    }
-   sassert( useLocalMem_, "vellumChunk()" );
-   sassert( bool( localBuf_ ), "localBuf()" );
-   sassert( localBuf_->size() >= U64{ size } + offset, "localBuf()->size() >= ( size + offset )" );
-   trace( 9, tracedAs, std::hex, reinterpret_cast<std::uintptr_t>( localBuf_->ptr() ), std::dec );
+   sassert( useLocalMem_, { "vellumChunk()", operation } );
+   sassert( bool( localBuf_ ), { "localBuf()", operation } );
+   sassert( localBuf_->size() >= U64{ size } + offset,
+            { "localBuf()->size() >= ( size + offset )", operation } );
+   trace( { 9, operation },
+          tracedAs,
+          std::hex,
+          reinterpret_cast<std::uintptr_t>( localBuf_->ptr() ),
+          std::dec );
    return localBuf_->ptr() + U64{ localOffset_ } + offset;
 }
 

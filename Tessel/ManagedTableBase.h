@@ -133,7 +133,8 @@ class [[gnu::visibility( "default" )]] ManagedTableIteratorConst {
    std::unique_ptr<ManagedTableIteratorConst> kind_; ///< in the abstract form; null otherwise
 };
 
-/// Writes the string form, which parses back to an equal value while its table lives.
+/// Writes the string form: table and done(). It parses back, while the table lives, to a plain base
+/// iterator over the same table.
 [[gnu::visibility( "default" )]] std::ostream& operator<<( std::ostream&,
                                                            ManagedTableIteratorConst const& );
 
@@ -277,7 +278,8 @@ class [[gnu::visibility( "default" )]] ManagedTableBase : public Corvo::Node {
    void writeElsewhere( U32 offset, Weft::BytePtr data, U32 size );
    void readElsewhere( U32 offset, Weft::BytePtr data, U32 size ) const;
    /// The accesses of raw-buffer and local-memory mode: where the bytes are.
-   Weft::BytePtr elsewhere( U32 offset, U32 size, char const* tracedAs ) const;
+   Weft::BytePtr
+   elsewhere( U32 offset, U32 size, char const* operation, char const* tracedAs ) const;
    void chooseMemory();
 
    template<class Number>

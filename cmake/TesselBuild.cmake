@@ -22,10 +22,23 @@ function( tessel_compile_options target )
    endif()
 endfunction()
 
-# For what surrounds the library: instrumented, it is compiled unoptimised, which takes half the time.
-function( tessel_compile_fast_when_instrumented target )
+# For the tool: as the library, but with line numbers as its only debug information, and unoptimised
+# where it is instrumented. Its big headers take twice as long otherwise.
+function( tessel_tool_compile_options target )
+   tessel_compile_options( ${target} )
+   target_compile_options( ${target} PRIVATE $<$<CONFIG:Release>:-g1> )
    if( TESSEL_SANITIZE )
       target_compile_options( ${target} PRIVATE -O0 )
+   endif()
+endfunction()
+
+# For the tests, which are more code than the library and compiled more often than run: not
+# optimised (which also spares them what GCC 12 believes of inlined strings), and without the checks of UndefinedBehaviorSanitizer, which the library under test has.
+function( tessel_test_compile_options target )
+   tessel_tool_compile_options( ${target} )
+   target_compile_options( ${target} PRIVATE $<$<CONFIG:Release>:-O0> )
+   if( TESSEL_SANITIZE MATCHES "undefined" )
+      target_compile_options( ${target} PRIVATE -fno-sanitize=undefined )
    endif()
 endfunction()
 

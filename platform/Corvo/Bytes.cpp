@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Corvo/Bytes.h"
 
+#include <cstdlib>
 #include <limits>
-#include <memory>
+#include <new>
 #include <stdexcept>
 
 namespace Corvo {
@@ -16,23 +17,31 @@ U32 checkedLength( std::string_view text ) {
    return static_cast<U32>( text.size() );
 }
 
+// Pages of a long string that nobody writes are never touched.
+char* zeros( U32 length ) {
+   void* const bytes = std::calloc( length, 1 );
+   if ( bytes == nullptr ) {
+      throw std::bad_alloc();
+   }
+   return static_cast<char*>( bytes );
+}
+
 } // namespace
 
 Bytes::Bytes( std::string_view text ) : Bytes( text.data(), checkedLength( text ) ) {}
 
 void Bytes::holdOnHeap( void const* data ) {
-   auto bytes = std::make_unique_for_overwrite<char[]>( length_ );
-   std::memcpy( bytes.get(), data, length_ );
-   heapBytesAre( bytes.release() );
+   heapBytesAre( zeros( length_ ) );
+   std::memcpy( heapBytes(), data, length_ );
 }
 
 void Bytes::becomeHeapZeros( U32 length ) {
-   heapBytesAre( std::make_unique<char[]>( length ).release() );
+   heapBytesAre( zeros( length ) );
    length_ = length;
 }
 
 void Bytes::dropHeap() {
-   std::unique_ptr<char[]>( heapBytes() ).reset();
+   std::free( heapBytes() );
 }
 
 } // namespace Corvo

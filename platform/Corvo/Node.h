@@ -15,6 +15,7 @@
 /// derived type.
 
 #include "Corvo/ThreadControl.h"
+#include "Quarry/Slab.h"
 #include "Weft/TypeData.h"
 #include "Weft/Types.h"
 
@@ -31,6 +32,12 @@ class [[gnu::visibility( "default" )]] Node {
    Node( Node const& ) = delete;
    Node& operator=( Node const& ) = delete;
    virtual ~Node();
+
+   /// Every object's memory comes from the slab allocator.
+   static void* operator new( std::size_t size ) { return Quarry::slabAllocOrStdMalloc( size ); }
+   static void operator delete( void* memory, std::size_t size ) noexcept {
+      Quarry::slabFreeOrStdFree( memory, size );
+   }
 
    /// Called once, when the last reference goes: destroys the object and returns its memory.
    virtual void lastUserGone() const;

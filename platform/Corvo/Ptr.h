@@ -7,13 +7,13 @@
 /// one object is said by Corvo::ThreadControl::tsp_.
 
 #include "Corvo/Node.h"
-#include "Quarry/Slab.h"
 #include "Weft/AllocTrackTypeInfo.h"
 
 #include <compare>
 #include <concepts>
 #include <cstddef>
 #include <functional>
+#include <type_traits>
 #include <utility>
 
 namespace Corvo {
@@ -86,7 +86,7 @@ Ptr<T> dynamicPtr( Ptr<U> const& object ) {
    return Ptr<T>( dynamic_cast<T*>( object.get() ) );
 }
 
-/// A `T` whose memory comes from the slab allocator and is counted by `T::memAllocationTracker_`
+/// A `T` that is counted by `T::memAllocationTracker_`
 /// while it lives. Only makePtr makes one.
 template<class T>
 class SlabHeld final : public T {
@@ -94,23 +94,27 @@ class SlabHeld final : public T {
    using T::T;
 
    static void* operator new( std::size_t size ) {
-      void* const memory = Quarry::slabAllocOrStdMalloc( size );
+      void* const memory = Node::operator new( size );
       T::memAllocationTracker_.allocationInc();
       return memory;
    }
    static void operator delete( void* memory, std::size_t size ) noexcept {
       T::memAllocationTracker_.allocationDec();
-      Quarry::slabFreeOrStdFree( memory, size );
+      Node::operator delete( memory, size );
    }
 };
 
 /// A new `T` with one reference, held by the result. What the constructor throws is passed on, and
 /// std::bad_alloc when there is no memory; then nothing is left behind. `T` has a public constructor
-/// for the arguments and is not final.
+/// for the arguments. Objects of a final `T` are not counted.
 template<class T, class... Arguments>
    requires std::derived_from<T, Node>
 Ptr<T> makePtr( Arguments&&... arguments ) {
-   return Ptr<T>::adopt( new SlabHeld<T>( std::forward<Arguments>( arguments )... ) );
+   if constexpr ( std::is_final_v<T> ) {
+      return Ptr<T>::adopt( new T( std::forward<Arguments>( arguments )... ) );
+   } else {
+      return Ptr<T>::adopt( new SlabHeld<T>( std::forward<Arguments>( arguments )... ) );
+   }
 }
 
 } // namespace Corvo

@@ -209,21 +209,7 @@ template<class Work>
 
 inline constexpr U32 longestReading = 48;
 
-/// More bytes than a Reading holds. Its destination is its only copy.
-class LongReading {
- public:
-   LongReading( U8* copy, U32 length ) : copy_( copy ), length_( length ) {}
-
-   U8 firstByte() const { return *copy_; }
-   void take( U8 const* from ) { std::memcpy( copy_, from, length_ ); }
-   bool matches( U8 const* from ) const { return std::memcmp( copy_, from, length_ ) == 0; }
-
- private:
-   U8* copy_;
-   U32 length_;
-};
-
-/// A Reading in registers, with the operations of LongReading.
+/// One try at an image, in registers.
 template<class R>
 class ShortReading {
  public:
@@ -254,6 +240,18 @@ inline void storeBody( U8* to, U8 const* from, U32 length, U8 first ) {
       body.firstByteIs( first );
       body.store( to, length );
    } );
+}
+
+/// More bytes than any image of a table: a reading that a writer was in is repeated a few times.
+inline void loadLong( U8 const* from, U8* to, U32 length ) {
+   constexpr U32 enough = 4;
+   for ( U32 tries = 0; tries < enough; ++tries ) {
+      std::memcpy( to, from, length );
+      orderLoads();
+      if ( std::memcmp( to, from, length ) == 0 ) {
+         return;
+      }
+   }
 }
 
 inline U32 firstWord( U8 const* image, U32 length ) {
@@ -350,7 +348,7 @@ inline void loadImage( U8 const* from, U8* to, U32 length ) {
       return;
    }
    if ( length > detail::longestReading ) {
-      detail::takeImage( detail::LongReading( to, length ), from, length );
+      detail::loadLong( from, to, length );
       return;
    }
    detail::withReadingFor( length, [ & ]<class R>( std::type_identity<R> ) {

@@ -102,13 +102,13 @@ Mapping mapShared( FileDescriptor const& memory,
 }
 
 /// Shared memory is promised, not reserved: a page that the system cannot supply when it is first
-/// touched ends the process. So a size that is not there now is refused now.
+/// touched ends the process. So a size that could never be there is refused now.
 void checkRoom( FileDescriptor const& memory, Corvo::String const& name, U32 size ) {
    struct statvfs system {};
    if ( ::fstatvfs( memory.number(), &system ) != 0 || system.f_blocks == 0 ) {
       return;
    }
-   if ( U64{ system.f_bavail } * system.f_frsize < size ) {
+   if ( U64{ system.f_blocks } * system.f_frsize < size ) {
       refuse( std::errc::no_space_on_device, name, "cannot be created" );
    }
 }
@@ -139,7 +139,8 @@ U32 checkedSize( struct stat const& status, Corvo::String const& name ) {
 }
 
 FileDescriptor openedByName( Corvo::String const& name, VellumChunk::Access access ) {
-   int const mode = access == VellumChunk::Access::readOnly ? O_RDONLY : O_RDWR;
+   // Without waiting: the name may turn out to be a pipe that nobody writes to.
+   int const mode = O_NONBLOCK | ( access == VellumChunk::Access::readOnly ? O_RDONLY : O_RDWR );
    int const number = ::shm_open( name.c_str(), mode, 0 );
    if ( number < 0 ) {
       refuseAsSystemSays( name, errno == ELOOP ? "is a symbolic link" : "cannot be opened" );
@@ -157,7 +158,7 @@ Mapping::~Mapping() {
 
 VellumChunk::VellumChunk( Mapping mapping, Corvo::String name, Access access )
       : mapping_( std::move( mapping ) ), name_( std::move( name ) ), access_( access ),
-        writableSize_( access == Access::readWrite ? mapping_.size() : 0 ) {}
+        writesEndBefore_( access == Access::readWrite ? U64{ mapping_.size() } + 1 : 0 ) {}
 
 Corvo::Ptr<VellumChunk> VellumChunk::inProcess( U32 size ) {
    if ( size == 0 ) {
@@ -214,7 +215,7 @@ void VellumChunk::remove( Corvo::String const& name ) {
 
 void VellumChunk::refuseWrite( U64 offset, U32 length ) const {
    sassert( access_ == Access::readWrite,
-            "access() == Access::readWrite",
+            { "access() == Access::readWrite", "write" },
             "Chunk \"",
             name_,
             "\" is open for reading only" );
@@ -222,7 +223,7 @@ void VellumChunk::refuseWrite( U64 offset, U32 length ) const {
 }
 
 void VellumChunk::refuseOutside( char const* what, U64 offset, U32 length ) const {
-   sassert.refuse( "offset + length <= size()",
+   sassert.refuse( { "offset + length <= size()", what },
                    what,
                    " of ",
                    length,

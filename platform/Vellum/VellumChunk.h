@@ -50,8 +50,8 @@ class [[gnu::visibility( "default" )]] VellumChunk : public Corvo::Node {
    /// New POSIX shared memory of `size` zero bytes under `name`, for its owner alone (mode 0600),
    /// open for reading and writing. A name is a slash and 1 to 254 further bytes without a slash.
    /// std::system_error, with the name and the cause: a malformed name or a size of 0
-   /// (invalid_argument), a name that exists, whatever it is (file_exists), less memory left in the
-   /// system than asked for (no_space_on_device), or what the system answers. A failure leaves no
+   /// (invalid_argument), a name that exists, whatever it is (file_exists), more memory than the
+   /// system has for this (no_space_on_device), or what the system answers. A failure leaves no
    /// new name behind.
    static Corvo::Ptr<VellumChunk> create( Corvo::String const& name, U32 size );
 
@@ -78,7 +78,7 @@ class [[gnu::visibility( "default" )]] VellumChunk : public Corvo::Node {
 
    /// write and read for callers whose offset is a sum: one past 32 bits is outside the chunk.
    void writeAt( U64 offset, void const* data, U32 length ) {
-      if ( offset + length > writableSize_ ) [[unlikely]] {
+      if ( offset + length >= writesEndBefore_ ) [[unlikely]] {
          refuseWrite( offset, length );
       }
       storeImage( mapping_.base() + offset, static_cast<U8 const*>( data ), length );
@@ -124,7 +124,7 @@ class [[gnu::visibility( "default" )]] VellumChunk : public Corvo::Node {
    Mapping mapping_;
    Corvo::String name_;
    Access access_;
-   U64 writableSize_; ///< 0 on a read-only chunk, so that one comparison answers both questions
+   U64 writesEndBefore_; ///< size() + 1, or 0 on a read-only chunk: one test answers both questions
 };
 
 } // namespace Vellum

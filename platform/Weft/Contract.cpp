@@ -48,7 +48,7 @@ void SassertHelper::fail( ContractSite const& site, std::string const& message )
       throw ContractFailure(
          std::move( text ).str(), site.condition, message, module_, site.operation );
    }
-   // Straight to the stream: a check that fails for lack of memory has to end the process as well.
+   // Straight to the stream: the process ends also when there is no memory for a text.
    std::ostream* const given = contractStream.load( std::memory_order_acquire );
    std::ostream& stream = given ? *given : std::cerr;
    describe( stream, site, module_, message );

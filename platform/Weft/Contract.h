@@ -62,9 +62,10 @@ class [[gnu::visibility( "default" )]] ContractFailure : public std::logic_error
 /// A condition's text together with the place of the check. Made implicitly from the text, so that
 /// a check reads sassert( holds, "text" ) and still knows its own line.
 struct ContractSite {
+   /// `function` is given where a helper checks for the operation of that name.
    constexpr ContractSite( char const* conditionText,
-                           U32 sourceLine = __builtin_LINE(),
-                           char const* function = __builtin_FUNCTION() )
+                           char const* function = __builtin_FUNCTION(),
+                           U32 sourceLine = __builtin_LINE() )
          : condition( conditionText ), operation( function ), line( sourceLine ) {}
 
    char const* condition;
@@ -108,7 +109,7 @@ class [[gnu::visibility( "default" )]] SassertHelper {
                                                          char const* operation,
                                                          U32 line,
                                                          Pieces const&... message ) const {
-      ContractSite const site( condition, line, operation );
+      ContractSite const site( condition, operation, line );
       if constexpr ( sizeof...( Pieces ) == 0 ) {
          fail( site, {} );
       } else {

@@ -55,8 +55,21 @@ void writeToClog( TraceLine const& line ) {
 }
 
 struct SinkInForce {
-   std::mutex mutex;
-   TraceSink sink = writeToClog;
+   std::mutex mutex; ///< of `sink`, never held while a sink runs: a sink may exchange the sink
+   std::shared_ptr<TraceSink const> sink = std::make_shared<TraceSink const>( writeToClog );
+   std::mutex oneAtATime;
+};
+
+/// Marks this thread as being inside the sink.
+class Delivery {
+ public:
+   explicit Delivery( bool& delivering ) : delivering_( delivering ) { delivering_ = true; }
+   Delivery( Delivery const& ) = delete;
+   Delivery& operator=( Delivery const& ) = delete;
+   ~Delivery() { delivering_ = false; }
+
+ private:
+   bool& delivering_;
 };
 
 SinkInForce& sinkInForce() {
@@ -74,8 +87,9 @@ TraceSink traceSinkIs( TraceSink sink ) {
    if ( !sink ) {
       sink = writeToClog;
    }
+   auto next = std::make_shared<TraceSink const>( std::move( sink ) );
    std::lock_guard const guard( sinkInForce().mutex );
-   return std::exchange( sinkInForce().sink, std::move( sink ) );
+   return *std::exchange( sinkInForce().sink, std::move( next ) );
 }
 
 TraceHelper::TraceHelper( std::string_view facility ) : handle_( facility ) {
@@ -83,13 +97,22 @@ TraceHelper::TraceHelper( std::string_view facility ) : handle_( facility ) {
 }
 
 void TraceHelper::deliver( TraceSite const& site, std::string const& message ) const {
-   std::lock_guard const guard( sinkInForce().mutex );
-   sinkInForce().sink( { .facility = handle_.name(),
-                         .level = site.level,
-                         .file = site.file,
-                         .line = site.line,
-                         .operation = site.operation,
-                         .message = message } );
+   static thread_local bool delivering = false;
+   if ( delivering ) {
+      return;
+   }
+   std::shared_ptr<TraceSink const> const sink = [] {
+      std::lock_guard const guard( sinkInForce().mutex );
+      return sinkInForce().sink;
+   }();
+   std::lock_guard const guard( sinkInForce().oneAtATime );
+   Delivery const delivery( delivering );
+   ( *sink )( { .facility = handle_.name(),
+                .level = site.level,
+                .file = site.file,
+                .line = site.line,
+                .operation = site.operation,
+                .message = message } );
 }
 
 } // namespace Weft

@@ -11,8 +11,8 @@
 /// so is whatever a sink throws.
 ///
 /// Threads: masks may be read and changed on any thread at any time. Lines of several threads reach
-/// the sink one at a time, in no particular order between threads; the sink must not trace and must
-/// not change the sink.
+/// the sink one at a time, in no particular order between threads. What a sink itself causes to be
+/// traced is dropped.
 
 #include "Weft/Types.h"
 
@@ -66,10 +66,11 @@ using TraceSink = std::function<void( TraceLine const& )>;
 
 /// A level together with the place of the trace. Made implicitly from the level.
 struct TraceSite {
+   /// `function` is given where a helper traces for the operation of that name.
    constexpr TraceSite( U32 traceLevel,
+                        char const* function = __builtin_FUNCTION(),
                         char const* sourceFile = __builtin_FILE(),
-                        U32 sourceLine = __builtin_LINE(),
-                        char const* function = __builtin_FUNCTION() )
+                        U32 sourceLine = __builtin_LINE() )
          : file( sourceFile ), operation( function ), level( traceLevel ), line( sourceLine ) {}
 
    char const* file;
@@ -113,7 +114,7 @@ class [[gnu::visibility( "default" )]] TraceHelper {
          std::ostringstream text;
          text.exceptions( std::ios::badbit ); // else a stream out of memory cuts the line short
          ( text << ... << message );
-         deliver( { level, file, line, operation }, std::move( text ).str() );
+         deliver( { level, operation, file, line }, std::move( text ).str() );
       } catch ( ... ) { // NOLINT(bugprone-empty-catch): a lost line must not undo an operation
       }
    }
