@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+/// The frames of exact-match tables in a chunk, by their bytes (Tessel/TableManager.h draws them).
+///
+/// Threads: a chunk is read; its writer may be at work in another process meanwhile.
+
+#include "Vellum/VellumChunk.h"
+#include "tools/tessel/Plan.h"
+
+#include <string>
+#include <vector>
+
+namespace TesselTool {
+
+struct Frame {
+   std::string name;
+   U32 offset = 0;      ///< of the table's own range, as the header says; the header is before it
+   U32 shadowSize = 0;  ///< bytes of that range, as the header says
+   bool intact = false; ///< the trailer stands behind the range
+};
+
+/// Every frame of the chunk, wherever it starts, by offset: a header whose fields agree with the
+/// place where it stands. What looks like a frame within the range of an intact one is an entry's
+/// bytes and no frame.
+std::vector<Frame> findFrames( Vellum::VellumChunk const& chunk );
+
+enum class FrameUse {
+   reading, ///< each header has to be the planned one or not there yet
+   writing  ///< so has each trailer, and the manager's writes must destroy nothing
+};
+
+/// Checks that the plan's tables stand in the chunk, which is at least as large as the plan says.
+/// An agent may have been killed on its way through its manage calls: a frame that is not there, or
+/// not whole, where everything else is zero, is about to be written. Failure, naming the table,
+/// where other bytes stand.
+void checkFrames( Vellum::VellumChunk const& chunk, Plan const& plan, FrameUse use );
+
+} // namespace TesselTool

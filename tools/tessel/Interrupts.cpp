@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tools/tessel/Interrupts.h"
+
+namespace TesselTool {
+
+namespace {
+
+volatile std::sig_atomic_t caught = 0;
+
+extern "C" void rememberSignal( int signal ) {
+   caught = signal;
+}
+
+} // namespace
+
+CatchInterrupts::CatchInterrupts() {
+   caught = 0;
+   struct sigaction action {};
+   action.sa_handler = rememberSignal;
+   ::sigemptyset( &action.sa_mask );
+   for ( std::size_t i = 0; i < signals.size(); ++i ) {
+      ::sigaction( signals[ i ], nullptr, &former_[ i ] );
+      if ( former_[ i ].sa_handler != SIG_IGN ) { // such as under nohup
+         ::sigaction( signals[ i ], &action, nullptr );
+      }
+   }
+}
+
+void CatchInterrupts::check() {
+   if ( caught != 0 ) {
+      throw Interrupted( caught );
+   }
+}
+
+void CatchInterrupts::restore() const {
+   for ( std::size_t i = 0; i < signals.size(); ++i ) {
+      ::sigaction( signals[ i ], &former_[ i ], nullptr );
+   }
+}
+
+} // namespace TesselTool

@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tools/tessel/Tables.h"
+
+#include "tools/tessel/Failure.h"
+#include "tools/tessel/Frames.h"
+#include "tools/tessel/Text.h"
+
+#include <system_error>
+
+namespace TesselTool {
+
+namespace {
+
+using Vellum::VellumChunk;
+using Chunk = Corvo::Ptr<VellumChunk>;
+
+/// Null when there is no chunk of this name.
+Chunk openIfThere( Corvo::String const& name, VellumChunk::Access access ) {
+   try {
+      return VellumChunk::open( name, access );
+   } catch ( std::system_error const& failure ) {
+      if ( failure.code() == std::errc::no_such_file_or_directory ) {
+         return nullptr;
+      }
+      throw Failure( failure.what() );
+   }
+}
+
+/// Null when somebody has created a chunk of this name meanwhile.
+Chunk createIfMissing( Plan const& plan ) {
+   try {
+      return VellumChunk::create( plan.chunk, plan.size );
+   } catch ( std::system_error const& failure ) {
+      if ( failure.code() == std::errc::file_exists ) {
+         return nullptr;
+      }
+      throw Failure( failure.what() );
+   }
+}
+
+[[noreturn]] void refuseMissing( Corvo::String const& name ) {
+   throw Failure( joined( "chunk ",
+                          inQuotes( name ),
+                          " does not exist: start its agent, or create it with load or update" ) );
+}
+
+[[noreturn]] void refuseSize( VellumChunk const& chunk, Plan const& plan ) {
+   throw Failure( joined( "chunk ",
+                          inQuotes( chunk.name() ),
+                          " has ",
+                          chunk.size(),
+                          " bytes, the plan says ",
+                          plan.size,
+                          "; nothing was changed: correct the plan" ) );
+}
+
+} // namespace
+
+Chunk openForReading( Corvo::String const& chunkName ) {
+   Chunk chunk = openIfThere( chunkName, VellumChunk::Access::readOnly );
+   if ( !chunk ) {
+      refuseMissing( chunkName );
+   }
+   return chunk;
+}
+
+Chunk openForReading( Plan const& plan ) {
+   Chunk chunk = openForReading( plan.chunk );
+   if ( chunk->size() < plan.size ) {
+      refuseSize( *chunk, plan );
+   }
+   checkFrames( *chunk, plan, FrameUse::reading );
+   return chunk;
+}
+
+Corvo::Ptr<Tessel::EmShadowTable> tableForReading( Chunk const& chunk,
+                                                   PlannedTable const& planned ) {
+   return Tessel::emShadowTableFactory(
+      planned.name,
+      Tessel::emTableHelperFactory( planned.entries, planned.key, planned.result ),
+      chunk,
+      planned.offset );
+}
+
+Corvo::Ptr<Tessel::TableManager> openForWriting( Plan const& plan, IfMissing ifMissing ) {
+   Chunk chunk = openIfThere( plan.chunk, VellumChunk::Access::readWrite );
+   if ( !chunk && ifMissing == IfMissing::create ) {
+      chunk = createIfMissing( plan );
+      if ( chunk ) {
+         return manageTables( plan, chunk );
+      }
+      chunk = openIfThere( plan.chunk, VellumChunk::Access::readWrite );
+   }
+   if ( !chunk ) {
+      refuseMissing( plan.chunk );
+   }
+   if ( chunk->size() != plan.size ) {
+      refuseSize( *chunk, plan );
+   }
+   checkFrames( *chunk, plan, FrameUse::writing );
+   return manageTables( plan, chunk );
+}
+
+Corvo::Ptr<Tessel::TableManager> manageTables( Plan const& plan, Chunk const& chunk ) {
+   auto manager =
+      Tessel::tableManagerFactory( plan.agent, chunk, plan.startOffset, plan.allowedSize );
+   for ( PlannedTable const& table : plan.tables ) {
+      if ( table.kind == TableKind::direct ) {
+         manager->manageDirectShadow(
+            table.name,
+            Tessel::directTableHelperFactory( table.entries, table.key, table.result ) );
+      } else {
+         manager->manageEmShadow(
+            table.name, Tessel::emTableHelperFactory( table.entries, table.key, table.result ) );
+      }
+   }
+   return manager;
+}
+
+} // namespace TesselTool

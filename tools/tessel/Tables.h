@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+/// The tables of a plan in its chunk.
+///
+/// Failure where a chunk is missing, is not what the plan says, or cannot be opened; then no byte of
+/// it has changed.
+///
+/// Threads: as Tessel/TableManager.h.
+
+#include "Tessel/TableManager.h"
+#include "tools/tessel/Plan.h"
+
+namespace TesselTool {
+
+/// The chunk, which may be larger than planned, without any right to write to it. Its agent may be
+/// at work meanwhile.
+Corvo::Ptr<Vellum::VellumChunk> openForReading( Plan const& plan );
+
+/// The chunk of this name, as openForReading does it for a plan.
+Corvo::Ptr<Vellum::VellumChunk> openForReading( Corvo::String const& chunkName );
+
+/// The exact-match table with the entries that its range holds now. It is for reading.
+Corvo::Ptr<Tessel::EmShadowTable> tableForReading( Corvo::Ptr<Vellum::VellumChunk> const& chunk,
+                                                   PlannedTable const& planned );
+
+enum class IfMissing { refuse, create };
+
+/// A manager that has made the agent's manage calls, over the chunk or, where it may, over a new
+/// one. Every table of the plan is among managedTables().
+Corvo::Ptr<Tessel::TableManager> openForWriting( Plan const& plan, IfMissing ifMissing );
+
+/// The same over a chunk that is open already, unchecked.
+Corvo::Ptr<Tessel::TableManager> manageTables( Plan const& plan,
+                                               Corvo::Ptr<Vellum::VellumChunk> const& chunk );
+
+} // namespace TesselTool
