@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "support/Tables.h"
+#include "support/Traces.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace TestSupport;
+using namespace Tessel;
+
+TEST( BulkRemoval, ofAChipLeavesTheOtherChips ) {
+   auto const table = newTable();
+   add( table, chip3, "AAAA", "r1" );
+   add( table, chip5, "AAAA", "r2" );
+   add( table, chip5, "BBBB", "r3" );
+   table->deleteAll( chip5 );
+   EXPECT_EQ( lookUp( *table, chip3, "AAAA" ), "r1" );
+   EXPECT_FALSE( table->entryHas( chip5, "AAAA" ) );
+   EXPECT_EQ( table->keyToIndexListCount(), 1U );
+   EXPECT_EQ( table->keyToIndexList( keyOf( "AAAA" ) )->indexCount(), 1U );
+   EXPECT_EQ( table->numUsedEntries(), 1U );
+   EXPECT_EQ( table->numUsedEntriesByChipId( chip5 ), 0U );
+   EXPECT_EQ( imageAt( *table, 2 ), std::string( 8, '\0' ) );
+}
+
+TEST( BulkRemoval, ofAChipWithoutEntriesAndOfAnEmptyTableChangesNothing ) {
+   auto const table = newTable();
+   table->clearTable();
+   EXPECT_EQ( table->numUsedEntriesByChipIdCount(), 0U );
+   add( table, chip3, "AAAA", "r1" );
+   std::string const before = stateOf( *table );
+   table->deleteAll( chip5 );
+   EXPECT_EQ( stateOf( *table ), before );
+   EXPECT_FALSE( table->numUsedEntriesByChipIdHas( chip5 ) );
+}
+
+TEST( BulkRemoval, ofATableLeavesZerosAndTheChipsAtZero ) {
+   auto const table = newTable();
+   add( table, chip5, "AAAA", "r1" );
+   add( table, chip5, "BBBB", "r2" );
+   table->clearTable();
+   EXPECT_EQ( allBytes( table->vellumChunk() ), std::string( 4096, '\0' ) );
+   EXPECT_EQ( table->keyToIndexListCount(), 0U );
+   EXPECT_EQ( table->numUsedEntries(), 0U );
+   EXPECT_TRUE( table->numUsedEntriesByChipIdHas( chip5 ) );
+   EXPECT_EQ( table->numUsedEntriesByChipId( chip5 ), 0U );
+   add( table, chip7, "CCCC", "r3" );
+   EXPECT_EQ( table->getTableIndex( chip7, keyOf( "CCCC" ) ).value(), 0U );
+}
+
+TEST( BulkRemoval, reachesEveryPairOnce ) {
+   auto const table = newTable( { .entries = 500, .key = 2, .result = 1 } );
+   for ( U32 i = 0; i < 480; ++i ) {
+      U32 const key = i / 6;
+      add( table,
+           Brine::ChipId( static_cast<U8>( i % 6 ) ),
+           std::string{ static_cast<char>( key ), 'k' },
+           "r" );
+   }
+   TraceRecorder trace( "TesselEmTable", U64{ 1 } << 7 );
+   auto const freed = [ & ] {
+      auto const lines = trace.take();
+      return std::count_if( lines.begin(), lines.end(), []( std::string const& line ) {
+         return line.starts_with( "EmShadowTable::free " );
+      } );
+   };
+   table->deleteAll( chip3 );
+   EXPECT_EQ( freed(), 80 );
+   table->clearTable();
+   EXPECT_EQ( freed(), 400 );
+   EXPECT_EQ( table->numUsedEntries(), 0U );
+   EXPECT_EQ( table->keyToIndexListCount(), 0U );
+}
+
+TEST( BulkRemoval, removesKeysThatHaveNoSlotToo ) {
+   auto const table = newTable();
+   add( table, chip3, "AAAA", "r1" );
+   table->keyToIndexListIs( keyOf( "BBBB" ), emTableFapIndicesFactory() );
+   table->updateTableIndex( chip3, keyOf( "of another length" ), EmTableIndex( 5 ) );
+   table->clearTable();
+   EXPECT_EQ( table->keyToIndexListCount(), 0U );
+   EXPECT_EQ( table->numUsedEntries(), 0U );
+}
+
+} // namespace

@@ -1,0 +1,216 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "support/Contract.h"
+#include "support/Tables.h"
+#include "support/Traces.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace TestSupport;
+using namespace Tessel;
+using namespace std::string_literals;
+using testing::ElementsAre;
+
+TEST( EntryOperations, theSameKeyOnTwoChipsTakesTwoSlots ) {
+   auto const table = newTable();
+   EXPECT_TRUE( add( table, chip0, "AAAA", "r0" ) );
+   EXPECT_TRUE( add( table, chip1, "AAAA", "r1" ) );
+   EXPECT_EQ( table->getTableIndex( chip0, keyOf( "AAAA" ) ).value(), 0U );
+   EXPECT_EQ( table->getTableIndex( chip1, keyOf( "AAAA" ) ).value(), 1U );
+   EXPECT_EQ( table->numUsedEntries(), 2U );
+   EXPECT_EQ( table->numUsedEntriesByChipId( chip0 ), 1U );
+   EXPECT_EQ( table->numUsedEntriesByChipId( chip1 ), 1U );
+   EXPECT_EQ( table->keyToIndexListCount(), 1U );
+   EXPECT_EQ( lookUp( *table, chip0, "AAAA" ), "r0" );
+   EXPECT_EQ( lookUp( *table, chip1, "AAAA" ), "r1" );
+   EXPECT_EQ( lookUp( *table, chip3, "AAAA" ), std::nullopt );
+}
+
+TEST( EntryOperations, aRewriteKeepsItsSlotAndTheCounts ) {
+   auto const table = newTable();
+   add( table, chip0, "AAAA", "r1" );
+   EXPECT_TRUE( add( table, chip0, "AAAA", "r2" ) );
+   EXPECT_EQ( imageAt( *table, 0 ), "\1\0AAAAr2"s );
+   EXPECT_EQ( imageAt( *table, 1 ), std::string( 8, '\0' ) );
+   EXPECT_EQ( table->numUsedEntries(), 1U );
+   EXPECT_EQ( table->numUsedEntriesByChipId( chip0 ), 1U );
+}
+
+TEST( EntryOperations, aFullTableRefusesANewPairAndRewritesAnOldOne ) {
+   auto const table = newTable( { .entries = 2 } );
+   add( table, chip0, "AAAA", "r1" );
+   add( table, chip0, "BBBB", "r2" );
+   std::string const before = stateOf( *table );
+   EXPECT_FALSE( add( table, chip0, "CCCC", "r3" ) );
+   EXPECT_FALSE( add( table, chip1, "AAAA", "r3" ) );
+   EXPECT_EQ( stateOf( *table ), before );
+   EXPECT_FALSE( table->numUsedEntriesByChipIdHas( chip1 ) );
+   EXPECT_TRUE( add( table, chip0, "BBBB", "r4" ) );
+   EXPECT_EQ( lookUp( *table, chip0, "BBBB" ), "r4" );
+}
+
+TEST( EntryOperations, aDeletedSlotIsZeroAndTheNextToBeTaken ) {
+   auto const table = newTable();
+   add( table, chip0, "AAAA", "r1" );
+   add( table, chip0, "BBBB", "r2" );
+   table->entryDel( chip0, "AAAA" );
+   EXPECT_EQ( imageAt( *table, 0 ), std::string( 8, '\0' ) );
+   EXPECT_EQ( lookUp( *table, chip0, "AAAA" ), std::nullopt );
+   EXPECT_FALSE( table->entryHas( chip0, "AAAA" ) );
+   EXPECT_EQ( table->numUsedEntries(), 1U );
+   add( table, chip7, "CCCC", "r3" );
+   EXPECT_EQ( imageAt( *table, 0 ), "\1\7CCCCr3" );
+   table->entryDel( chip7, "CCCC" );
+   EXPECT_TRUE( table->numUsedEntriesByChipIdHas( chip7 ) ) << "a chip stays a member at zero";
+}
+
+TEST( EntryOperations, deletingAnAbsentPairChangesNothing ) {
+   auto const table = newTable();
+   add( table, chip0, "AAAA", "r1" );
+   std::string const before = stateOf( *table );
+   table->entryDel( chip1, "AAAA" );
+   table->entryDel( chip0, "BBBB" );
+   EXPECT_EQ( stateOf( *table ), before );
+}
+
+TEST( EntryOperations, aLookUpWritesTheResultAndNoByteMore ) {
+   for ( U32 length = 0; length <= MAX_RESULT_LENGTH_IN_BYTE; ++length ) {
+      auto const table = newTable( { .key = 4, .result = length } );
+      std::string const result = std::string( "0123456789AB" ).substr( 0, length );
+      add( table, chip0, "AAAA", result );
+      std::string buffer( 16, '#' );
+      ASSERT_TRUE( table->entry( chip0, "AAAA", buffer.data() ) );
+      EXPECT_EQ( buffer, result + std::string( 16 - length, '#' ) );
+      ASSERT_FALSE( table->entry( chip0, "BBBB", buffer.data() ) );
+      EXPECT_EQ( buffer, result + std::string( 16 - length, '#' ) );
+   }
+}
+
+TEST( EntryOperations, aKeyWithoutBytesIsOneEntryPerChip ) {
+   auto const table = newTable( { .entries = 4, .key = 0, .result = 0 } );
+   EXPECT_TRUE( table->entryIs( chip3, nullptr, nullptr ) );
+   EXPECT_TRUE( table->entryIs( chip3, nullptr, nullptr ) );
+   EXPECT_TRUE( table->entryIs( chip5, nullptr, nullptr ) );
+   EXPECT_EQ( table->numUsedEntries(), 2U );
+   EXPECT_EQ( imageAt( *table, 1 ), "\1\5\0\0"s );
+   EXPECT_TRUE( table->entry( chip5, nullptr, nullptr ) );
+   table->entryDel( chip3, nullptr );
+   EXPECT_FALSE( table->entryHas( chip3, nullptr ) );
+}
+
+TEST( EntryOperations, traceTheirStepsInOrder ) {
+   auto const table = newTable();
+   TraceRecorder trace( "TesselEmTable" );
+   add( table, chip3, "AAAA", "r1" );
+   EXPECT_THAT( trace.take(),
+                ElementsAre( "makeEmTableKey keySize:4",
+                             "makeEmTableResult resultSize:2",
+                             "EmShadowTable::getTableIndex non-existing key",
+                             "ManagedEmTable::alloc index:0",
+                             "EmShadowTable::writeToVellumMemory index:0 chipId:3",
+                             "EmTableEntry::copyToBuf keyLength:4 resultLength:2",
+                             "EmShadowTable::updateTableIndex chipId:3 valid:1 index:0" ) );
+   add( table, chip3, "AAAA", "r2" );
+   EXPECT_THAT( trace.take(),
+                ElementsAre( "makeEmTableKey keySize:4",
+                             "makeEmTableResult resultSize:2",
+                             "EmShadowTable::getTableIndex chipId:3 index:0",
+                             "EmShadowTable::writeToVellumMemory index:0 chipId:3",
+                             "EmTableEntry::copyToBuf keyLength:4 resultLength:2" ) );
+   lookUp( *table, chip3, "AAAA" );
+   EXPECT_THAT( trace.take(),
+                ElementsAre( "EmShadowTable::entry chipId:3",
+                             "makeEmTableKey keySize:4",
+                             "EmShadowTable::getTableIndex chipId:3 index:0",
+                             "EmShadowTable::readFromVellumMemory index:0",
+                             "EmTableEntry::copyFromBuf keyLength:4 resultLength:2",
+                             "makeEmTableKey keySize:4",
+                             "makeEmTableResult resultSize:2" ) );
+   table->entryHas( chip3, "AAAA" );
+   EXPECT_THAT(
+      trace.take(),
+      ElementsAre( "makeEmTableKey keySize:4", "EmShadowTable::getTableIndex chipId:3 index:0" ) );
+   table->entryDel( chip3, "AAAA" );
+   EXPECT_THAT( trace.take(),
+                ElementsAre( "makeEmTableKey keySize:4",
+                             "EmShadowTable::getTableIndex chipId:3 index:0",
+                             "EmShadowTable::deleteTableIndex chipId:3",
+                             "EmShadowTable::invalidateVellumMemory index:0",
+                             "EmTableEntry::copyToBuf keyLength:4 resultLength:2",
+                             "EmShadowTable::free index:0" ) );
+   table->entryDel( chip3, "AAAA" );
+   lookUp( *table, chip3, "AAAA" );
+   EXPECT_THAT( trace.take(),
+                ElementsAre( "makeEmTableKey keySize:4",
+                             "EmShadowTable::getTableIndex non-existing key",
+                             "EmShadowTable::entry chipId:3",
+                             "makeEmTableKey keySize:4",
+                             "EmShadowTable::getTableIndex non-existing key" ) );
+}
+
+TEST( EntryOperations, aSlotChangedBehindTheTablesBackFailsTheLookUp ) {
+   auto const table = newTable();
+   add( table, chip3, "AAAA", "r1" );
+   auto const lookUpOver = [ & ]( std::string const& image ) {
+      table->vellumChunk()->write( 0, image.data(), 8 );
+      std::string buffer( 2, '#' );
+      auto const failure =
+         contractFailure( [ & ] { table->entry( chip3, "AAAA", buffer.data() ); } );
+      EXPECT_EQ( buffer, "##" );
+      return failure ? failure->module() + ": " + failure->condition() : "(none)";
+   };
+   EXPECT_EQ( lookUpOver( std::string( 8, '\0' ) ), "EmTable: entry.valid() == true" );
+   EXPECT_EQ( lookUpOver( "\1\5AAAAr1" ), "EmTable: entry.chipId() == chipId" );
+   EXPECT_EQ( lookUpOver( "\1\3AAABr1" ),
+              "EmTable: memcmp( key, entry.key().bytes().bytesPtr(), "
+              "tableHelper()->keyLengthBytes() ) == 0" );
+   EXPECT_TRUE( table->entryHas( chip3, "AAAA" ) ) << "answered without a look at the slot";
+}
+
+TEST( EntryOperations, theSlotStepsChangeTheImageAlone ) {
+   auto const table = newTable();
+   TraceRecorder trace( "TesselEmTable", U64{ 1 } << 7 );
+   table->writeToShadowMemory( EmTableIndex( 2 ), chip5, keyOf( "AAAA" ), resultOf( "r1" ) );
+   EXPECT_EQ( imageAt( *table, 2 ), "\1\5AAAAr1" );
+   EXPECT_EQ( table->readFromVellumMemory( EmTableIndex( 2 ) ),
+              EmTableEntry( true, chip5, keyOf( "AAAA" ), resultOf( "r1" ) ) );
+   EXPECT_EQ( table->readFromVellumMemory( EmTableIndex( 1 ) ), EmTableEntry() );
+   table->writeToVellumMemory( EmTableIndex( 2 ), chip7, keyOf( "B" ), resultOf( "xyz" ) );
+   EXPECT_EQ( imageAt( *table, 2 ), "\1\7B\0\0\0xy"s );
+   EXPECT_TRUE( table->freeIndexBmp()->bit( 2 ) );
+   EXPECT_EQ( trace.take().front(), "EmShadowTable::writeToShadowMemory index:2 chipId:5" );
+   table->markIndexUsed( EmTableIndex( 2 ) );
+   table->numUsedEntriesInc( 1 );
+   trace.take();
+   table->cleanupIndex( EmTableIndex( 2 ) );
+   EXPECT_THAT( trace.messages(),
+                ElementsAre( "EmShadowTable::invalidateVellumMemory index:2",
+                             "EmTableEntry::copyToBuf keyLength:4 resultLength:2",
+                             "EmShadowTable::free index:2" ) );
+   EXPECT_EQ( imageAt( *table, 2 ), std::string( 8, '\0' ) );
+   EXPECT_TRUE( table->freeIndexBmp()->bit( 2 ) );
+   EXPECT_EQ( table->numUsedEntries(), 1U );
+}
+
+TEST( EntryOperations, onAReadOnlyChunkFailAndLeaveEverythingAsItWas ) {
+   UniqueName const name;
+   add( tableOver( Vellum::VellumChunk::create( *name, 64 ) ), chip3, "AAAA", "r1" );
+   auto const table =
+      tableOver( Vellum::VellumChunk::open( *name, Vellum::VellumChunk::Access::readOnly ) );
+   EXPECT_EQ( lookUp( *table, chip3, "AAAA" ), "r1" );
+   std::string const before = stateOf( *table );
+   std::string const readOnly = "access() == Access::readWrite";
+   EXPECT_EQ( failedCondition( [ & ] { add( table, chip3, "BBBB", "r2" ); } ), readOnly );
+   EXPECT_EQ( failedCondition( [ & ] { add( table, chip5, "AAAA", "r2" ); } ), readOnly );
+   EXPECT_EQ( failedCondition( [ & ] { add( table, chip3, "AAAA", "r2" ); } ), readOnly );
+   EXPECT_EQ( failedCondition( [ & ] { table->entryDel( chip3, "AAAA" ); } ), readOnly );
+   EXPECT_EQ( failedCondition( [ & ] { table->clearTable(); } ), readOnly );
+   EXPECT_EQ( failedCondition( [ & ] { table->cleanupIndex( EmTableIndex( 0 ) ); } ), readOnly );
+   EXPECT_EQ( stateOf( *table ), before );
+   EXPECT_TRUE( table->entryHas( chip3, "AAAA" ) );
+   EXPECT_EQ( table->getTableIndex( chip3, keyOf( "AAAA" ) ).value(), 0U );
+}
+
+} // namespace

@@ -1,0 +1,339 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "support/Contract.h"
+#include "support/Tables.h"
+#include "support/Traces.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace TestSupport;
+using namespace Tessel;
+using namespace std::string_literals;
+using testing::ElementsAre;
+using Iterator = EmShadowTableIteratorConst;
+
+TEST( Reader, findsTheResultOfEachChip ) {
+   auto const table = newTable();
+   add( table, chip1, "AAAA", "r1" );
+   add( table, chip3, "AAAA", "r3" );
+   auto const reader = emShadowTableReaderFactory( table );
+   EXPECT_EQ( lookUp( *reader, chip1, "AAAA" ), "r1" );
+   EXPECT_EQ( lookUp( *reader, chip3, "AAAA" ), "r3" );
+   EXPECT_EQ( lookUp( *reader, chip5, "AAAA" ), std::nullopt );
+   EXPECT_TRUE( reader->entryHas( chip3, "AAAA" ) );
+   EXPECT_EQ( textOf( reader->entry_py( chip3, bytesOf( "AAAA" ) ) ), "r3" );
+   EXPECT_TRUE( reader->entryHas_py( chip3, bytesOf( "AAAA" ) ) );
+   EXPECT_TRUE( reader->entry_py( chip5, bytesOf( "AAAA" ) ).empty() );
+   table->entryDel( chip3, "AAAA" );
+   EXPECT_FALSE( reader->entryHas( chip3, "AAAA" ) );
+}
+
+TEST( Reader, ofAnAbsentPairReadsADefaultEntryThatIsNeverValid ) {
+   auto const reader = emShadowTableReaderFactory( newTable() );
+   EmTableEntry const none = reader->readByIndex( chip3, "AAAA" );
+   EXPECT_EQ( none, EmTableEntry() );
+   EXPECT_FALSE( reader->entryValid( none, Brine::ChipId( 255 ), "AAAA" ) );
+   EXPECT_FALSE(
+      reader->entryValid( EmTableEntry( true, chip3, keyOf( "AA" ), {} ), chip3, "AAAA" ) )
+      << "a shorter key is another key";
+}
+
+TEST( Reader, takesAnImageChangedBehindItsTableAsAbsent ) {
+   auto const table = newTable();
+   add( table, chip3, "AAAA", "r1" );
+   auto const reader = emShadowTableReaderFactory( table );
+   for ( auto const& image :
+         { std::string( 8, '\0' ), "\1\3BBBBr2"s, "\1\5AAAAr3"s, "\0\3AAAAr1"s } ) {
+      table->vellumChunk()->write( 0, image.data(), 8 );
+      EXPECT_FALSE( reader->entryHas( chip3, "AAAA" ) );
+      EXPECT_EQ( lookUp( *reader, chip3, "AAAA" ), std::nullopt );
+   }
+   table->vellumChunk()->write( 0, "\3\3AAAAr4", 8 );
+   EXPECT_EQ( lookUp( *reader, chip3, "AAAA" ), "r4" );
+}
+
+TEST( Reader, writesTheResultAndNoByteMore ) {
+   auto const table = newTable();
+   add( table, chip3, "AAAA", "r1" );
+   std::string buffer = "######";
+   EXPECT_TRUE( emShadowTableReaderFactory( table )->entry( chip3, "AAAA", buffer.data() ) );
+   EXPECT_EQ( buffer, "r1####" );
+}
+
+TEST( Reader, tracesItsTwoLookUps ) {
+   auto const table = newTable();
+   add( table, chip3, "AAAA", "r1" );
+   auto const reader = emShadowTableReaderFactory( table );
+   TraceRecorder trace( "TesselEmTable" );
+   reader->entryHas( chip3, "AAAA" );
+   EXPECT_THAT( trace.take(),
+                ElementsAre( "EmShadowTableReader::entryHas chipId:3",
+                             "makeEmTableKey keySize:4",
+                             "EmShadowTable::getTableIndex chipId:3 index:0",
+                             "makeEmTableKey keySize:4",
+                             "EmShadowTable::getTableIndex chipId:3 index:0",
+                             "EmShadowTable::readFromVellumMemory index:0",
+                             "EmTableEntry::copyFromBuf keyLength:4 resultLength:2",
+                             "makeEmTableKey keySize:4",
+                             "makeEmTableResult resultSize:2" ) );
+   lookUp( *reader, chip5, "AAAA" );
+   EXPECT_THAT( trace.take(),
+                ElementsAre( "EmShadowTableReader::entry chipId:5",
+                             "makeEmTableKey keySize:4",
+                             "EmShadowTable::getTableIndex non-existing key" ) );
+}
+
+TEST( Reader, ofATableOfAnotherKindOrOfNoneNamesIt ) {
+   auto const direct =
+      directShadowTableFactory( "vlan", tableHelperFactory( 1, 1, 1 ), nullptr, 0 );
+   auto const other = contractFailure( [ & ] { emShadowTableReaderFactory( direct ); } );
+   auto const none =
+      contractFailure( [] { EmShadowTableReader::EmShadowTableReaderIs( nullptr ); } );
+   ASSERT_TRUE( other && none );
+   EXPECT_EQ( other->condition(), "emShadowTable()" );
+   EXPECT_EQ( other->message(), "Table vlan is not an EmShadowTable" );
+   EXPECT_EQ( other->module(), "EmTable" );
+   EXPECT_EQ( none->message(), "Table (null) is not an EmShadowTable" );
+   EXPECT_EQ( direct->useCount(), 1U );
+}
+
+TEST( Reader, holdsTwoReferencesOnItsTable ) {
+   auto const table = newTable();
+   {
+      auto const reader = emShadowTableReaderFactory( table );
+      EXPECT_EQ( table->useCount(), 3U );
+      EXPECT_EQ( reader->table(), table );
+      auto const other = newTable();
+      reader->emShadowTableIs( other );
+      EXPECT_EQ( table->useCount(), 2U );
+      EXPECT_EQ( other->useCount(), 2U );
+      reader->handleInitialized();
+      EXPECT_EQ( reader->emShadowTable(), table );
+   }
+   EXPECT_EQ( table->useCount(), 1U );
+}
+
+/// A table with slots 3 and 7 of 10 used.
+Table tableWithSlots3And7() {
+   auto const chunk = Vellum::VellumChunk::inProcess( 80 );
+   chunk->write( 24, "\1\3AAAAr3", 8 );
+   chunk->write( 56, "\1\5BBBBr7", 8 );
+   return tableOver( chunk, { .entries = 10 } );
+}
+
+TEST( Iterator, walksTheUsedSlotsUpwards ) {
+   auto const table = tableWithSlots3And7();
+   Iterator at( table );
+   EXPECT_EQ( at.currentIndex(), 4U );
+   EXPECT_EQ( at.currentEntry(), EmTableEntry( true, chip3, keyOf( "AAAA" ), resultOf( "r3" ) ) );
+   at.doInc();
+   EXPECT_TRUE( at );
+   EXPECT_EQ( at.currentIndex(), 8U );
+   EXPECT_EQ( at.chipId(), chip5 );
+   std::string key = "######";
+   std::string result = "####";
+   EXPECT_TRUE( at.key( key.data() ) );
+   EXPECT_TRUE( at.result( result.data() ) );
+   EXPECT_EQ( key, "BBBB##" );
+   EXPECT_EQ( result, "r7##" );
+   for ( int i = 0; i < 2; ++i ) {
+      at.doInc();
+      EXPECT_TRUE( at.done() );
+      EXPECT_EQ( at.currentIndex(), 8U );
+      EXPECT_EQ( at.chipId(), chip5 ) << "the last entry's";
+   }
+   EXPECT_FALSE( at.key( key.data() ) );
+   EXPECT_FALSE( at.result( result.data() ) );
+   EXPECT_EQ( key, "BBBB##" );
+   EXPECT_EQ( at.key_py(), Corvo::Bytes() );
+   EXPECT_EQ( at.result_py(), Corvo::Bytes() );
+}
+
+TEST( Iterator, overNothingIsDoneAtOnce ) {
+   for ( U32 entries : { 0U, 5U } ) {
+      Iterator const at( newTable( { .entries = entries } ) );
+      EXPECT_TRUE( at.done() );
+      EXPECT_EQ( at.currentIndex(), 0U );
+      EXPECT_EQ( at.chipId(), Brine::ChipId( 255 ) );
+      EXPECT_FALSE( at.key( nullptr ) );
+   }
+}
+
+TEST( Iterator, reachesTheLastSlotAndThenAsksNoBitmap ) {
+   auto const table = newTable( { .entries = 1 } );
+   add( table, chip3, "AAAA", "r1" );
+   Iterator at( table );
+   EXPECT_TRUE( at );
+   EXPECT_EQ( at.currentIndex(), 1U );
+   table->freeIndexBmpDel();
+   at.doInc();
+   EXPECT_TRUE( at.done() );
+   EXPECT_EQ( failedCondition( [ & ] { Iterator{ table }; } ), "emTable()->freeIndexBmp()" );
+}
+
+TEST( Iterator, followsTheTableAsItIsAtEachStep ) {
+   auto const table = tableWithSlots3And7();
+   Iterator at( table );
+   add( table, chip7, "CCCC", "r0" );              // slot 0, behind
+   table->entryDel( chip5, "BBBB" );               // slot 7, ahead
+   for ( auto key : { "D1..", "D2..", "D3.." } ) { // slots 1, 2 and 4
+      add( table, chip7, key, "r." );
+   }
+   at.doInc();
+   EXPECT_EQ( at.currentIndex(), 5U );
+   at.doInc();
+   EXPECT_TRUE( at.done() );
+}
+
+TEST( Iterator, comparesByTableAndPlaceAndEntry ) {
+   auto const table = tableWithSlots3And7();
+   Iterator at( table );
+   Iterator const same( table );
+   Iterator const copy = at;
+   EXPECT_EQ( at, same );
+   EXPECT_EQ( at, copy );
+   at.doInc();
+   EXPECT_NE( at, copy );
+   EXPECT_EQ( copy.currentIndex(), 4U ) << "a copy stays where it was";
+   Iterator other = copy;
+   other.currentEntryIs( at.currentEntry() );
+   EXPECT_NE( other, copy );
+   other = copy;
+   other.currentIndexIs( 5 );
+   EXPECT_NE( other, copy );
+   EXPECT_NE( Iterator( tableWithSlots3And7() ), copy ) << "another table object";
+   EXPECT_TRUE( Iterator::isEq( &same, &copy ) );
+}
+
+TEST( Iterator, holdsTwoReferencesOnItsTable ) {
+   auto const table = tableWithSlots3And7();
+   {
+      Iterator const at( table );
+      EXPECT_EQ( table->useCount(), 3U );
+      Iterator const copy = at;
+      EXPECT_EQ( table->useCount(), 5U );
+   }
+   EXPECT_EQ( table->useCount(), 1U );
+}
+
+TEST( Iterator, onASlotInvalidatedBehindItsTableGivesNoKeyAndNoResult ) {
+   auto const table = tableWithSlots3And7();
+   table->vellumChunk()->write( 56, std::string( 8, '\0' ).data(), 8 );
+   Iterator at( table );
+   at.doInc();
+   EXPECT_TRUE( at );
+   EXPECT_EQ( at.chipId(), Brine::ChipId( 255 ) );
+   std::string buffer = "######";
+   EXPECT_FALSE( at.key( buffer.data() ) );
+   EXPECT_FALSE( at.result( buffer.data() ) );
+   EXPECT_EQ( buffer, "######" );
+   EXPECT_TRUE( at.key_py().empty() );
+}
+
+TEST( Iterator, setOutsideItsTableIsDoneAndWithoutATableIsRefused ) {
+   auto const table = tableWithSlots3And7();
+   Iterator at( table );
+   at.currentIndexIs( 0xFFFFFFFF );
+   at.doInc();
+   EXPECT_TRUE( at.done() );
+   EXPECT_EQ( failedCondition( [] { Iterator{ nullptr }; } ), "emTable()" );
+   auto const direct =
+      directShadowTableFactory( "vlan", tableHelperFactory( 1, 1, 1 ), nullptr, 0 );
+   EXPECT_EQ( failedCondition( [ & ] { Iterator{ direct }; } ), "emTable()" );
+   Iterator without( table );
+   without.emTableIs( nullptr );
+   EXPECT_EQ( failedCondition( [ & ] { without.doInc(); } ), "emTable()" );
+   EXPECT_EQ( failedCondition( [ & ] { without.key( nullptr ); } ), "emTable()" );
+}
+
+TEST( Iterator, neverWritesPastWhatItsTableAsksFor ) {
+   auto const table = tableWithSlots3And7();
+   Iterator at( table );
+   at.currentEntryIs(
+      EmTableEntry( true, chip3, keyOf( std::string( 20, 'k' ) ), resultOf( "r" ) ) );
+   EXPECT_EQ( textOf( at.key_py() ), "kkkk" );
+   EXPECT_TRUE( at.result_py().empty() ) << "an entry that holds too few bytes has none";
+   auto const wide = newTable( { .entries = 1, .key = 20, .result = 12 } );
+   add( wide, chip3, std::string( 20, 'k' ), std::string( 12, 'r' ) );
+   at.emTableIs( wide );
+   at.currentEntryIs( wide->readFromVellumMemory( EmTableIndex( 0 ) ) );
+   EXPECT_LE( at.key_py().size(), 4U );
+}
+
+TEST( AbstractIterator, reachesTheOperationsOfItsKind ) {
+   auto const table = tableWithSlots3And7();
+   auto at = table->managedTableIteratorConst();
+   auto const copy = at;
+   EXPECT_EQ( textOf( at.key_py() ), "AAAA" );
+   EXPECT_EQ( at.chipId(), chip3 );
+   at.doInc();
+   EXPECT_EQ( textOf( at.key_py() ), "BBBB" );
+   EXPECT_EQ( textOf( at.result_py() ), "r7" );
+   EXPECT_NE( at, copy );
+   EXPECT_EQ( copy, table->managedTableIteratorConst() );
+   EXPECT_EQ( textOf( copy.key_py() ), "AAAA" ) << "copies move independently";
+   at.doInc();
+   EXPECT_FALSE( at );
+   EXPECT_TRUE( at.key_py().empty() );
+   EXPECT_EQ( at.table(), table );
+   EXPECT_FALSE( newTable()->managedTableIteratorConst() );
+   auto assigned = copy;
+   assigned = at;
+   EXPECT_EQ( assigned, at );
+   at = copy;
+   EXPECT_EQ( textOf( at.key_py() ), "AAAA" );
+}
+
+TEST( AbstractIterator, builtOnATableImplementsNothing ) {
+   auto const table = tableWithSlots3And7();
+   ManagedTableIteratorConst at( table );
+   EXPECT_TRUE( at );
+   EXPECT_EQ( table->useCount(), 2U );
+   auto const expectUnimplemented = []( auto const& call ) {
+      auto const failure = contractFailure( call );
+      ASSERT_TRUE( failure );
+      EXPECT_EQ( failure->condition(), "false" );
+      EXPECT_EQ( failure->message(), "Must be implemented in the derived class" );
+      EXPECT_EQ( failure->module(), "ManagedTableBase" );
+   };
+   expectUnimplemented( [ & ] { at.chipId(); } );
+   expectUnimplemented( [ & ] { at.key( nullptr ); } );
+   expectUnimplemented( [ & ] { at.result( nullptr ); } );
+   expectUnimplemented( [ & ] { at.doInc(); } );
+   expectUnimplemented( [ & ] { at.key_py(); } );
+   EXPECT_EQ( at, ManagedTableIteratorConst( table ) );
+   EXPECT_NE( at, ManagedTableIteratorConst( newTable() ) );
+   EXPECT_EQ( failedCondition( [] { ManagedTableIteratorConst().key_py(); } ), "table()" );
+}
+
+TEST( Iterator, itsStringFormReadsBackWhileItsTableLives ) {
+   auto table = tableWithSlots3And7();
+   std::string form;
+   {
+      Iterator at( table );
+      at.doInc();
+      form = printed( at );
+      EXPECT_EQ( parsed<Iterator>( form ), at );
+   }
+   {
+      ManagedTableIteratorConst const plain( table );
+      EXPECT_EQ( parsed<ManagedTableIteratorConst>( printed( plain ) ), plain );
+   }
+   EXPECT_THROW( parsed<ManagedTableIteratorConst>( form ), Weft::ParseError );
+   auto const none = printed( ManagedTableIteratorConst() );
+   EXPECT_EQ( parsed<ManagedTableIteratorConst>( none ).table(), nullptr );
+   table = nullptr;
+   EXPECT_THROW( parsed<Iterator>( form ), Weft::ParseError ) << "the table is gone";
+}
+
+TEST( EntryRange, givesTheEntriesInSlotOrder ) {
+   std::vector<std::string> keys;
+   for ( EmTableEntry const& entry : tableWithSlots3And7()->entries() ) {
+      keys.push_back( textOf( entry.key().bytes() ) );
+   }
+   EXPECT_THAT( keys, ElementsAre( "AAAA", "BBBB" ) );
+}
+
+} // namespace

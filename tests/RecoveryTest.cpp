@@ -1,0 +1,168 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "support/Contract.h"
+#include "support/Tables.h"
+#include "support/Traces.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <random>
+
+namespace {
+
+using namespace TestSupport;
+using namespace Tessel;
+using testing::ElementsAre;
+
+void writeImage( Chunk const& chunk, U32 slot, std::string const& image ) {
+   chunk->write( slot * 8, image.data(), 8 );
+}
+
+TEST( Recovery, overFreeImagesStartsEmpty ) {
+   auto const table = newTable();
+   EXPECT_EQ( table->numUsedEntries(), 0U );
+   EXPECT_EQ( table->keyToIndexListCount(), 0U );
+   EXPECT_EQ( table->numUsedEntriesByChipIdCount(), 0U );
+   EXPECT_EQ( table->freeIndexBmp()->findClearBitInRange( 0, 7, {} ),
+              Brine::HBitmap::invalidIndex );
+}
+
+TEST( Recovery, takesOverEveryValidImage ) {
+   auto const chunk = Vellum::VellumChunk::inProcess( 64 );
+   writeImage( chunk, 2, std::string( "\1\0AAAAr1", 8 ) );
+   writeImage( chunk, 5, "\2\1BBBBr2" );
+   writeImage( chunk, 7, "\1\1CCCCr3" );
+   std::string const before = allBytes( chunk );
+   auto const table = tableOver( chunk );
+   EXPECT_EQ( allBytes( chunk ), before ) << "a rebuild writes nothing";
+   EXPECT_EQ( lookUp( *table, chip0, "AAAA" ), "r1" );
+   EXPECT_EQ( lookUp( *table, chip1, "BBBB" ), "r2" );
+   EXPECT_EQ( lookUp( *table, chip1, "CCCC" ), "r3" );
+   EXPECT_EQ( table->getTableIndex( chip1, keyOf( "BBBB" ) ).value(), 5U );
+   EXPECT_EQ( table->numUsedEntries(), 3U );
+   EXPECT_EQ( table->numUsedEntriesByChipId( chip0 ), 1U );
+   EXPECT_EQ( table->numUsedEntriesByChipId( chip1 ), 2U );
+   for ( U32 slot = 0; slot < 8; ++slot ) {
+      EXPECT_EQ( table->freeIndexBmp()->bit( slot ), slot != 2 && slot != 5 && slot != 7 );
+   }
+}
+
+TEST( Recovery, ofOnePairInTwoSlotsFindsTheHigherAndCountsBoth ) {
+   auto const chunk = Vellum::VellumChunk::inProcess( 64 );
+   writeImage( chunk, 1, "\1\3AAAAr1" );
+   writeImage( chunk, 4, "\1\3AAAAr4" );
+   writeImage( chunk, 6, "\1\7AAAAr6" );
+   auto const table = tableOver( chunk );
+   EXPECT_EQ( table->getTableIndex( chip3, keyOf( "AAAA" ) ).value(), 4U );
+   EXPECT_EQ( table->getTableIndex( chip7, keyOf( "AAAA" ) ).value(), 6U );
+   EXPECT_FALSE( table->freeIndexBmp()->bit( 1 ) );
+   EXPECT_EQ( table->numUsedEntries(), 3U );
+   EXPECT_EQ( table->numUsedEntriesByChipId( chip3 ), 2U );
+}
+
+TEST( Recovery, runningAgainChangesNothing ) {
+   auto const chunk = Vellum::VellumChunk::inProcess( 64 );
+   writeImage( chunk, 1, "\1\3AAAAr1" );
+   writeImage( chunk, 4, "\1\3AAAAr4" );
+   auto const table = tableOver( chunk );
+   add( table, chip5, "BBBB", "r2" );
+   std::string const before = stateOf( *table );
+   auto const bitmap = table->freeIndexBmp();
+   table->reconcile();
+   table->handleInitialized();
+   EXPECT_EQ( stateOf( *table ), before );
+   EXPECT_EQ( table->freeIndexBmp(), bitmap );
+}
+
+TEST( Recovery, afterTheBitmapWasTakenOutCountsNothingTwice ) {
+   auto const table = newTable();
+   add( table, chip5, "BBBB", "r2" );
+   std::string const before = stateOf( *table );
+   table->freeIndexBmpDel();
+   table->handleInitialized();
+   EXPECT_EQ( stateOf( *table ), before );
+}
+
+TEST( Recovery, runningAgainTakesOverWhatAnotherWriterAdded ) {
+   auto const table = newTable();
+   writeImage( table->vellumChunk(), 3, "\1\3AAAAr1" );
+   EXPECT_FALSE( table->entryHas( chip3, "AAAA" ) );
+   table->reconcile();
+   EXPECT_EQ( lookUp( *table, chip3, "AAAA" ), "r1" );
+   EXPECT_EQ( table->numUsedEntries(), 1U );
+}
+
+TEST( Recovery, tracesEverySlotInOrder ) {
+   auto const chunk = Vellum::VellumChunk::inProcess( 64 );
+   writeImage( chunk, 1, "\1\3AAAAr1" );
+   TraceRecorder trace( "TesselEmTable" );
+   tableOver( chunk, { .entries = 2 } );
+   EXPECT_THAT( trace.messages(),
+                ElementsAre( "EmShadowTable::handleInitialized",
+                             "EmShadowTable::reconcile",
+                             "EmShadowTable::readFromVellumMemory index:0",
+                             "EmTableEntry::copyFromBuf keyLength:4 resultLength:2",
+                             "EmShadowTable::readFromVellumMemory index:1",
+                             "EmTableEntry::copyFromBuf keyLength:4 resultLength:2",
+                             "makeEmTableKey keySize:4",
+                             "makeEmTableResult resultSize:2",
+                             "EmShadowTable::markIndexUsed index:1",
+                             "EmShadowTable::updateTableIndex chipId:3 valid:1 index:1" ) );
+}
+
+TEST( Recovery, refusesGeometriesThatNoTableCanHave ) {
+   auto const refusal = []( Geometry geometry, U32 offset = 0 ) {
+      auto const chunk = Vellum::VellumChunk::inProcess( 64 );
+      auto const failure = contractFailure( [ & ] { tableOver( chunk, geometry, offset ); } );
+      EXPECT_EQ( chunk->useCount(), 1U );
+      return failure ? failure->module() + ": " + failure->condition() : "(none)";
+   };
+   EXPECT_EQ( refusal( { .entries = 1, .key = 20, .result = 12 } ), "(none)" );
+   EXPECT_EQ( refusal( { .key = 21 } ),
+              "EmTable: tableHelper()->keyLengthBytes() <= MAX_KEY_LENGTH_IN_BYTE" );
+   EXPECT_EQ( refusal( { .key = 0xFFFFFFFF, .result = 0xFFFFFFFF } ),
+              "EmTable: tableHelper()->keyLengthBytes() <= MAX_KEY_LENGTH_IN_BYTE" );
+   EXPECT_EQ( refusal( { .result = 13 } ),
+              "EmTable: tableHelper()->resultLengthBytes() <= MAX_RESULT_LENGTH_IN_BYTE" );
+   std::string const tooLarge = "EmTable: vellumOffset() + tableShadowSize() <= 4294967296";
+   EXPECT_EQ( refusal( { .entries = 0x40000000, .key = 2, .result = 0 }, 4 ), tooLarge );
+   EXPECT_EQ( refusal( { .entries = 0xFFFFFFFF, .key = 20, .result = 12 } ), tooLarge );
+   EXPECT_EQ( refusal( { .entries = 8 }, 1 ), "VellumChunk: offset + length <= size()" );
+   EXPECT_EQ( failedCondition( [] {
+                 emShadowTableFactory( "none", nullptr, Vellum::VellumChunk::inProcess( 8 ), 0 );
+              } ),
+              "tableHelper()" );
+   EXPECT_EQ( failedCondition( [] { tableOver( nullptr ); } ), "vellumChunk()" );
+   EXPECT_EQ( failedCondition( [] { tableOver( nullptr, { .entries = 0 } ); } ), "(none)" );
+}
+
+// Whatever the bytes, a table takes them for its own and goes on working.
+TEST( Recovery, overArbitraryBytesGivesATableThatWorks ) {
+   std::mt19937 random( 20240517 );
+   for ( U32 round = 0; round < 200; ++round ) {
+      auto const chunk = Vellum::VellumChunk::inProcess( 331 );
+      for ( U32 at = 0; at < chunk->size(); ++at ) {
+         // Few byte values, so that pairs meet again in other slots.
+         auto const byte = static_cast<U8>( round % 2 != 0 ? random() : random() % 3 );
+         chunk->write( at, &byte, 1 );
+      }
+      Geometry const geometry{ .entries = 9,
+                               .key = static_cast<U32>( random() % 21 ),
+                               .result = static_cast<U32>( random() % 13 ) };
+      auto const table = tableOver( chunk, geometry, static_cast<U32>( random() % 8 ) );
+      U32 walked = 0;
+      for ( auto at = table->managedTableIteratorConst(); at; at.doInc() ) {
+         ASSERT_TRUE( table->entryHas_py( at.chipId(), at.key_py() ) );
+         ++walked;
+      }
+      ASSERT_EQ( walked, table->numUsedEntries() );
+      table->clearTable();
+      // What is left are slots whose pair a higher slot holds; they come out one layer at a time.
+      for ( U32 layer = 0; layer < 9; ++layer ) {
+         tableOver( chunk, geometry, table->vellumOffset() )->clearTable();
+      }
+      ASSERT_EQ( tableOver( chunk, geometry, table->vellumOffset() )->numUsedEntries(), 0U );
+   }
+}
+
+} // namespace
