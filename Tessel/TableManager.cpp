@@ -185,11 +185,12 @@ void TableManager::writeUnlessThere( U64 offset, Record const& record ) {
 
 void TableManager::deleteAll( Brine::ChipId chipId ) {
    for ( ManagedTables::Cursor at( managedTables_ ); at.onMember(); at.advance() ) {
-      ManagedTableBase::Ptr const table = at.value();
+      auto const table = ManagedTableBase::Ptr( at.value() ); // outlives its own removal
       table->deleteAll( chipId );
    }
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): it changes what the manager owns
 void TableManager::clearTable( Corvo::String const& tableName ) {
    if ( auto const table = managedTable( tableName ) ) {
       table->clearTable();

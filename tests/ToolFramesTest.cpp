@@ -129,7 +129,7 @@ TEST_F( ToolFrames, thatAreOthersThanPlannedAreRefused ) {
    EXPECT_THAT( refusal( FrameUse::writing ), HasSubstr( "stands a header that says 64 bytes" ) );
    plan.startOffset = 100;
    placeTables( plan );
-   EXPECT_THAT( refusal( FrameUse::writing ), HasSubstr( "stands bytes that are no header" ) );
+   EXPECT_THAT( refusal( FrameUse::writing ), HasSubstr( "stands something that is no header" ) );
 }
 
 TEST_F( ToolFrames, areNotWrittenOverBytesOfSomebodyElse ) {

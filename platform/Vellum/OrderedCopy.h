@@ -49,9 +49,9 @@
 namespace Vellum {
 
 /// How often loadImage waits for a marked image to be finished before it believes the mark. With
-/// the pause between two tries this is some ten microseconds: thousands of times what a store takes
-/// to become visible.
-inline constexpr U32 patience = 256;
+/// the pause between two tries this is some microseconds: far more than a store takes to become
+/// visible. More would make a table over foreign bytes slow to build.
+inline constexpr U32 patience = 64;
 
 namespace detail {
 

@@ -63,13 +63,13 @@ struct SinkInForce {
 /// Marks this thread as being inside the sink.
 class Delivery {
  public:
-   explicit Delivery( bool& delivering ) : delivering_( delivering ) { delivering_ = true; }
+   explicit Delivery( bool* delivering ) : delivering_( delivering ) { *delivering_ = true; }
    Delivery( Delivery const& ) = delete;
    Delivery& operator=( Delivery const& ) = delete;
-   ~Delivery() { delivering_ = false; }
+   ~Delivery() { *delivering_ = false; }
 
  private:
-   bool& delivering_;
+   bool* delivering_;
 };
 
 SinkInForce& sinkInForce() {
@@ -106,7 +106,7 @@ void TraceHelper::deliver( TraceSite const& site, std::string const& message ) c
       return sinkInForce().sink;
    }();
    std::lock_guard const guard( sinkInForce().oneAtATime );
-   Delivery const delivery( delivering );
+   Delivery const delivery( &delivering );
    ( *sink )( { .facility = handle_.name(),
                 .level = site.level,
                 .file = site.file,

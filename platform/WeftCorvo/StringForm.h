@@ -207,7 +207,7 @@ void readAttributes( Weft::CharRange text,
 template<class Field>
 Field readAttribute( Weft::CharRange text, std::string_view typeName, std::string_view name ) {
    AttributeReader reader( text, typeName );
-   Field field = reader.value<Field>( name );
+   auto field = reader.value<Field>( name );
    reader.end();
    return field;
 }

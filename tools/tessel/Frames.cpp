@@ -163,7 +163,7 @@ bool isZero( VellumChunk const& chunk, U64 offset, U64 length ) {
 std::string otherThan( VellumChunk const& chunk, PlannedTable const& table ) {
    auto const there = recordAt<EmTableHeader>( chunk, table.offset - headerBytes );
    if ( !there || !isHeader( *there, table.offset - headerBytes ) ) {
-      return "bytes that are no header";
+      return "something that is no header";
    }
    if ( std::string const name = nameIn( *there ); name != table.name ) {
       return joined( "the header of a table ", inQuotes( name ) );
