@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Tessel/EmTable.h"
 
-#include "Tessel/EmTableInternal.h"
-#include "Tessel/KeyToSlotMap.h"
+#include "Tessel/EmTableCode.h"
+#include "Tessel/EmTableWork.h"
 
 namespace Tessel {
 
@@ -21,62 +21,12 @@ U64 slotLength( TableHelper const& geometry ) {
    return ( U64{ geometry.keyLengthBytes() } + geometry.resultLengthBytes() + 5 ) & ~U64{ 3 };
 }
 
-void traceSlot( char const* operation, EmTableIndex index ) {
-   emTableTrace( { 7, operation }, "EmShadowTable::", operation, " index:", index );
-}
-
-void traceLookup( Brine::ChipId chipId, EmTableIndex found ) {
-   constexpr char const* operation = "getTableIndex";
-   if ( found.valid() ) {
-      emTableTrace(
-         { 7, operation }, "EmShadowTable::", operation, " chipId:", chipId, " index:", found );
-   } else {
-      emTableTrace( { 7, operation }, "EmShadowTable::", operation, " non-existing key" );
-   }
-}
-
-void traceUpdate( Brine::ChipId chipId, EmTableIndex index ) {
-   constexpr char const* operation = "updateTableIndex";
-   emTableTrace( { 7, operation },
-                 "EmShadowTable::",
-                 operation,
-                 " chipId:",
-                 chipId,
-                 " valid:",
-                 index.valid(),
-                 " index:",
-                 index );
-}
-
-void traceDelete( Brine::ChipId chipId ) {
-   constexpr char const* operation = "deleteTableIndex";
-   emTableTrace( { 7, operation }, "EmShadowTable::", operation, " chipId:", chipId );
-}
-
 void traceWrite( char const* operation, EmTableIndex index, Brine::ChipId chipId ) {
    emTableTrace(
       { 7, operation }, "EmShadowTable::", operation, " index:", index, " chipId:", chipId );
 }
 
 } // namespace
-
-/// A slot just taken, given back unless it is kept.
-class EmShadowTable::ClaimedSlot {
- public:
-   ClaimedSlot( HBitmap& bitmap, EmTableIndex slot ) : bitmap_( &bitmap ), slot_( slot ) {}
-   ClaimedSlot( ClaimedSlot const& ) = delete;
-   ClaimedSlot& operator=( ClaimedSlot const& ) = delete;
-   ~ClaimedSlot() {
-      if ( bitmap_ ) {
-         bitmap_->setBit( slot_.value() );
-      }
-   }
-   void keep() { bitmap_ = nullptr; }
-
- private:
-   HBitmap* bitmap_;
-   EmTableIndex slot_;
-};
 
 // ----------------------------------------------------------------------------- life of a table
 
@@ -130,6 +80,9 @@ void EmShadowTable::handleInitialized() {
       numEntries_ = geometry->numEntries();
       entryLengthBytes_ = static_cast<U32>( slotLength( *geometry ) );
       keyToSlot_ = std::make_unique<KeyToSlotMap>( keyLengthBytes_, numEntries_ );
+      rangeSizeIs( rangeBytes( *geometry ) );
+      code_ = Code::untraced( keyLengthBytes_, resultLengthBytes_ );
+      tracedCode_ = Code::traced( keyLengthBytes_ );
    }
    auto const before = freeIndexBmp_;
    if ( freeIndexBmpIs( 0, numEntries_, HBitmap::BitState::allSet ) != before ) {
@@ -143,37 +96,17 @@ void EmShadowTable::handleInitialized() {
 void EmShadowTable::reconcile() {
    emTableTrace( 7, "EmShadowTable::reconcile" );
    bitmap();
-   EmTableEntryRaw raw{};
-   for ( U32 slot = 0; slot < numEntries_; ++slot ) {
-      if ( readImage( EmTableIndex( slot ), raw ) ) {
-         takeOver( EmTableIndex( slot ), raw );
-      }
-   }
-}
-
-void EmShadowTable::takeOver( EmTableIndex index, EmTableEntryRaw const& raw ) {
-   Brine::ChipId const chipId( raw.chipId );
-   char const* const key = keyOf( raw );
-   KeyPlace const place = keyToSlot_->find( chipId, key );
-   if ( !place.index.valid() ) {
-      keyToSlot_->makeRoom( place );
-   }
-   // Counted by its bit, so that a slot is never counted twice, whatever the map says of its key.
-   bool const alreadyCounted = !freeIndexBmp_->bit( index.value() );
-   markIndexUsed( index );
-   traceUpdate( chipId, index );
-   keyToSlot_->set( place, chipId, key, index );
-   if ( !alreadyCounted ) {
-      countOneMore( chipId );
-   }
-}
-
-void EmShadowTable::countOneMore( Brine::ChipId chipId ) {
-   numUsedEntriesInc( 1 );
-   numUsedEntriesByChipIdInc( chipId, 1 );
+   code().reconcile( *this );
 }
 
 // ------------------------------------------------------------------------------------- entries
+
+inline EmShadowTable::Code const& EmShadowTable::code() const {
+   if ( emTableTrace.enabled() ) [[unlikely]] {
+      return *tracedCode_;
+   }
+   return *code_;
+}
 
 bool EmShadowTable::isFull() const {
    return numUsedEntries_ >= numEntries_;
@@ -183,135 +116,62 @@ U32 EmShadowTable::tableShadowSize() const {
    return entryLengthBytes_ * numEntries_;
 }
 
-KeyPlace EmShadowTable::find( Brine::ChipId chipId, Weft::CharPtrConst key ) const {
-   KeyPlace const place = keyToSlot_->find( chipId, key );
-   traceLookup( chipId, place.index );
-   return place;
-}
-
 bool EmShadowTable::entryIs( Brine::ChipId chipId,
                              Weft::CharPtrConst key,
                              Weft::CharPtrConst result ) {
-   checkKeySize( keyLengthBytes_ );
-   checkResultSize( resultLengthBytes_ );
-   KeyPlace const place = find( chipId, key );
-   if ( !place.index.valid() ) {
-      return add( place, chipId, key, result );
-   }
-   writeImage( place.index, chipId, key, result );
-   return true;
-}
-
-bool EmShadowTable::add( KeyPlace const& place,
-                         Brine::ChipId chipId,
-                         Weft::CharPtrConst key,
-                         Weft::CharPtrConst result ) {
-   EmTableIndex const slot = alloc();
-   if ( !slot.valid() ) {
-      return false;
-   }
-   // All that can fail comes before the first change of the map and the counts.
-   ClaimedSlot claimed( *freeIndexBmp_, slot );
-   keyToSlot_->makeRoom( place );
-   writeImage( slot, chipId, key, result );
-   claimed.keep();
-   traceUpdate( chipId, slot );
-   keyToSlot_->set( place, chipId, key, slot );
-   countOneMore( chipId );
-   return true;
+   return code().entryIs( *this, chipId, key, result );
 }
 
 void EmShadowTable::entryDel( Brine::ChipId chipId, Weft::CharPtrConst key ) {
-   checkKeySize( keyLengthBytes_ );
-   KeyPlace const place = find( chipId, key );
-   if ( !place.index.valid() ) {
-      return;
-   }
-   sassert( place.index.value() < bitmap().size(), "index.value() < freeIndexBmp()->size()" );
-   traceDelete( chipId );
-   // The write may fail its contract, the steps after it cannot: failing here, nothing has changed.
-   invalidateVellumMemory( place.index );
-   keyToSlot_->erase( place, chipId );
-   free( place.index );
-   numUsedEntriesDec( 1 );
-   numUsedEntriesByChipIdDec( chipId, 1 );
+   return code().entryDel( *this, chipId, key );
 }
 
 bool EmShadowTable::entryHas( Brine::ChipId chipId, Weft::CharPtrConst key ) const {
-   checkKeySize( keyLengthBytes_ );
-   return find( chipId, key ).index.valid();
+   return code().entryHas( *this, chipId, key );
 }
 
 bool EmShadowTable::entry( Brine::ChipId chipId,
                            Weft::CharPtrConst key,
                            Weft::CharPtr result ) const {
-   emTableTrace( 7, "EmShadowTable::", "entry", " chipId:", chipId );
-   checkKeySize( keyLengthBytes_ );
-   KeyPlace const place = find( chipId, key );
-   if ( !place.index.valid() ) {
-      return false;
-   }
-   EmTableEntryRaw raw;
-   bool const valid = readImage( place.index, raw );
-   sassert( valid, "entry.valid() == true" );
-   sassert( raw.chipId == chipId.value(), "entry.chipId() == chipId" );
-   sassert( Vellum::equalShort( key, keyOf( raw ), keyLengthBytes_ ),
-            "memcmp( key, entry.key().bytes().bytesPtr(), tableHelper()->keyLengthBytes() ) == 0" );
-   Vellum::copyShort( result, resultOf( raw, keyLengthBytes_ ), resultLengthBytes_ );
-   return true;
+   return code().entry( *this, chipId, key, result );
+}
+
+namespace {
+
+bool* checkedAnswers( std::span<bool> answers, std::size_t pairs, char const* operation ) {
+   sassert( answers.empty() || answers.size() == pairs,
+            { "answers.empty() || answers.size() == pairs.size()", operation } );
+   return answers.empty() ? nullptr : answers.data();
+}
+
+} // namespace
+
+U64 EmShadowTable::entryIsBulk( std::span<EmPairAndResult const> pairs, std::span<bool> answers ) {
+   return code().entryIsBulk(
+      *this, pairs, checkedAnswers( answers, pairs.size(), "entryIsBulk" ) );
+}
+
+U64 EmShadowTable::entryDelBulk( std::span<EmPair const> pairs, std::span<bool> answers ) {
+   return code().entryDelBulk(
+      *this, pairs, checkedAnswers( answers, pairs.size(), "entryDelBulk" ) );
+}
+
+U64 EmShadowTable::entryHasBulk( std::span<EmPair const> pairs, std::span<bool> answers ) const {
+   return code().entryHasBulk(
+      *this, pairs, checkedAnswers( answers, pairs.size(), "entryHasBulk" ) );
+}
+
+U64 EmShadowTable::entryBulk( std::span<EmPairAndBuffer const> pairs,
+                              std::span<bool> answers ) const {
+   return code().entryBulk( *this, pairs, checkedAnswers( answers, pairs.size(), "entryBulk" ) );
 }
 
 void EmShadowTable::deleteAll( Brine::ChipId chipId ) {
-   for ( U64 at = keyToSlot_->next( 0 ); at != KeyToSlotMap::nowhere;
-         at = keyToSlot_->next( at + 1 ) ) {
-      deleteOnChip( chipId, at );
-   }
-}
-
-void EmShadowTable::deleteOnChip( Brine::ChipId chipId, U64 keyPosition ) {
-   EntryKey const key = keyToSlot_->keyAt( keyPosition );
-   bool const present = KeyToSlotMap::isStray( keyPosition ) ||
-                        keyToSlot_->whereAt( keyPosition ).indexOn( chipId ).valid();
-   if ( present ) {
-      deletePair( chipId, key );
-   }
-}
-
-void EmShadowTable::deletePair( Brine::ChipId chipId, EntryKey const& key ) {
-   EmTableIndex const index = keyToSlot_->index( chipId, key );
-   U32 const slots = std::min( numEntries_, bitmap().size() );
-   // A caller may have set a key or an index that no image of this table can have.
-   if ( key.bytes().size() != keyLengthBytes_ || index.value() >= slots ) {
-      keyToSlot_->indexDel( chipId, key );
-   } else {
-      entryDel( chipId, key.bytes().bytesPtr() );
-   }
+   return code().deleteAll( *this, chipId );
 }
 
 void EmShadowTable::clearTable() {
-   for ( U64 at = keyToSlot_->next( 0 ); at != KeyToSlotMap::nowhere;
-         at = keyToSlot_->next( at + 1 ) ) {
-      if ( !KeyToSlotMap::isStray( at ) ) {
-         deleteOnAllChips( at );
-      }
-   }
-   keyToSlot_->delStrays();
-}
-
-void EmShadowTable::deleteOnAllChips( U64 keyPosition ) {
-   // The copy of the key and the reference on its object outlive the removals.
-   EntryKey const key = keyToSlot_->keyAt( keyPosition );
-   SlotOrObject const where = keyToSlot_->whereAt( keyPosition );
-   if ( !where.isObject() ) {
-      deletePair( where.chip(), key );
-      return;
-   }
-   Corvo::Ptr<EmTableFapIndices> const indices( where.object() );
-   for ( U32 chip = indices->nextChip( 0 ); chip < 256; chip = indices->nextChip( chip + 1 ) ) {
-      deletePair( Brine::ChipId( static_cast<U8>( chip ) ), key );
-   }
-   // What is left has no slots: an object that a caller emptied, or filled with invalid indices.
-   keyToSlot_->objectDel( key );
+   return code().clearTable( *this );
 }
 
 // -------------------------------------------------------------------- the map from keys to slots
@@ -373,39 +233,37 @@ void EmShadowTable::KeyCursor::advance() {
 
 EmTableIndex EmShadowTable::getTableIndex( Brine::ChipId chipId, EntryKey const& key ) const {
    EmTableIndex const found = keyToSlot_->index( chipId, key );
-   traceLookup( chipId, found );
+   traceTableLookup( chipId, found );
    return found;
 }
 
 void EmShadowTable::updateTableIndex( Brine::ChipId chipId,
                                       EntryKey const& key,
                                       EmTableIndex index ) {
-   traceUpdate( chipId, index );
+   traceTableUpdate( chipId, index );
    sassert( index.valid(), "index.valid()" );
    keyToSlot_->indexIs( chipId, key, index );
 }
 
 void EmShadowTable::deleteTableIndex( Brine::ChipId chipId, EntryKey const& key ) {
-   traceDelete( chipId );
+   traceTableDelete( chipId );
    keyToSlot_->indexDel( chipId, key );
 }
 
 // --------------------------------------------------------------------------------------- slots
 
-void EmShadowTable::checkSlot( EmTableIndex index, char const* operation ) const {
-   sassert( index.value() < numEntries_,
-            { "index.value() < tableHelper()->numEntries()", operation },
-            "Table ",
-            tableName(),
-            " has ",
-            numEntries_,
-            " slots; index ",
-            index );
+void EmShadowTable::refuseSlot( EmTableIndex index, char const* operation ) const {
+   sassert.refuse( { "index.value() < tableHelper()->numEntries()", operation },
+                   "Table ",
+                   tableName(),
+                   " has ",
+                   numEntries_,
+                   " slots; index ",
+                   index );
 }
 
-HBitmap& EmShadowTable::bitmap( Weft::ContractSite site ) const {
-   sassert( bool( freeIndexBmp_ ), site );
-   return *freeIndexBmp_;
+void EmShadowTable::refuseWithoutBitmap( char const* operation ) const {
+   sassert.refuse( { "freeIndexBmp()", operation } );
 }
 
 Corvo::Ptr<HBitmap>
@@ -423,53 +281,16 @@ Corvo::Ptr<HBitmap> EmShadowTable::freeIndexBmpDel() {
    return std::move( freeIndexBmp_ );
 }
 
-U32 EmShadowTable::numUsedEntriesByChipIdInc( Brine::ChipId chip, U32 amount ) {
-   U32 const count = usedByChip_.count( chip ) + amount;
-   numUsedEntriesByChipIdIs( chip, count );
-   return count;
-}
-
-U32 EmShadowTable::numUsedEntriesByChipIdDec( Brine::ChipId chip, U32 amount ) {
-   U32 const count = usedByChip_.count( chip ) - amount;
-   numUsedEntriesByChipIdIs( chip, count );
-   return count;
-}
-
 EmTableIndex EmShadowTable::alloc() {
-   HBitmap& free = bitmap();
-   U32 const slot = free.findBitInSetState( HBitmap::IndexPreference::lowest );
-   if ( slot >= numEntries_ ) { // none, or one that only a bitmap of another size has
-      return {};
-   }
-   free.clearBit( slot );
-   emTableTrace( 7, "ManagedEmTable::", "alloc", " index:", slot );
-   return EmTableIndex( slot );
+   return SlotWork<true, EmShadowTable>( *this ).takeSlot();
 }
 
 void EmShadowTable::free( EmTableIndex index ) {
-   traceSlot( "free", index );
-   sassert( index.valid(), "index.valid()" );
-   checkSlot( index );
-   bitmap().setBit( index.value() );
+   SlotWork<true, EmShadowTable>( *this ).giveBackSlot( index );
 }
 
 void EmShadowTable::markIndexUsed( EmTableIndex index ) {
-   traceSlot( "markIndexUsed", index );
-   checkSlot( index );
-   bitmap().clearBit( index.value() );
-}
-
-void EmShadowTable::writeImage( EmTableIndex index,
-                                Brine::ChipId chipId,
-                                Weft::CharPtrConst key,
-                                Weft::CharPtrConst result ) {
-   traceWrite( "writeToVellumMemory", index, chipId );
-   checkSlot( index, "writeToVellumMemory" );
-   traceImageCopy( "copyToBuf", keyLengthBytes_, resultLengthBytes_ );
-   EmTableEntryRaw raw = emptyImageOf( chipId );
-   Vellum::copyShort( keyOf( raw ), key, keyLengthBytes_ );
-   Vellum::copyShort( resultOf( raw, keyLengthBytes_ ), result, resultLengthBytes_ );
-   doWriteVellum( offsetOf( index ), bytesOf( raw ), entryLengthBytes_ );
+   SlotWork<true, EmShadowTable>( *this ).markSlotUsed( index );
 }
 
 void EmShadowTable::writeEntry( EmTableIndex index,
@@ -498,32 +319,11 @@ void EmShadowTable::writeToShadowMemory( EmTableIndex index,
 }
 
 void EmShadowTable::invalidateVellumMemory( EmTableIndex index ) {
-   traceSlot( "invalidateVellumMemory", index );
-   writeEntry( index, EmTableEntry(), "invalidateVellumMemory" );
-}
-
-bool EmShadowTable::readImage( EmTableIndex index, EmTableEntryRaw& raw ) const {
-   traceSlot( "readFromVellumMemory", index );
-   checkSlot( index, "readFromVellumMemory" );
-   bool const visible = readVisible( offsetOf( index ), bytesOf( raw ), entryLengthBytes_ );
-   traceImageCopy( "copyFromBuf", keyLengthBytes_, resultLengthBytes_ );
-   if ( !visible || raw.valid == 0 ) {
-      return false;
-   }
-   checkKeySize( keyLengthBytes_ );
-   checkResultSize( resultLengthBytes_ );
-   return true;
+   SlotWork<true, EmShadowTable>( *this ).wipeImage( index );
 }
 
 EmTableEntry EmShadowTable::readFromVellumMemory( EmTableIndex index ) const {
-   EmTableEntryRaw raw;
-   if ( !readImage( index, raw ) ) {
-      return {};
-   }
-   return { true,
-            Brine::ChipId( raw.chipId ),
-            EntryKey( Corvo::Bytes( keyOf( raw ), keyLengthBytes_ ) ),
-            EntryResult( Corvo::Bytes( resultOf( raw, keyLengthBytes_ ), resultLengthBytes_ ) ) };
+   return code().readFromVellumMemory( *this, index );
 }
 
 void EmShadowTable::cleanupIndex( EmTableIndex index ) {

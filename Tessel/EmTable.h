@@ -36,6 +36,7 @@
 #include <cstddef>
 #include <iterator>
 #include <limits>
+#include <span>
 
 namespace Weft {
 class Module;
@@ -47,7 +48,6 @@ class Module;
 namespace Tessel {
 
 class KeyToSlotMap;
-struct KeyPlace;
 
 /// The longest key and result of an exact-match table, in bytes.
 inline constexpr U32 MAX_KEY_LENGTH_IN_BYTE = 20;
@@ -198,8 +198,11 @@ class ChipCounts {
 
    U32 count( Brine::ChipId chip ) const { return counts_[ chip.value() ]; }
    void countIs( Brine::ChipId chip, U32 count ) {
-      counts_[ chip.value() ] = count;
-      members_.set( chip.value() );
+      U32& now = counts_[ chip.value() ];
+      if ( now == 0 ) { // else it is a member
+         members_.set( chip.value() );
+      }
+      now = count;
    }
    U32 del( Brine::ChipId chip ) {
       members_.reset( chip.value() );
@@ -224,6 +227,24 @@ class ChipCounts {
 };
 
 class EmEntryRange;
+
+/// One entry of a bulk call. What it points at stays the caller's and is used during the call alone.
+struct EmPair {
+   Brine::ChipId chipId;
+   Weft::CharPtrConst key;
+};
+/// With the result to set.
+struct EmPairAndResult {
+   Brine::ChipId chipId;
+   Weft::CharPtrConst key;
+   Weft::CharPtrConst result;
+};
+/// With the place that the result is written to.
+struct EmPairAndBuffer {
+   Brine::ChipId chipId;
+   Weft::CharPtrConst key;
+   Weft::CharPtr result;
+};
 
 /// The exact-match table.
 ///
@@ -286,6 +307,19 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    /// back: "entry.valid() == true", "entry.chipId() == chipId",
    /// "memcmp( key, entry.key().bytes().bytesPtr(), tableHelper()->keyLengthBytes() ) == 0".
    bool entry( Brine::ChipId chipId, Weft::CharPtrConst key, Weft::CharPtr result ) const override;
+
+   // The same for many entries: what the single calls one after another would do, trace and answer,
+   // in a fraction of their time once the table is larger than the processor's caches. `answers` is
+   // empty, or as long as the other and gets what each single call would have answered. The number
+   // of true ones is returned. Contract failure "answers.empty() || answers.size() == pairs.size()".
+   // A call that fails on its way stops between two entries: those before are done and answered.
+
+   U64 entryIsBulk( std::span<EmPairAndResult const> pairs, std::span<bool> answers = {} );
+   /// The answer of an entry is whether it was there.
+   U64 entryDelBulk( std::span<EmPair const> pairs, std::span<bool> answers = {} );
+   U64 entryHasBulk( std::span<EmPair const> pairs, std::span<bool> answers = {} ) const;
+   U64 entryBulk( std::span<EmPairAndBuffer const> pairs, std::span<bool> answers = {} ) const;
+
    ManagedTableIteratorConst managedTableIteratorConst() const override;
    /// One entryDel for every entry of the chip.
    void deleteAll( Brine::ChipId chipId ) override;
@@ -359,8 +393,16 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
       usedByChip_.countIs( chip, count );
    }
    /// New value, modulo 2^32; the chip becomes a member.
-   U32 numUsedEntriesByChipIdInc( Brine::ChipId chip, U32 amount );
-   U32 numUsedEntriesByChipIdDec( Brine::ChipId chip, U32 amount );
+   U32 numUsedEntriesByChipIdInc( Brine::ChipId chip, U32 amount ) {
+      U32 const count = usedByChip_.count( chip ) + amount;
+      usedByChip_.countIs( chip, count );
+      return count;
+   }
+   U32 numUsedEntriesByChipIdDec( Brine::ChipId chip, U32 amount ) {
+      U32 const count = usedByChip_.count( chip ) - amount;
+      usedByChip_.countIs( chip, count );
+      return count;
+   }
    /// Removes the member and returns its count; 0 when absent.
    U32 numUsedEntriesByChipIdDel( Brine::ChipId chip ) { return usedByChip_.del( chip ); }
    void numUsedEntriesByChipIdDelAll() { usedByChip_.delAll(); }
@@ -401,33 +443,43 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
 
  private:
    friend class EmShadowTableIteratorConst;
-   class ClaimedSlot;
 
-   void checkSlot( EmTableIndex index, char const* operation = __builtin_FUNCTION() ) const;
-   Brine::HBitmap& bitmap( Weft::ContractSite site = "freeIndexBmp()" ) const;
+   // The operations as templates, and the code chosen for the table's geometry; internal to EmTable.
+   template<bool traced, class Table>
+   class [[gnu::visibility( "hidden" )]] SlotWork;
+   template<bool traced, class KeyClass, class Table>
+   class [[gnu::visibility( "hidden" )]] EntryWork;
+   struct Code;
+   struct CodeChoice;
+   Code const& code() const;
+
+   [[gnu::always_inline]] void checkSlot( EmTableIndex index,
+                                          char const* operation = __builtin_FUNCTION() ) const {
+      if ( index.value() >= numEntries_ ) [[unlikely]] {
+         refuseSlot( index, operation );
+      }
+   }
+   [[noreturn]] void refuseSlot( EmTableIndex index, char const* operation ) const;
+   [[gnu::always_inline]] Brine::HBitmap&
+   bitmap( char const* operation = __builtin_FUNCTION() ) const {
+      if ( !freeIndexBmp_ ) [[unlikely]] {
+         refuseWithoutBitmap( operation );
+      }
+      return *freeIndexBmp_;
+   }
+   [[noreturn]] void refuseWithoutBitmap( char const* operation ) const;
    U32 offsetOf( EmTableIndex index ) const { return index.value() * entryLengthBytes_; }
-   KeyPlace find( Brine::ChipId chipId, Weft::CharPtrConst key ) const;
-   bool add( KeyPlace const& place,
-             Brine::ChipId chipId,
-             Weft::CharPtrConst key,
-             Weft::CharPtrConst result );
-   void takeOver( EmTableIndex index, EmTableEntryRaw const& raw );
-   void countOneMore( Brine::ChipId chipId );
-   void writeImage( EmTableIndex index,
-                    Brine::ChipId chipId,
-                    Weft::CharPtrConst key,
-                    Weft::CharPtrConst result );
    void writeEntry( EmTableIndex index, EmTableEntry const& entry, char const* operation );
-   bool readImage( EmTableIndex index, EmTableEntryRaw& raw ) const;
-   void deleteOnChip( Brine::ChipId chipId, U64 keyPosition );
-   void deleteOnAllChips( U64 keyPosition );
-   void deletePair( Brine::ChipId chipId, EntryKey const& key );
-
+   Code const* code_ = nullptr;
+   Code const* tracedCode_ = nullptr;
    // The geometry, which never changes, where every operation needs it.
    U32 keyLengthBytes_ = 0;
    U32 resultLengthBytes_ = 0;
    U32 numEntries_ = 0;
    U32 entryLengthBytes_ = 0;
+   /// Whether this table is the one that writes the images, which it then need not read twice: nobody
+   /// else changes them.
+   bool isWriter_ = false;
    U32 numUsedEntries_ = 0;
    Corvo::Ptr<Brine::HBitmap> freeIndexBmp_;
    std::unique_ptr<KeyToSlotMap> keyToSlot_;

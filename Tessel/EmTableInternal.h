@@ -40,6 +40,41 @@ inline void traceImageCopy( char const* operation, U32 keyLength, U32 resultLeng
                  resultLength );
 }
 
+inline void traceTableLookup( Brine::ChipId chip, EmTableIndex found ) {
+   constexpr char const* operation = "getTableIndex";
+   if ( found.valid() ) {
+      emTableTrace(
+         { 7, operation }, "EmShadowTable::", operation, " chipId:", chip, " index:", found );
+   } else {
+      emTableTrace( { 7, operation }, "EmShadowTable::", operation, " non-existing key" );
+   }
+}
+
+inline void traceTableUpdate( Brine::ChipId chip, EmTableIndex index ) {
+   constexpr char const* operation = "updateTableIndex";
+   emTableTrace( { 7, operation },
+                 "EmShadowTable::",
+                 operation,
+                 " chipId:",
+                 chip,
+                 " valid:",
+                 index.valid(),
+                 " index:",
+                 index );
+}
+
+inline void traceTableDelete( Brine::ChipId chip ) {
+   constexpr char const* operation = "deleteTableIndex";
+   emTableTrace( { 7, operation }, "EmShadowTable::", operation, " chipId:", chip );
+}
+
+/// How many entries a bulk operation works on at once: enough to hide the time of a cache miss behind
+/// the work on the others, few enough that what was fetched is still there.
+inline constexpr U32 bulkBlock = 32;
+/// A map of at most so many bytes is taken to be in a cache next to the processor: there fetching costs
+/// more than it saves.
+inline constexpr U64 cachedBytes = U64{ 256 } << 10;
+
 inline char* keyOf( EmTableEntryRaw& raw ) {
    return reinterpret_cast<char*>( raw.keyAndResult.data() );
 }

@@ -6,19 +6,22 @@ namespace Tessel {
 KeyToSlotMap::KeyToSlotMap( U32 keyLength, U32 mostKeys )
       : keyLength_( keyLength ), keys_( keysFor( keyLength, mostKeys ) ) {}
 
-KeyToSlotMap::KeysOfOneLength KeyToSlotMap::keysFor( U32 keyLength, U32 mostKeys ) {
-   if ( keyLength <= 8 ) {
-      return KeysOfOneLength( std::in_place_index<0>, mostKeys, KeyHash<1>{ keyLength } );
+KeyToSlotMap::Keys KeyToSlotMap::keysFor( U32 keyLength, U32 mostKeys ) {
+   switch ( wordsFor( keyLength ) ) {
+   case 1:
+      return Keys( std::in_place_type<KeyTable<1>>, keyLength, mostKeys );
+   case 2:
+      return Keys( std::in_place_type<KeyTable<2>>, keyLength, mostKeys );
+   default:
+      return Keys( std::in_place_type<KeyTable<3>>, keyLength, mostKeys );
    }
-   if ( keyLength <= 16 ) {
-      return KeysOfOneLength( std::in_place_index<1>, mostKeys, KeyHash<2>{ keyLength } );
-   }
-   return KeysOfOneLength( std::in_place_index<2>, mostKeys, KeyHash<3>{ keyLength } );
 }
 
 EmTableIndex KeyToSlotMap::index( Brine::ChipId chip, EntryKey const& key ) const {
    if ( ofLength( key ) ) {
-      return find( chip, key.bytes().bytesPtr() ).index;
+      return onKeys( [ & ]( auto const& keys ) {
+         return keys.find( chip, keys.keyAt( key.bytes().bytesPtr() ) ).index;
+      } );
    }
    U64 const position = strayPosition( key );
    return position == nowhere ? EmTableIndex()
@@ -27,12 +30,14 @@ EmTableIndex KeyToSlotMap::index( Brine::ChipId chip, EntryKey const& key ) cons
 
 void KeyToSlotMap::indexIs( Brine::ChipId chip, EntryKey const& key, EmTableIndex slot ) {
    if ( ofLength( key ) ) {
-      char const* const bytes = key.bytes().bytesPtr();
-      KeyPlace const place = find( chip, bytes );
-      if ( !place.index.valid() ) {
-         makeRoom( place );
-      }
-      set( place, chip, bytes, slot );
+      onKeys( [ & ]( auto& keys ) {
+         auto const hashed = keys.keyAt( key.bytes().bytesPtr() );
+         KeyPlace const place = keys.find( chip, hashed );
+         if ( !place.index.valid() ) {
+            keys.makeRoom( place );
+         }
+         keys.set( place, chip, hashed, slot );
+      } );
       return;
    }
    auto indices = object( key );
@@ -46,10 +51,13 @@ void KeyToSlotMap::indexIs( Brine::ChipId chip, EntryKey const& key, EmTableInde
 
 void KeyToSlotMap::indexDel( Brine::ChipId chip, EntryKey const& key ) {
    if ( ofLength( key ) ) {
-      KeyPlace const place = find( chip, key.bytes().bytesPtr() );
-      if ( place.index.valid() ) {
-         erase( place, chip );
-      }
+      onKeys( [ & ]( auto& keys ) {
+         auto const hashed = keys.keyAt( key.bytes().bytesPtr() );
+         KeyPlace const place = keys.find( chip, hashed );
+         if ( place.index.valid() ) {
+            keys.erase( place, chip, hashed );
+         }
+      } );
       return;
    }
    auto const indices = object( key );
@@ -70,38 +78,16 @@ Corvo::Ptr<EmTableFapIndices> KeyToSlotMap::object( EntryKey const& key ) {
    if ( isStray( position ) ) {
       return strays_[ position & ~strayBit ].object;
    }
-   return onKeys( [ & ]( auto& keys ) {
-      return Corvo::Ptr<EmTableFapIndices>( &objectOf( keys[ position ] ) );
-   } );
-}
-
-template<std::size_t wordCount>
-void KeyToSlotMap::setObjectIn( Keys<wordCount>& keys,
-                                EntryKey const& key,
-                                Corvo::Ptr<EmTableFapIndices> const& object ) {
-   auto const words = keyWordsAt<wordCount>( key.bytes().bytesPtr(), keyLength_ );
-   U32 const hash = Weft::hashWords( words, keyLength_ );
-   U64 const position = positionIn( keys, words, hash );
-   if ( position == nowhere ) {
-      keys.makeRoom();
-      keys.insert( hash, KeyElement<wordCount>( words, SlotOrObject( object ) ) );
-      ++objects_;
-      return;
-   }
-   SlotOrObject const before = keys[ position ].where();
-   keys[ position ].whereIs( SlotOrObject( object ) );
-   if ( before.isObject() ) {
-      Corvo::Ptr<EmTableFapIndices>::adopt( before.object() ); // drops the element's reference
-   } else {
-      ++objects_;
-   }
+   return onKeys(
+      [ & ]( auto& keys ) { return Corvo::Ptr<EmTableFapIndices>( &keys.objectAt( position ) ); } );
 }
 
 void KeyToSlotMap::objectIs( EntryKey const& key, Corvo::Ptr<EmTableFapIndices> const& object ) {
    if ( !object ) {
       objectDel( key );
    } else if ( ofLength( key ) ) {
-      onKeys( [ & ]( auto& keys ) { setObjectIn( keys, key, object ); } );
+      onKeys(
+         [ & ]( auto& keys ) { keys.objectIs( keys.keyAt( key.bytes().bytesPtr() ), object ); } );
    } else {
       strayIs( key, object );
    }
@@ -115,7 +101,8 @@ void KeyToSlotMap::strayIs( EntryKey const& key, Corvo::Ptr<EmTableFapIndices> c
    }
    Stray stray{ key, object };
    strays_.makeRoom();
-   strays_.insert( key.hash(), std::move( stray ) );
+   U64 const hash = StrayHash()( stray );
+   strays_.insert( hash, std::move( stray ) );
 }
 
 Corvo::Ptr<EmTableFapIndices> KeyToSlotMap::objectDel( EntryKey const& key ) {
@@ -126,21 +113,22 @@ Corvo::Ptr<EmTableFapIndices> KeyToSlotMap::objectDel( EntryKey const& key ) {
    }
    U64 const position = positionOf( key );
    if ( isStray( position ) ) {
-      strays_.erase( position & ~strayBit );
+      strays_.erase( position & ~strayBit, Weft::widened( key.hash() ) );
    } else {
-      onKeys( [ & ]( auto& keys ) { eraseAt( keys, position ); } );
+      onKeys( [ & ]( auto& keys ) { keys.eraseKey( position, keys.keyOf( position ) ); } );
    }
    return removed;
 }
 
 void KeyToSlotMap::delAll() noexcept {
-   onKeys( [ & ]( auto& keys ) {
-      for ( U64 at = keys.next( 0 ); objects_ > 0 && at != nowhere; at = keys.next( at + 1 ) ) {
-         eraseAt( keys, at );
-      }
-      keys.clear();
-   } );
+   onKeys( []( auto& keys ) { keys.delAll(); } );
    delStrays();
+}
+
+void KeyToSlotMap::indexDelOfStrays( Brine::ChipId chip ) {
+   for ( U64 at = strays_.next( 0 ); at != Strays::nowhere; at = strays_.next( at + 1 ) ) {
+      indexDel( chip, EntryKey( strays_[ at ].key ) ); // a copy: the stray may go
+   }
 }
 
 void KeyToSlotMap::delStrays() noexcept {
@@ -148,7 +136,7 @@ void KeyToSlotMap::delStrays() noexcept {
 }
 
 U64 KeyToSlotMap::count() const {
-   return strays_.size() + onKeys( []( auto const& keys ) { return keys.size(); } );
+   return strays_.size() + onKeys( []( auto const& keys ) { return keys.count(); } );
 }
 
 U64 KeyToSlotMap::capacity() const {
@@ -168,8 +156,10 @@ U64 KeyToSlotMap::next( U64 position ) const {
 }
 
 U64 KeyToSlotMap::strayPosition( EntryKey const& key ) const {
-   U64 const position =
-      strays_.find( key.hash(), [ & ]( Stray const& stray ) { return stray.key == key; } );
+   U64 const position = strays_
+                           .find( Weft::widened( key.hash() ),
+                                  [ & ]( Stray const& stray ) { return stray.key == key; } )
+                           .position;
    return position == Strays::nowhere ? nowhere : position | strayBit;
 }
 
@@ -177,7 +167,9 @@ U64 KeyToSlotMap::positionOf( EntryKey const& key ) const {
    if ( !ofLength( key ) ) {
       return strayPosition( key );
    }
-   return find( Brine::ChipId( 0 ), key.bytes().bytesPtr() ).position;
+   return onKeys( [ & ]( auto const& keys ) {
+      return keys.positionOf( keys.keyAt( key.bytes().bytesPtr() ) );
+   } );
 }
 
 EntryKey KeyToSlotMap::keyAt( U64 position ) const {
@@ -185,7 +177,7 @@ EntryKey KeyToSlotMap::keyAt( U64 position ) const {
       return strays_[ position & ~strayBit ].key;
    }
    return onKeys( [ & ]( auto const& keys ) {
-      return EntryKey( Corvo::Bytes( keys[ position ].key(), keyLength_ ) );
+      return EntryKey( Corvo::Bytes( keys.bytesOf( position ), keyLength_ ) );
    } );
 }
 

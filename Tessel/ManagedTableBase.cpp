@@ -208,6 +208,17 @@ void ManagedTableBase::useLocalMemIs( bool use ) {
 
 void ManagedTableBase::chooseMemory() {
    chunkInUse_ = buf_ || useLocalMem_ ? nullptr : vellumChunk_.get();
+   bool const holdsRange = chunkInUse_ && rangeSize_ != 0 &&
+                           U64{ vellumOffset_ } + rangeSize_ <= chunkInUse_->size();
+   readableRange_ = holdsRange ? chunkInUse_->readableAt( vellumOffset_, 0 ) : nullptr;
+   bool const writable =
+      holdsRange && chunkInUse_->access() == Vellum::VellumChunk::Access::readWrite;
+   writableRange_ = writable ? chunkInUse_->writableAt( vellumOffset_, 0 ) : nullptr;
+}
+
+void ManagedTableBase::rangeSizeIs( U64 size ) {
+   rangeSize_ = size;
+   chooseMemory();
 }
 
 bool ManagedTableBase::entryIs_py( Brine::ChipId chipId,
@@ -250,34 +261,40 @@ Corvo::Bytes ManagedTableBase::entry_py( Brine::ChipId chipId, Corvo::Bytes cons
    } );
 }
 
+U8* ManagedTableBase::writableElsewhere( U32 offset, U32 size ) {
+   return elsewhere( offset,
+                     size,
+                     "doWriteVellum",
+                     "void Tessel::ManagedTableBase::doWriteVellum(U32, Weft::BytePtr, U32)"
+                     " write to local memory : " );
+}
+
+U8 const* ManagedTableBase::readableElsewhere( U32 offset, U32 size ) const {
+   return elsewhere( offset,
+                     size,
+                     "doReadVellum",
+                     "void Tessel::ManagedTableBase::doReadVellum(U32, Weft::BytePtr, U32) const"
+                     " read from local memory : " );
+}
+
 void ManagedTableBase::writeElsewhere( U32 offset, Weft::BytePtr data, U32 size ) {
-   Weft::BytePtr const memory =
-      elsewhere( offset,
-                 size,
-                 "doWriteVellum",
-                 "void Tessel::ManagedTableBase::doWriteVellum(U32, Weft::BytePtr, U32)"
-                 " write to local memory : " );
+   U8* const memory = writableElsewhere( offset, size );
    if ( size != 0 ) {
       std::memcpy( memory, data, size );
    }
 }
 
 void ManagedTableBase::readElsewhere( U32 offset, Weft::BytePtr data, U32 size ) const {
-   Weft::BytePtr const memory =
-      elsewhere( offset,
-                 size,
-                 "doReadVellum",
-                 "void Tessel::ManagedTableBase::doReadVellum(U32, Weft::BytePtr, U32) const"
-                 " read from local memory : " );
+   U8 const* const memory = readableElsewhere( offset, size );
    if ( size != 0 ) {
       std::memcpy( data, memory, size );
    }
 }
 
-Weft::BytePtr ManagedTableBase::elsewhere( U32 offset,
-                                           U32 size,
-                                           char const* operation,
-                                           char const* tracedAs ) const {
+U8* ManagedTableBase::elsewhere( U32 offset,
+                                 U32 size,
+                                 char const* operation,
+                                 char const* tracedAs ) const {
    if ( buf_ ) {
       // Looked up on every access: the variable may be set or removed at any time.
       sassert( std::getenv( "SIMULATION_VMID" ) != nullptr,

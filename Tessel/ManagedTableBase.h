@@ -264,22 +264,35 @@ class [[gnu::visibility( "default" )]] ManagedTableBase : public Corvo::Node {
    static Weft::AllocTrackTypeInfo memAllocationTracker_;
 
  protected:
-   /// Whether the image at `offset` shows itself (see VellumChunk::readVisibleAt); when it does, it
-   /// has been read to `data`, at least `size` bytes. `size` is at least 1.
-   bool readVisible( U32 offset, Weft::BytePtr data, U32 size ) const {
+   /// Says how many bytes the range has, once a kind knows it.
+   void rangeSizeIs( U64 size );
+   /// The range while accesses go to a chunk that holds all of it (and, for the second, may be
+   /// written); else null: then each access has to be asked for. Valid until the attributes above
+   /// are set.
+   U8 const* readableRange() const { return readableRange_; }
+   U8* writableRange() const { return writableRange_; }
+   /// Where the access to `size` bytes at `offset` goes, for the functions of Vellum/OrderedCopy.h.
+   /// Contract failures as doWriteVellum and doReadVellum.
+   [[gnu::always_inline]] U8* writableAt( U32 offset, U32 size ) {
       if ( chunkInUse_ ) [[likely]] {
-         return chunkInUse_->readVisibleAt( U64{ vellumOffset_ } + offset, data, size );
+         return chunkInUse_->writableAt( U64{ vellumOffset_ } + offset, size );
       }
-      readElsewhere( offset, data, size );
-      return *data != 0;
+      return writableElsewhere( offset, size );
+   }
+   [[gnu::always_inline]] U8 const* readableAt( U32 offset, U32 size ) const {
+      if ( chunkInUse_ ) [[likely]] {
+         return chunkInUse_->readableAt( U64{ vellumOffset_ } + offset, size );
+      }
+      return readableElsewhere( offset, size );
    }
 
  private:
+   // The accesses of raw-buffer and local-memory mode: where the bytes are.
+   U8* writableElsewhere( U32 offset, U32 size );
+   U8 const* readableElsewhere( U32 offset, U32 size ) const;
+   U8* elsewhere( U32 offset, U32 size, char const* operation, char const* tracedAs ) const;
    void writeElsewhere( U32 offset, Weft::BytePtr data, U32 size );
    void readElsewhere( U32 offset, Weft::BytePtr data, U32 size ) const;
-   /// The accesses of raw-buffer and local-memory mode: where the bytes are.
-   Weft::BytePtr
-   elsewhere( U32 offset, U32 size, char const* operation, char const* tracedAs ) const;
    void chooseMemory();
 
    template<class Number>
@@ -298,6 +311,9 @@ class [[gnu::visibility( "default" )]] ManagedTableBase : public Corvo::Node {
    Corvo::Ptr<Vellum::VellumChunk> vellumChunk_;
    /// The chunk while accesses go there, so that the usual access tests one pointer; else null.
    Vellum::VellumChunk* chunkInUse_;
+   U64 rangeSize_ = 0;
+   U8 const* readableRange_ = nullptr;
+   U8* writableRange_ = nullptr;
    Weft::BytePtr buf_ = nullptr;
    Corvo::Ptr<LocalMem> localBuf_;
    U32 vellumOffset_;

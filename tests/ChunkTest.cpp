@@ -207,6 +207,33 @@ std::string imageOf( U32 length, char first, char seed ) {
    return image;
 }
 
+/// The pages of a chunk that the system has supplied, one letter each.
+std::string suppliedPages( Vellum::VellumChunk const& chunk ) {
+   constexpr U32 page = 4096;
+   std::string pages( chunk.size() / page, '.' );
+   for ( auto at = chunk.suppliedFrom( 0 ); at.begin < at.end; at = chunk.suppliedFrom( at.end ) ) {
+      for ( U64 i = at.begin / page; i * page < at.end; ++i ) {
+         pages[ i ] = 'x';
+      }
+   }
+   return pages;
+}
+
+TEST( Chunk, knowsWhichPagesTheSystemHasSupplied ) {
+   UniqueName const name;
+   auto const named = Vellum::VellumChunk::create( *name, 8 * 4096 );
+   auto const own = Vellum::VellumChunk::inProcess( 8 * 4096 );
+   for ( auto const& chunk : { named, own } ) {
+      EXPECT_EQ( suppliedPages( *chunk ), "........" );
+      chunk->write( 4096 + 5, "a", 1 );
+      chunk->write( 3 * 4096 - 1, "bc", 2 );
+      chunk->write( 8 * 4096 - 1, "d", 1 );
+      EXPECT_EQ( suppliedPages( *chunk ), ".xxx...x" );
+      EXPECT_EQ( chunk->suppliedFrom( 5 * 4096 ).begin, 7 * 4096U );
+      EXPECT_EQ( chunk->suppliedFrom( 8 * 4096 ).end, 8 * 4096U );
+   }
+}
+
 TEST( OrderedCopy, leavesExactlyTheImageAtRestAtEveryLengthAndOffset ) {
    for ( U32 length = 0; length <= 64; ++length ) {
       for ( U32 offset = 0; offset < 20; ++offset ) {

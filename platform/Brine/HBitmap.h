@@ -50,7 +50,7 @@ class [[gnu::visibility( "default" )]] HBitmap : public Corvo::Node {
    BitState initialBitState() const { return initialBitState_; }
 
    /// Sets or clears one bit; a bit that already is so stays so. Contract "bit < size()".
-   void setBit( U32 bit ) {
+   [[gnu::always_inline]] void setBit( U32 bit ) {
       sassert_( bit < size_, "bit < size()" );
       if ( initialBitState_ == BitState::allSet ) [[likely]] {
          untoggle( bit );
@@ -58,7 +58,7 @@ class [[gnu::visibility( "default" )]] HBitmap : public Corvo::Node {
          toggle( bit );
       }
    }
-   void clearBit( U32 bit ) {
+   [[gnu::always_inline]] void clearBit( U32 bit ) {
       sassert_( bit < size_, "bit < size()" );
       if ( initialBitState_ == BitState::allSet ) [[likely]] {
          toggle( bit );
@@ -67,14 +67,14 @@ class [[gnu::visibility( "default" )]] HBitmap : public Corvo::Node {
       }
    }
    /// Whether the bit is set. Contract "bit < size()".
-   bool bit( U32 bit ) const {
+   [[gnu::always_inline]] bool bit( U32 bit ) const {
       sassert_( bit < size_, "bit < size()" );
       bool const toggled = ( ( words()[ bit / wordBits ] >> ( bit % wordBits ) ) & 1 ) != 0;
       return toggled == ( initialBitState_ == BitState::allClear );
    }
 
    /// The lowest set bit, or invalidIndex when every bit is clear.
-   U32 findBitInSetState( IndexPreference ) const {
+   [[gnu::always_inline]] U32 findBitInSetState( IndexPreference ) const {
       if ( initialBitState_ == BitState::allClear ) [[unlikely]] {
          return lowestToggled();
       }
@@ -117,7 +117,7 @@ class [[gnu::visibility( "default" )]] HBitmap : public Corvo::Node {
 
    U64* words() const { return some_[ 0 ]; }
 
-   void toggle( U32 bit ) {
+   [[gnu::always_inline]] void toggle( U32 bit ) {
       U64& word = words()[ bit / wordBits ];
       U64 const before = word;
       word = before | U64{ 1 } << bit % wordBits;
@@ -125,7 +125,7 @@ class [[gnu::visibility( "default" )]] HBitmap : public Corvo::Node {
          summariseToggled( bit / wordBits );
       }
    }
-   void untoggle( U32 bit ) {
+   [[gnu::always_inline]] void untoggle( U32 bit ) {
       U64& word = words()[ bit / wordBits ];
       U64 const before = word;
       word = before & ~( U64{ 1 } << bit % wordBits );

@@ -143,12 +143,22 @@ inline constexpr bool maybeMark( U8 first ) {
 template<class Unit, U32 count>
 class Reading {
  public:
+   static constexpr bool isOneUnit = count == 1;
+   /// `length`, as a constant where only one is possible.
+   static constexpr U32 exactly( U32 length ) { return count == 1 ? sizeof( Unit ) : length; }
+
    Reading() = default;
-   Reading( U8 const* from, U32 length ) {
+   [[gnu::always_inline]] Reading( U8 const* from, U32 length ) {
       units_[ 0 ] = loadUnit<Unit>( from + length - sizeof( Unit ) );
       for ( U32 i = 1; i < count; ++i ) {
          units_[ i ] = loadUnit<Unit>( from + ( i - 1 ) * sizeof( Unit ) );
       }
+   }
+
+   static Reading zeros() {
+      Reading reading;
+      reading.units_.fill( Unit{} );
+      return reading;
    }
 
    U8 firstByte() const {
@@ -158,7 +168,7 @@ class Reading {
    }
    void firstByteIs( U8 value ) { first() = withFirstByte( first(), value ); }
 
-   void store( U8* to, U32 length ) const {
+   [[gnu::always_inline]] void store( U8* to, U32 length ) const {
       storeUnit( to + length - sizeof( Unit ), units_[ 0 ] );
       for ( U32 i = 1; i < count; ++i ) {
          orderStores();
@@ -166,12 +176,16 @@ class Reading {
       }
    }
 
-   friend bool operator==( Reading const& a, Reading const& b ) {
+   /// Zero for the same bytes.
+   [[gnu::always_inline]] friend U64 differenceOf( Reading const& a, Reading const& b ) {
       U64 difference = 0;
       for ( U32 i = 0; i < count; ++i ) {
-         difference |= differenceOf( a.units_[ i ], b.units_[ i ] );
+         difference |= detail::differenceOf( a.units_[ i ], b.units_[ i ] );
       }
-      return difference == 0;
+      return difference;
+   }
+   [[gnu::always_inline]] friend bool operator==( Reading const& a, Reading const& b ) {
+      return differenceOf( a, b ) == 0;
    }
 
  private:
@@ -181,7 +195,36 @@ class Reading {
    std::array<Unit, count> units_; ///< the last unit, then the others from the front on
 };
 
-/// Calls `work` with the type of Reading that holds `length` bytes, 1 to 48.
+/// Calls `work` with the type of Reading that holds `length` bytes, 1 to 8; 8 and 4 are the lengths
+/// that keys and results have most often.
+template<class Work>
+[[gnu::always_inline]] inline void withReadingUpTo8( U32 length, Work const& work ) {
+   if ( length == 8 ) {
+      work( std::type_identity<Reading<U64, 1>>() );
+   } else if ( length == 4 ) {
+      work( std::type_identity<Reading<U32, 1>>() );
+   } else if ( length > 4 ) {
+      work( std::type_identity<Reading<U32, 2>>() );
+   } else if ( length > 2 ) {
+      work( std::type_identity<Reading<U16, 2>>() );
+   } else if ( length == 2 ) {
+      work( std::type_identity<Reading<U16, 1>>() );
+   } else {
+      work( std::type_identity<Reading<U8, 1>>() );
+   }
+}
+
+/// The same for 1 to 15 bytes.
+template<class Work>
+[[gnu::always_inline]] inline void withReadingBelow16( U32 length, Work const& work ) {
+   if ( length > 8 ) {
+      work( std::type_identity<Reading<U64, 2>>() );
+   } else {
+      withReadingUpTo8( length, work );
+   }
+}
+
+/// The same for 1 to 48 bytes.
 template<class Work>
 [[gnu::always_inline]] inline void withReadingFor( U32 length, Work const& work ) {
    if ( length > 32 ) {
@@ -190,20 +233,8 @@ template<class Work>
       work( std::type_identity<Reading<Unit16, 2>>() );
    } else if ( length == 16 ) {
       work( std::type_identity<Reading<Unit16, 1>>() );
-   } else if ( length > 8 ) {
-      work( std::type_identity<Reading<U64, 2>>() );
-   } else if ( length == 8 ) {
-      work( std::type_identity<Reading<U64, 1>>() );
-   } else if ( length > 4 ) {
-      work( std::type_identity<Reading<U32, 2>>() );
-   } else if ( length == 4 ) {
-      work( std::type_identity<Reading<U32, 1>>() );
-   } else if ( length > 2 ) {
-      work( std::type_identity<Reading<U16, 2>>() );
-   } else if ( length == 2 ) {
-      work( std::type_identity<Reading<U16, 1>>() );
    } else {
-      work( std::type_identity<Reading<U8, 1>>() );
+      withReadingBelow16( length, work );
    }
 }
 
@@ -260,7 +291,7 @@ inline U32 firstWord( U8 const* image, U32 length ) {
 
 /// Whether two readings, and the first word before, between and after them, agreed.
 template<class AnyReading>
-inline bool takeAgreeing( AnyReading& reading, U8 const* from, U32 length ) {
+[[gnu::always_inline]] inline bool takeAgreeing( AnyReading& reading, U8 const* from, U32 length ) {
    U32 const before = firstWord( from, length );
    orderLoads();
    reading.take( from );
@@ -273,25 +304,15 @@ inline bool takeAgreeing( AnyReading& reading, U8 const* from, U32 length ) {
 }
 
 template<class AnyReading>
-[[gnu::cold, gnu::noinline]] void
-takeImagePatiently( AnyReading& reading, U8 const* from, U32 length ) {
+[[gnu::always_inline]] inline AnyReading
+takeImage( AnyReading reading, U8 const* from, U32 length ) {
    for ( U32 tries = 1;; ++tries ) {
-      pauseBriefly();
       bool const agreed = takeAgreeing( reading, from, length );
-      if ( agreed && ( !maybeMark( reading.firstByte() ) || tries >= patience ) ) {
-         return;
+      if ( agreed && ( !maybeMark( reading.firstByte() ) || tries > patience ) ) [[likely]] {
+         return reading;
       }
+      pauseBriefly();
    }
-}
-
-template<class AnyReading>
-inline AnyReading takeImage( AnyReading reading, U8 const* from, U32 length ) {
-   if ( takeAgreeing( reading, from, length ) && !maybeMark( reading.firstByte() ) ) [[likely]] {
-      return reading;
-   }
-   AnyReading patient = reading; // its address escapes, the other stays in registers
-   takeImagePatiently( patient, from, length );
-   return patient;
 }
 
 } // namespace detail
@@ -318,16 +339,15 @@ inline bool equalShort( void const* a, void const* b, U32 length ) {
    return equal;
 }
 
-/// Writes `length` bytes at `from` as one image at `to`, in the order given above.
-inline void storeImage( U8* to, U8 const* from, U32 length ) {
-   if ( length == 0 ) {
-      return;
-   }
-   U8 const final = *from;
+/// Writes one image at `to`, in the order given above. `final` is its first byte.
+/// `storeBody( to, meanwhile )` stores all bytes behind the first one, those of (4) first, and may
+/// store `meanwhile` in the first one.
+template<class StoreBody>
+[[gnu::always_inline]] inline void storeImageBy( U8* to, U8 final, StoreBody const& storeBody ) {
    if ( final == 0 ) {
       detail::storeFirst( to, 0 ); // (2)
       detail::orderStores();
-      detail::storeBody( to, from, length, 0 );
+      storeBody( to, U8{ 0 } );
       return;
    }
    U8 meanwhile = 0;
@@ -336,13 +356,41 @@ inline void storeImage( U8* to, U8 const* from, U32 length ) {
       detail::storeFirst( to, meanwhile );
       detail::orderStores();
    }
-   detail::storeBody( to, from, length, meanwhile ); // (4)
+   storeBody( to, meanwhile ); // (4)
    detail::orderStores();
    detail::storeFirst( to, final ); // (1), (3)
 }
 
-/// Reads `length` bytes at `from`, written by storeImage with the same bounds in this or another
-/// process, to `to`: one image, or one of the images if it changes meanwhile.
+/// Writes `length` bytes at `from` as one image at `to`.
+inline void storeImage( U8* to, U8 const* from, U32 length ) {
+   if ( length == 0 ) {
+      return;
+   }
+   storeImageBy( to, *from, [ & ]( U8* image, U8 meanwhile ) {
+      detail::storeBody( image, from, length, meanwhile );
+   } );
+}
+
+/// Writes zeros over the image of `length` bytes, 1 to 48, at `to`.
+[[gnu::always_inline]] inline void storeNoImage( U8* to, U32 length ) {
+   storeImageBy( to, 0, [ & ]( U8* image, U8 /*meanwhile*/ ) {
+      detail::withReadingFor(
+         length, [ & ]<class R>( std::type_identity<R> ) { R::zeros().store( image, length ); } );
+   } );
+}
+
+/// Takes one image of `length` bytes at `from`, written by storeImage with the same bounds in this
+/// or another process: one of the images if it changes meanwhile.
+///
+/// `reading.take( from )` reads what is wanted of the image, `reading.matches( from )` whether the
+/// same is read again, `reading.firstByte()` is the first byte that was taken.
+template<class Reading>
+[[gnu::always_inline]] inline Reading loadImageBy( Reading reading, U8 const* from, U32 length ) {
+   return detail::takeImage( reading, from, length );
+}
+
+/// Reads `length` bytes at `from`, written by storeImage, to `to`: one image, or one of the images
+/// if it changes meanwhile.
 inline void loadImage( U8 const* from, U8* to, U32 length ) {
    if ( length == 0 ) {
       return;

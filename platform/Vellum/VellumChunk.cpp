@@ -3,10 +3,12 @@
 
 #include "Weft/Contract.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <limits>
 #include <new>
+#include <span>
 #include <system_error>
 
 #include <fcntl.h>
@@ -62,6 +64,7 @@ class FileDescriptor {
 
    explicit operator bool() const { return number_ >= 0; }
    int number() const { return number_; }
+   int release() { return std::exchange( number_, -1 ); }
 
  private:
    int number_;
@@ -89,7 +92,7 @@ int protectionOf( VellumChunk::Access access ) {
    return access == VellumChunk::Access::readOnly ? PROT_READ : PROT_READ | PROT_WRITE;
 }
 
-Mapping mapShared( FileDescriptor const& memory,
+Mapping mapShared( FileDescriptor& memory,
                    Corvo::String const& name,
                    U32 size,
                    VellumChunk::Access access ) {
@@ -98,7 +101,7 @@ Mapping mapShared( FileDescriptor const& memory,
    if ( base == MAP_FAILED ) {
       refuseAsSystemSays( name, "cannot be mapped" );
    }
-   return { static_cast<U8*>( base ), size };
+   return { static_cast<U8*>( base ), size, memory.release() };
 }
 
 /// Shared memory is promised, not reserved: a page that the system cannot supply when it is first
@@ -148,11 +151,75 @@ FileDescriptor openedByName( Corvo::String const& name, VellumChunk::Access acce
    return FileDescriptor( number );
 }
 
+Stretch suppliedToFile( Mapping const& mapping, Stretch within ) {
+   off_t const data = ::lseek( mapping.file(), static_cast<off_t>( within.begin ), SEEK_DATA );
+   if ( data < 0 ) {
+      return errno == ENXIO ? Stretch{ .begin = within.end, .end = within.end } : within;
+   }
+   off_t const hole = ::lseek( mapping.file(), data, SEEK_HOLE );
+   U64 const begin = std::min( static_cast<U64>( data ), within.end );
+   return { .begin = begin,
+            .end = hole < data ? within.end : std::min( static_cast<U64>( hole ), within.end ) };
+}
+
+/// The pages of this process, as the kernel tells it about them: 8 bytes each, of which the two
+/// highest bits say that the page is in memory and that it has been moved out of it.
+class PageMap {
+ public:
+   explicit PageMap( U8 const* base )
+         : file_( ::open( "/proc/self/pagemap", O_RDONLY | O_CLOEXEC ) ),
+           page_( static_cast<U64>( ::sysconf( _SC_PAGESIZE ) ) ),
+           firstPage_( reinterpret_cast<std::uintptr_t>( base ) / page_ ) {}
+
+   /// Within one look: the end of the pages from byte `offset` on that are alike, and whether the
+   /// system has supplied them. False when it cannot be told.
+   bool look( U64 offset, bool& supplied, U64& end ) {
+      U64 const first = offset / page_;
+      ssize_t const got = ::pread( file_.number(),
+                                   entries_.data(),
+                                   sizeof entries_,
+                                   static_cast<off_t>( ( firstPage_ + first ) * sizeof( U64 ) ) );
+      if ( got < static_cast<ssize_t>( sizeof( U64 ) ) ) {
+         return false;
+      }
+      auto const known = std::span( entries_ ).first( static_cast<U64>( got ) / sizeof( U64 ) );
+      supplied = known.front() >> 62 != 0;
+      auto const alike = std::ranges::find_if(
+         known, [ supplied ]( U64 entry ) { return ( entry >> 62 != 0 ) != supplied; } );
+      end = ( first + static_cast<U64>( alike - known.begin() ) ) * page_;
+      return true;
+   }
+
+ private:
+   FileDescriptor file_;
+   U64 page_;
+   U64 firstPage_;
+   std::array<U64, 512> entries_;
+};
+
+Stretch suppliedToProcess( Mapping const& mapping, Stretch within ) {
+   PageMap pages( mapping.base() );
+   bool supplied = false;
+   U64 end = within.begin;
+   for ( U64 at = within.begin; at < within.end; at = end ) {
+      if ( !pages.look( at, supplied, end ) ) {
+         return { .begin = at, .end = within.end };
+      }
+      if ( supplied ) {
+         return { .begin = at, .end = std::min( end, within.end ) };
+      }
+   }
+   return { .begin = within.end, .end = within.end };
+}
+
 } // namespace
 
 Mapping::~Mapping() {
    if ( base_ ) {
       ::munmap( base_, size_ );
+   }
+   if ( file_ != noFile ) {
+      ::close( file_ );
    }
 }
 
@@ -169,8 +236,9 @@ Corvo::Ptr<VellumChunk> VellumChunk::inProcess( U32 size ) {
    if ( base == MAP_FAILED ) {
       throw std::bad_alloc();
    }
-   return Corvo::makePtr<VellumChunk>(
-      Mapping( static_cast<U8*>( base ), size ), Corvo::String(), Access::readWrite );
+   return Corvo::makePtr<VellumChunk>( Mapping( static_cast<U8*>( base ), size, Mapping::noFile ),
+                                       Corvo::String(),
+                                       Access::readWrite );
 }
 
 Corvo::Ptr<VellumChunk> VellumChunk::create( Corvo::String const& name, U32 size ) {
@@ -178,7 +246,7 @@ Corvo::Ptr<VellumChunk> VellumChunk::create( Corvo::String const& name, U32 size
    if ( size == 0 ) {
       refuse( std::errc::invalid_argument, name, "needs a size of at least 1 byte" );
    }
-   FileDescriptor const memory( ::shm_open( name.c_str(), O_RDWR | O_CREAT | O_EXCL, ownerOnly ) );
+   FileDescriptor memory( ::shm_open( name.c_str(), O_RDWR | O_CREAT | O_EXCL, ownerOnly ) );
    if ( !memory ) {
       refuseAsSystemSays( name, "cannot be created" );
    }
@@ -196,7 +264,7 @@ Corvo::Ptr<VellumChunk> VellumChunk::create( Corvo::String const& name, U32 size
 
 Corvo::Ptr<VellumChunk> VellumChunk::open( Corvo::String const& name, Access access ) {
    checkName( name );
-   FileDescriptor const memory = openedByName( name, access );
+   FileDescriptor memory = openedByName( name, access );
    struct stat status {};
    if ( ::fstat( memory.number(), &status ) != 0 ) {
       refuseAsSystemSays( name, "cannot be examined" );
@@ -211,6 +279,15 @@ void VellumChunk::remove( Corvo::String const& name ) {
    if ( ::shm_unlink( name.c_str() ) != 0 ) {
       refuseAsSystemSays( name, "cannot be removed" );
    }
+}
+
+Stretch VellumChunk::suppliedFrom( U64 offset ) const {
+   Stretch const rest{ .begin = offset, .end = size() };
+   if ( offset >= size() ) {
+      return { .begin = size(), .end = size() };
+   }
+   return mapping_.file() == Mapping::noFile ? suppliedToProcess( mapping_, rest )
+                                             : suppliedToFile( mapping_, rest );
 }
 
 void VellumChunk::refuseWrite( U64 offset, U32 length ) const {

@@ -23,20 +23,31 @@ namespace Vellum {
 /// A mapping of memory into this process, unmapped when it goes.
 class Mapping {
  public:
+   static constexpr int noFile = -1;
+
    Mapping() = default;
-   Mapping( U8* base, U32 size ) : base_( base ), size_( size ) {}
+   /// Takes `file` over, the open file that is mapped; noFile for memory of the process alone.
+   Mapping( U8* base, U32 size, int file ) : base_( base ), size_( size ), file_( file ) {}
    Mapping( Mapping&& other ) noexcept
-         : base_( std::exchange( other.base_, nullptr ) ),
-           size_( std::exchange( other.size_, 0 ) ) {}
+         : base_( std::exchange( other.base_, nullptr ) ), size_( std::exchange( other.size_, 0 ) ),
+           file_( std::exchange( other.file_, noFile ) ) {}
    Mapping& operator=( Mapping&& ) = delete;
    ~Mapping();
 
    U8* base() const { return base_; }
    U32 size() const { return size_; }
+   int file() const { return file_; }
 
  private:
    U8* base_ = nullptr;
    U32 size_ = 0;
+   int file_ = noFile;
+};
+
+/// Bytes `begin` to `end` of a chunk, the second not included.
+struct Stretch {
+   U64 begin;
+   U64 end;
 };
 
 class [[gnu::visibility( "default" )]] VellumChunk : public Corvo::Node {
@@ -78,28 +89,31 @@ class [[gnu::visibility( "default" )]] VellumChunk : public Corvo::Node {
 
    /// write and read for callers whose offset is a sum: one past 32 bits is outside the chunk.
    void writeAt( U64 offset, void const* data, U32 length ) {
+      storeImage( writableAt( offset, length ), static_cast<U8 const*>( data ), length );
+   }
+   void readAt( U64 offset, void* data, U32 length ) const {
+      loadImage( readableAt( offset, length ), static_cast<U8*>( data ), length );
+   }
+
+   /// The bytes at `offset`, for the functions of Vellum/OrderedCopy.h, as long as the chunk lives.
+   /// Contract failures as write and read.
+   U8* writableAt( U64 offset, U32 length ) {
       if ( offset + length >= writesEndBefore_ ) [[unlikely]] {
          refuseWrite( offset, length );
       }
-      storeImage( mapping_.base() + offset, static_cast<U8 const*>( data ), length );
+      return mapping_.base() + offset;
    }
-   void readAt( U64 offset, void* data, U32 length ) const {
-      checkInside( offset, length );
-      loadImage( mapping_.base() + offset, static_cast<U8*>( data ), length );
+   U8 const* readableAt( U64 offset, U32 length ) const {
+      if ( offset + length > mapping_.size() ) [[unlikely]] {
+         refuseOutside( "read", offset, length );
+      }
+      return mapping_.base() + offset;
    }
 
-   /// Whether the image at `offset` shows itself (its first byte is not zero); when it does, reads
-   /// it as readAt does, and what was read may still begin with a zero byte if it disappeared
-   /// meanwhile. An image that does not show itself costs one load. `length` is at least 1.
-   bool readVisibleAt( U64 offset, void* data, U32 length ) const {
-      checkInside( offset, length );
-      U8 const* const image = mapping_.base() + offset;
-      if ( detail::loadFirst( image ) == 0 ) {
-         return false;
-      }
-      loadImage( image, static_cast<U8*>( data ), length );
-      return true;
-   }
+   /// The first stretch at or after `offset` whose pages the system has; empty when there is none.
+   /// Every byte between stretches is zero, and looking there would make the system supply pages. Where
+   /// the system does not tell, all is one stretch.
+   Stretch suppliedFrom( U64 offset ) const;
 
    U32 size() const { return mapping_.size(); }
    /// The name with its slash; empty for memory private to the process.
@@ -113,11 +127,6 @@ class [[gnu::visibility( "default" )]] VellumChunk : public Corvo::Node {
    VellumChunk( Mapping mapping, Corvo::String name, Access access );
 
  private:
-   void checkInside( U64 offset, U32 length ) const {
-      if ( offset + length > mapping_.size() ) [[unlikely]] {
-         refuseOutside( "read", offset, length );
-      }
-   }
    [[noreturn]] void refuseWrite( U64 offset, U32 length ) const;
    [[noreturn]] void refuseOutside( char const* what, U64 offset, U32 length ) const;
 

@@ -24,6 +24,7 @@
 #include "Weft/Types.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <memory>
@@ -36,7 +37,13 @@
 
 namespace Weft {
 
-/// `Element` moves without throwing; `HashOf` gives the 32-bit hash of an element, never throws,
+/// The hash of a table's element from one of 32 bits: the table takes the place of an element from
+/// the upper bits and its tag from the lowest.
+constexpr U64 widened( U32 hash ) {
+   return U64{ hash } << 32 | hash;
+}
+
+/// `Element` moves without throwing; `HashOf` gives the 64-bit hash of an element, never throws,
 /// and hashes equal elements alike.
 template<class Element, class HashOf>
 class FlatTable {
@@ -51,70 +58,96 @@ class FlatTable {
    explicit FlatTable( U64 expectedMost = 0, HashOf hashOf = HashOf() )
          : hashOf_( hashOf ), expectedGroups_( groupsFor( expectedMost ) ) {}
    FlatTable( FlatTable&& other ) noexcept
-         : hashOf_( other.hashOf_ ), expectedGroups_( other.expectedGroups_ ),
-           memory_( std::move( other.memory_ ) ), groups_( std::exchange( other.groups_, 0 ) ),
-           size_( std::exchange( other.size_, 0 ) ) {}
+         : hashOf_( other.hashOf_ ), expectedGroups_( other.expectedGroups_ ) {
+      take( other );
+   }
    FlatTable& operator=( FlatTable&& ) = delete;
    ~FlatTable() { destroyElements(); }
 
    U64 size() const { return size_; }
    /// Elements held before the table grows.
-   U64 capacity() const { return mostIn( groups_ ); }
+   U64 capacity() const { return memory_.size() == 0 ? 0 : mostIn( groups_ ); }
 
    Element& operator[]( Position position ) { return elements()[ elementOf( position ) ]; }
    Element const& operator[]( Position position ) const {
       return elements()[ elementOf( position ) ];
    }
 
-   /// The position of the element with this hash for which `matches` is true, or nowhere.
+   /// An element and its position; null and nowhere when there is none.
+   struct Found {
+      Element* element;
+      Position position;
+   };
+
+   /// The element with this hash for which `matches` is true.
    template<class Matches>
-   Position find( U32 hash, Matches const& matches ) const {
-      U8 const tag = tagOf( hash );
-      U64 group = homeOf( hash );
-      for ( U64 probes = 0; probes < groups_; ++probes ) {
-         for ( U32 lanes = lanesWith( group, tag ); lanes != 0; lanes &= lanes - 1 ) {
-            Position const position = positionOf( group, lanes );
-            if ( matches( ( *this )[ position ] ) ) [[likely]] {
-               return position;
-            }
+   [[gnu::always_inline]] Found find( U64 hash, Matches const& matches ) const {
+      U64 const group = homeOf( hash );
+      U32 const lanes = lanesWith( group, fourTagsOf( hash ) );
+      if ( lanes != 0 ) [[likely]] {
+         Found const first = at( group, lanes );
+         if ( matches( *first.element ) ) [[likely]] {
+            return first;
          }
-         if ( overflow( group ) == 0 ) [[likely]] {
-            return nowhere;
-         }
-         group = after( group );
+      } else if ( overflow( group ) == 0 ) [[likely]] {
+         return none();
       }
-      return nowhere;
+      return findFurther( hash, matches );
+   }
+
+   /// What the first look of find() says, which nearly always decides: the element, null when there
+   /// is surely none, or unsure(). In one word, so that it stays in a register.
+   template<class Matches>
+   [[gnu::always_inline]] Element const* glance( U64 hash, Matches const& matches ) const {
+      U64 const group = homeOf( hash );
+      U32 const lanes = lanesWith( group, fourTagsOf( hash ) );
+      if ( lanes != 0 ) [[likely]] {
+         Element const* const first = at( group, lanes ).element;
+         return matches( *first ) ? first : unsure();
+      }
+      return overflow( group ) == 0 ? nullptr : unsure();
+   }
+   static Element const* unsure() {
+      return reinterpret_cast<Element const*>( ~std::uintptr_t{ 0 } );
    }
 
    /// Makes sure that one more element can be inserted. std::bad_alloc leaves the table as it was.
    /// One allocation at most; positions taken before are void when the capacity changes.
-   void makeRoom() {
+   [[gnu::always_inline]] void makeRoom() {
       if ( size_ < capacity() ) [[likely]] {
          return;
       }
-      grow();
+      growTo( nextGroups() );
    }
+   /// The same for `elements` more.
+   void makeRoomFor( U64 elements ) {
+      if ( size_ + elements > capacity() ) {
+         growTo( groupsFor( size_ + elements ) );
+      }
+   }
+   /// Bytes that the table holds beside itself.
+   U64 bytes() const { return memory_.size(); }
 
    /// Adds an element that the table does not hold. There must be room (see makeRoom).
-   Position insert( U32 hash, Element element ) noexcept {
+   [[gnu::always_inline]] Position insert( U64 hash, Element element ) noexcept {
       U64 group = homeOf( hash );
-      while ( lanesWith( group, 0 ) == 0 ) {
+      while ( emptyLanes( group ) == 0 ) {
          U8& count = overflow( group );
          count = static_cast<U8>( count + ( count != exactOverflowEnds ) );
          group = after( group );
       }
-      Position const position = positionOf( group, lanesWith( group, 0 ) );
-      tagAt( position ) = tagOf( hash );
+      Position const position = positionOf( group, emptyLanes( group ) );
+      tagAt( position ) = static_cast<U8>( fourTagsOf( hash ) );
       std::construct_at( &( *this )[ position ], std::move( element ) );
       ++size_;
       return position;
    }
 
-   /// Removes the element at `position` and returns it.
-   Element erase( Position position ) noexcept {
+   /// Removes the element at `position`, which has this hash, and returns it.
+   [[gnu::always_inline]] Element erase( Position position, U64 hash ) noexcept {
       Element& element = ( *this )[ position ];
       U64 const last = position / lanesPerGroup;
-      for ( U64 group = homeOf( hashOf_( element ) ); group != last; group = after( group ) ) {
+      for ( U64 group = homeOf( hash ); group != last; group = after( group ) ) {
          U8& count = overflow( group );
          count = static_cast<U8>( count - ( count != exactOverflowEnds ) );
       }
@@ -125,12 +158,27 @@ class FlatTable {
       return erased;
    }
 
+   // Both start to fetch what a search for this hash will read: the tags of its first group, and,
+   // once these are there, the first element with the tag, or the place of a new one. Inlined at any price: GCC 12 takes a call
+   // of a function that does nothing else for one that does nothing.
+
+   [[gnu::always_inline]] void fetchTags( U64 hash ) const {
+      __builtin_prefetch( tags_ + homeOf( hash ) * lanesPerGroup );
+   }
+   [[gnu::always_inline]] void fetchElement( U64 hash ) const {
+      U64 const group = homeOf( hash );
+      U32 const alike = lanesWith( group, fourTagsOf( hash ) );
+      U32 const lanes = alike != 0 ? alike : emptyLanes( group );
+      // In a full group there is no lane: what is then fetched is the next group's, or nothing.
+      __builtin_prefetch( at( group, lanes ).element );
+   }
+
    /// The first occupied position at or after `position`, or nowhere: a walk is
    /// for ( p = next( 0 ); p != nowhere; p = next( p + 1 ) ).
-   Position next( Position position ) const {
+   [[gnu::always_inline]] Position next( Position position ) const {
       U32 passed = static_cast<U32>( position % lanesPerGroup );
       for ( U64 group = position / lanesPerGroup; group < groups_; ++group, passed = 0 ) {
-         U32 const used = ~lanesWith( group, 0 ) & allLanes & ( ~U32{ 0 } << passed );
+         U32 const used = ~emptyLanes( group ) & allLanes & ( ~U32{ 0 } << passed );
          if ( used != 0 ) {
             return positionOf( group, used );
          }
@@ -140,10 +188,9 @@ class FlatTable {
 
    /// Removes every element and gives the memory back.
    void clear() noexcept {
+      FlatTable empty;
       destroyElements();
-      memory_ = ArrayMemory();
-      groups_ = 0;
-      size_ = 0;
+      take( empty );
    }
 
  private:
@@ -152,73 +199,114 @@ class FlatTable {
    static constexpr U32 allLanes = 0x7fff;
    static constexpr U8 exactOverflowEnds = 0xff;
 
-   // Fuller than 7 of 8 lanes, groups run over so often that misses cost a second group.
-   static constexpr U64 mostIn( U64 groups ) { return groups * elementsPerGroup * 7 / 8; }
+   // At 3 of 4 lanes, one search in twenty for what is not there goes on to a second group; at 7 of 8,
+   // one in four does.
+   static constexpr U64 mostIn( U64 groups ) { return groups * elementsPerGroup * 3 / 4; }
    static constexpr U64 groupsFor( U64 elements ) {
-      return ( elements * 8 + elementsPerGroup * 7 - 1 ) / ( elementsPerGroup * 7 );
+      return ( elements * 4 + elementsPerGroup * 3 - 1 ) / ( elementsPerGroup * 3 );
    }
 
-   static U8 tagOf( U32 hash ) {
-      U8 const low = static_cast<U8>( hash );
-      return static_cast<U8>( low + ( low == 0 ) );
+   /// The tag of a hash, in each of four bytes: its lowest byte, 1 for 0.
+   static U32 fourTagsOf( U64 hash ) { return fourTags[ hash & 0xff ]; }
+   static constexpr std::array<U32, 256> fourTags = [] {
+      std::array<U32, 256> tags{};
+      for ( U32 byte = 0; byte < tags.size(); ++byte ) {
+         tags[ byte ] = 0x01010101U * ( byte == 0 ? 1 : byte );
+      }
+      return tags;
+   }();
+   U64 homeOf( U64 hash ) const {
+      __extension__ using U128 = unsigned __int128;
+      return static_cast<U64>( ( static_cast<U128>( hash ) * groups_ ) >> 64 );
    }
-   U64 homeOf( U32 hash ) const { return ( hash * groups_ ) >> 32; }
    U64 after( U64 group ) const { return group + 1 == groups_ ? 0 : group + 1; }
+
+   static Found none() { return { .element = nullptr, .position = nowhere }; }
+   /// What is at the lowest of `lanes`.
+   Found at( U64 group, U32 lanes ) const {
+      U32 const lane = static_cast<U32>( std::countr_zero( lanes ) );
+      return { .element = elements() + ( group * elementsPerGroup + lane ),
+               .position = group * lanesPerGroup + lane };
+   }
+
+   template<class Matches>
+   [[gnu::noinline]] Found findFurther( U64 hash, Matches matches ) const {
+      U32 const tag = fourTagsOf( hash );
+      U64 group = homeOf( hash );
+      for ( U64 passed = 0; passed < groups_; ++passed, group = after( group ) ) {
+         for ( U32 lanes = lanesWith( group, tag ); lanes != 0; lanes &= lanes - 1 ) {
+            Found const found = at( group, lanes );
+            if ( matches( *found.element ) ) {
+               return found;
+            }
+         }
+         if ( overflow( group ) == 0 ) {
+            return none();
+         }
+      }
+      return none();
+   }
 
    static Position positionOf( U64 group, U32 lanes ) {
       return group * lanesPerGroup + static_cast<U32>( std::countr_zero( lanes ) );
    }
    static U64 elementOf( Position position ) { return position - position / lanesPerGroup; }
 
-   U8& tagAt( Position position ) { return memory_.bytes()[ position ]; }
+   U8& tagAt( Position position ) { return tags_[ position ]; }
    U8& overflow( U64 group ) { return tagAt( group * lanesPerGroup + elementsPerGroup ); }
-   U8 overflow( U64 group ) const {
-      return memory_.bytes()[ group * lanesPerGroup + elementsPerGroup ];
-   }
-   Element* elements() const {
-      return reinterpret_cast<Element*>( memory_.bytes() + groups_ * lanesPerGroup );
-   }
+   U8 overflow( U64 group ) const { return tags_[ group * lanesPerGroup + elementsPerGroup ]; }
+   Element* elements() const { return elements_; }
 
-   /// A bit for each of the 15 lanes of a group whose tag is `tag`.
-   U32 lanesWith( U64 group, U8 tag ) const {
-      U8 const* const tags = memory_.bytes() + group * lanesPerGroup;
+   /// A bit for each of the 15 lanes of a group whose tag is the one in `four`.
+   U32 lanesWith( U64 group, U32 four ) const {
+      U8 const* const tags = tags_ + group * lanesPerGroup;
 #if defined( __SSE2__ )
       __m128i const all = _mm_load_si128( reinterpret_cast<__m128i const*>( tags ) );
-      __m128i const wanted = _mm_set1_epi8( static_cast<char>( tag ) );
+      __m128i const wanted = _mm_shuffle_epi32( _mm_cvtsi32_si128( static_cast<int>( four ) ), 0 );
       return static_cast<U32>( _mm_movemask_epi8( _mm_cmpeq_epi8( all, wanted ) ) ) & allLanes;
 #else
       U32 lanes = 0;
       for ( U32 lane = 0; lane < elementsPerGroup; ++lane ) {
-         lanes |= U32{ tags[ lane ] == tag } << lane;
+         lanes |= U32{ tags[ lane ] == static_cast<U8>( four ) } << lane;
       }
       return lanes;
 #endif
    }
+   U32 emptyLanes( U64 group ) const { return lanesWith( group, 0 ); }
 
    /// Twice the groups, but no more than the expected elements need while that is enough, and
    /// these at once when twice the groups would come close.
    U64 nextGroups() const {
-      U64 const doubled = std::max<U64>( 1, groups_ * 2 );
-      bool const expectationHolds = expectedGroups_ > groups_;
+      U64 const now = memory_.size() == 0 ? 0 : groups_;
+      U64 const doubled = std::max<U64>( 1, now * 2 );
+      bool const expectationHolds = expectedGroups_ > now;
       return expectationHolds && doubled + doubled / 2 >= expectedGroups_ ? expectedGroups_
                                                                           : doubled;
    }
 
-   [[gnu::cold, gnu::noinline]] void grow() {
-      U64 const groups = nextGroups();
+   [[gnu::cold, gnu::noinline]] void growTo( U64 groups ) {
       FlatTable larger( 0, hashOf_ );
       larger.memory_ =
          ArrayMemory( groups * ( lanesPerGroup + elementsPerGroup * sizeof( Element ) ) );
+      larger.tags_ = larger.memory_.bytes();
+      larger.elements_ = reinterpret_cast<Element*>( larger.tags_ + groups * lanesPerGroup );
       larger.groups_ = groups;
       for ( Position at = next( 0 ); at != nowhere; at = next( at + 1 ) ) {
          Element& element = ( *this )[ at ];
-         U32 const hash = hashOf_( element );
+         U64 const hash = hashOf_( element );
          larger.insert( hash, std::move( element ) );
       }
       destroyElements();
-      memory_ = std::move( larger.memory_ );
-      groups_ = std::exchange( larger.groups_, 0 );
-      larger.size_ = 0;
+      take( larger );
+   }
+
+   /// Takes over what `other` holds and leaves it empty. What this table held must be gone.
+   void take( FlatTable& other ) noexcept {
+      memory_ = std::move( other.memory_ );
+      tags_ = std::exchange( other.tags_, noTags.data() );
+      elements_ = std::exchange( other.elements_, nullptr );
+      groups_ = std::exchange( other.groups_, 1 );
+      size_ = std::exchange( other.size_, 0 );
    }
 
    void destroyElements() noexcept {
@@ -231,8 +319,13 @@ class FlatTable {
 
    [[no_unique_address]] HashOf hashOf_;
    U64 expectedGroups_;
+   /// What a table without memory searches: one group, which never gets an element.
+   alignas( lanesPerGroup ) inline static std::array<U8, lanesPerGroup> noTags{};
+
    ArrayMemory memory_;
-   U64 groups_ = 0;
+   U8* tags_ = noTags.data();
+   Element* elements_ = nullptr; ///< behind the groups
+   U64 groups_ = 1;
    U64 size_ = 0;
 };
 

@@ -37,6 +37,15 @@ inline U64 mixWords( U64 state, U64 even, U64 odd ) {
    return foldedProduct( even ^ evenWordMix ^ state, odd ^ oddWordMix );
 }
 
+template<std::size_t wordCount>
+inline U64 stateOf( std::array<U64, wordCount> const& words ) {
+   U64 state = 0;
+   for ( std::size_t i = 0; i < wordCount; i += 2 ) {
+      state = mixWords( state, words[ i ], i + 1 < wordCount ? words[ i + 1 ] : 0 );
+   }
+   return state;
+}
+
 inline U64 mixLength( U64 state, U32 length ) {
    return foldedProduct( state ^ length, lengthMix );
 }
@@ -60,11 +69,14 @@ inline U64 wordOf( U8 const* bytes, std::size_t length ) {
 /// need exactly `wordCount` words (0 counts as one word).
 template<std::size_t wordCount>
 inline U32 hashWords( std::array<U64, wordCount> const& words, U32 length ) {
-   U64 state = 0;
-   for ( std::size_t i = 0; i < wordCount; i += 2 ) {
-      state = detail::mixWords( state, words[ i ], i + 1 < wordCount ? words[ i + 1 ] : 0 );
-   }
-   return detail::hashResult( detail::mixLength( state, length ) );
+   return detail::hashResult( detail::mixLength( detail::stateOf( words ), length ) );
+}
+
+/// The same without the length and in 64 bits, one multiplication for two words: for a table whose
+/// keys all have one length.
+template<std::size_t wordCount>
+inline U64 hashWordsOfOneLength( std::array<U64, wordCount> const& words ) {
+   return detail::stateOf( words );
 }
 
 /// An accumulator of byte strings. A fresh one is all zero.

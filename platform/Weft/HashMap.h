@@ -19,9 +19,11 @@ class HashMap {
       Value value;
    };
    struct MemberHash {
-      U32 operator()( Member const& member ) const { return HashOf()( member.key ); }
+      U64 operator()( Member const& member ) const { return hashOf( member.key ); }
    };
    using Table = FlatTable<Member, MemberHash>;
+
+   static U64 hashOf( Key const& key ) { return widened( HashOf()( key ) ); }
 
  public:
    /// Members now.
@@ -43,7 +45,7 @@ class HashMap {
       }
       Member member{ key, std::move( value ) };
       members_.makeRoom();
-      members_.insert( HashOf()( key ), std::move( member ) );
+      members_.insert( hashOf( key ), std::move( member ) );
    }
 
    /// Removes the member and returns its value; nothing when the key is absent.
@@ -52,7 +54,7 @@ class HashMap {
       if ( at == Table::nowhere ) {
          return std::nullopt;
       }
-      return members_.erase( at ).value;
+      return members_.erase( at, hashOf( key ) ).value;
    }
 
    void delAll() noexcept { members_.clear(); }
@@ -83,8 +85,9 @@ class HashMap {
 
  private:
    typename Table::Position positionOf( Key const& key ) const {
-      return members_.find( HashOf()( key ),
-                            [ & ]( Member const& member ) { return member.key == key; } );
+      return members_
+         .find( hashOf( key ), [ & ]( Member const& member ) { return member.key == key; } )
+         .position;
    }
 
    Table members_;

@@ -8,6 +8,7 @@
 #include "Tessel/TableManager.h"
 
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string>
 
@@ -95,11 +96,15 @@ inline std::string stateOf( Tessel::EmShadowTable const& table ) {
       state << ( table.freeIndexBmp()->bit( slot ) ? "free " : "used " ) << imageAt( table, slot )
             << '\n';
    }
+   std::set<std::string> keys; // the order of the map means nothing
    for ( auto at = table.keyToIndexListCursor(); at.onMember(); at.advance() ) {
-      state << textOf( at.key().bytes() ) << ':';
+      keys.insert( textOf( at.key().bytes() ) );
+   }
+   for ( std::string const& key : keys ) {
+      state << key << ':';
       for ( U32 chip = 0; chip < 256; ++chip ) {
          auto const slot =
-            table.getTableIndex( Brine::ChipId( static_cast<U8>( chip ) ), at.key() );
+            table.getTableIndex( Brine::ChipId( static_cast<U8>( chip ) ), keyOf( key ) );
          if ( slot.valid() ) {
             state << ' ' << chip << '@' << slot;
          }

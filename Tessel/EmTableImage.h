@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+/// The images of a table with keys of one class of lengths, read and written field by field. Internal
+/// to EmTable.
+///
+/// No image is put together in private memory first where that can be avoided. What is stored in
+/// pieces and loaded whole waits until every store before it has reached the cache; behind a store
+/// that misses the cache, that is the time of a miss for each operation.
+
+#include "Tessel/EmTableInternal.h"
+#include "Tessel/KeyTable.h"
+
+namespace Tessel {
+
+/// The geometry of an image, as offsets and lengths in bytes.
+struct ImageShape {
+   U32 keyLength;
+   U32 resultLength;
+   U32 length; ///< of the image
+
+   static constexpr U32 keyOffset = 2;
+   U32 resultOffset() const { return keyOffset + keyLength; }
+   U32 paddingOffset() const { return resultOffset() + resultLength; }
+};
+
+/// A result that has no bytes.
+class NoResult {
+ public:
+   static constexpr bool isOneUnit = true;
+   static constexpr U32 exactly( U32 /*length*/ ) { return 0; }
+
+   NoResult() = default;
+   NoResult( U8 const* /*from*/, U32 /*length*/ ) {}
+   void store( U8* /*to*/, U32 /*length*/ ) const {}
+   friend bool operator==( NoResult, NoResult ) { return true; }
+   friend U64 differenceOf( NoResult, NoResult ) { return 0; }
+};
+
+/// A result of any length.
+class AnyResult {
+ public:
+   static constexpr bool isOneUnit = false;
+   static constexpr U32 exactly( U32 length ) { return length; }
+
+   AnyResult() = default;
+   AnyResult( U8 const* from, U32 length ) { std::copy_n( from, length, bytes_.data() ); }
+   void store( U8* to, U32 length ) const { std::copy_n( bytes_.data(), length, to ); }
+   friend bool operator==( AnyResult const&, AnyResult const& ) = default;
+   friend U64 differenceOf( AnyResult const& a, AnyResult const& b ) { return a == b ? 0 : 1; }
+
+ private:
+   std::array<U8, MAX_RESULT_LENGTH_IN_BYTE> bytes_{};
+};
+
+/// An image in registers, as Vellum::loadImageBy takes it.
+template<std::size_t wordCount, class Result>
+class ImageFields {
+ public:
+   explicit ImageFields( ImageShape shape ) : shape_( shape ) {}
+
+   [[gnu::always_inline]] void take( U8 const* image ) {
+      std::memcpy( &head_, image, sizeof head_ );
+      key_ = keyWordsAt<wordCount>( reinterpret_cast<char const*>( image + ImageShape::keyOffset ),
+                                    shape_.keyLength );
+      result_ = Result( image + shape_.resultOffset(), shape_.resultLength );
+   }
+   [[gnu::always_inline]] bool matches( U8 const* image ) const {
+      ImageFields again( shape_ );
+      again.take( image );
+      return again.head_ == head_ && sameWords( again.key_, key_ ) && again.result_ == result_;
+   }
+   U8 firstByte() const { return static_cast<U8>( head_ ); }
+   Brine::ChipId chip() const { return Brine::ChipId( static_cast<U8>( head_ >> 8 ) ); }
+   KeyWords<wordCount> const& key() const { return key_; }
+   EntryKey keyBytes() const { return EntryKey( Corvo::Bytes( key_.data(), shape_.keyLength ) ); }
+   EntryResult resultBytes() const {
+      Corvo::Bytes bytes = Corvo::Bytes::ofLength( shape_.resultLength );
+      storeResult( bytes.writablePtr() );
+      return EntryResult( std::move( bytes ) );
+   }
+   void storeResult( Weft::CharPtr to ) const {
+      result_.store( reinterpret_cast<U8*>( to ), shape_.resultLength );
+   }
+
+ private:
+   ImageShape shape_;
+   U16 head_ = 0; ///< valid byte, then chip
+   KeyWords<wordCount> key_{};
+   Result result_;
+};
+
+/// Reads the result of the image at `image` if it is that of `chip` and `key` and nobody is writing it:
+/// what Vellum::loadImageBy asks of an image and what the caller asks of it, in one test. False says
+/// only that loadImageBy must be asked. Who writes the images reads them once.
+template<std::size_t wordCount, class Result>
+[[gnu::always_inline]] inline bool readExpectedImage( U8 const* image,
+                                                      ImageShape shape,
+                                                      Brine::ChipId chip,
+                                                      KeyWords<wordCount> const& key,
+                                                      bool isWriter,
+                                                      Result& result ) {
+   using Vellum::detail::orderLoads;
+   auto const firstWord = [ image ] { return Vellum::detail::loadUnit<U32>( image ); };
+   auto const keyDifference = [ & ] {
+      auto const* const bytes = reinterpret_cast<char const*>( image + ImageShape::keyOffset );
+      return differenceOf<wordCount>( keyWordsAt<wordCount>( bytes, shape.keyLength ), key );
+   };
+   U32 const head = 1U | U32{ chip.value() } << 8;
+
+   U32 const before = firstWord();
+   orderLoads();
+   U64 difference = keyDifference() | ( ( before ^ head ) & 0xffff );
+   result = Result( image + shape.resultOffset(), shape.resultLength );
+   if ( isWriter ) [[likely]] {
+      return difference == 0;
+   }
+   orderLoads();
+   difference |= firstWord() ^ before;
+   orderLoads();
+   difference |= keyDifference();
+   Result const again( image + shape.resultOffset(), shape.resultLength );
+   orderLoads();
+   difference |= firstWord() ^ before;
+   return ( difference | differenceOf( again, result ) ) == 0;
+}
+
+/// Copies `length` bytes, which need exactly `wordCount` words.
+template<std::size_t wordCount>
+[[gnu::always_inline]] inline void copyKey( U8* to, char const* from, U32 length ) {
+   using Vellum::detail::Reading;
+   U8 const* const bytes = reinterpret_cast<U8 const*>( from );
+   if constexpr ( wordCount == 1 ) {
+      if ( length != 0 ) {
+         Vellum::detail::withReadingUpTo8( length, [ & ]<class R>( std::type_identity<R> ) {
+            R( bytes, length ).store( to, length );
+         } );
+      }
+   } else if constexpr ( wordCount == 2 ) {
+      Reading<U64, 2>( bytes, length ).store( to, length );
+   } else {
+      Reading<U64, 2>( bytes, 16 ).store( to, 16 );
+      Reading<U32, 1>( bytes + length - 4, 4 ).store( to + length - 4, 4 );
+   }
+}
+
+/// At most 3 zero bytes, in at most two stores.
+[[gnu::always_inline]] inline void storePadding( U8* image, ImageShape shape ) {
+   U32 const at = shape.paddingOffset();
+   U32 const length = shape.length - at;
+   if ( length == 1 ) {
+      image[ at ] = 0;
+   } else if ( length != 0 ) {
+      Vellum::detail::storeUnit( image + at, U16{ 0 } );
+      Vellum::detail::storeUnit( image + shape.length - 2, U16{ 0 } );
+   }
+}
+
+/// For a result that no one store holds: put together first, then stored as any other image.
+template<std::size_t wordCount>
+[[gnu::noinline]] void storeComposedImage( U8* to,
+                                           ImageShape shape,
+                                           Brine::ChipId chip,
+                                           Weft::CharPtrConst key,
+                                           Weft::CharPtrConst result ) {
+   EmTableEntryRaw raw = emptyImageOf( chip );
+   copyKey<wordCount>( reinterpret_cast<U8*>( keyOf( raw ) ), key, shape.keyLength );
+   Vellum::copyShort( resultOf( raw, shape.keyLength ), result, shape.resultLength );
+   Vellum::storeImage( to, bytesOf( raw ), shape.length );
+}
+
+/// Writes the image of an entry at `to`, in the order of Vellum/OrderedCopy.h.
+template<std::size_t wordCount, class Result>
+[[gnu::always_inline]] inline void storeEntryImage( U8* to,
+                                                    ImageShape shape,
+                                                    Brine::ChipId chip,
+                                                    Weft::CharPtrConst key,
+                                                    Weft::CharPtrConst result ) {
+   if constexpr ( !Result::isOneUnit ) {
+      storeComposedImage<wordCount>( to, shape, chip, key, result );
+   } else {
+      // The result goes in one store, as the last bytes of an image must.
+      Result const bytes( reinterpret_cast<U8 const*>( result ), shape.resultLength );
+      Vellum::storeImageBy( to, 1, [ & ]( U8* image, U8 /*meanwhile*/ ) {
+         bytes.store( image + shape.resultOffset(), shape.resultLength );
+         Vellum::detail::orderStores();
+         image[ 1 ] = chip.value();
+         copyKey<wordCount>( image + ImageShape::keyOffset, key, shape.keyLength );
+         storePadding( image, shape );
+      } );
+   }
+}
+
+} // namespace Tessel
