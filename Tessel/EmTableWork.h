@@ -432,8 +432,10 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       } );
    }
 
+   /// Starts to fetch what the calls for these pairs will read, one step of all before the next step
+   /// of any. Inlined at any price, as FlatTable::fetchTags.
    template<class Pair>
-   void fetchBlock( std::span<Pair const> block ) const {
+   [[gnu::always_inline]] void fetchBlock( std::span<Pair const> block ) const {
       std::array<Key, bulkBlock> hashed;
       for ( std::size_t i = 0; i < block.size(); ++i ) {
          hashed[ i ] = keyAt( block[ i ].key );
@@ -457,7 +459,11 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    /// once, then taken over in blocks.
    void reconcileRange() const {
       U64 images = 0;
-      forEachImage( [ & ]( U32 /*slot*/ ) { ++images; } );
+      U64 end = 0;
+      forEachImage( table_.numEntries_, [ & ]( U32 slot ) {
+         ++images;
+         end = slot + 1;
+      } );
       std::array<U32, bulkBlock> block;
       U32 inBlock = 0;
       U64 taken = 0;
@@ -467,7 +473,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
          taken += inBlock;
          inBlock = 0;
       };
-      forEachImage( [ & ]( U32 slot ) {
+      forEachImage( end, [ & ]( U32 slot ) {
          block[ inBlock++ ] = slot;
          if ( inBlock == bulkBlock ) {
             takeBlock();
@@ -476,16 +482,22 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       takeBlock();
    }
 
-   /// Calls `visit( slot )` for every slot whose image shows itself, in order.
+   /// Calls `visit( slot )` for every slot below `slots` whose image shows itself, in order.
    template<class Visit>
-   void forEachImage( Visit const& visit ) const {
+   void forEachImage( U64 slots, Visit const& visit ) const {
       U8 const* const range = table_.readableRange();
       Vellum::VellumChunk const& chunk = *table_.vellumChunk();
       U64 const length = table_.entryLengthBytes_;
       U64 const from = table_.vellumOffset();
-      U64 const to = from + length * table_.numEntries_;
-      for ( Vellum::Stretch at = chunk.suppliedFrom( from ); at.begin < to;
-            at = chunk.suppliedFrom( at.end ) ) {
+      U64 const to = from + length * slots;
+      auto const suppliedFrom = [ & ]( U64 offset ) {
+         // Asking about less costs more than looking.
+         constexpr U64 worthAsking = U64{ 256 } << 10;
+         return to - from < worthAsking ? Vellum::Stretch{ .begin = offset, .end = to }
+                                        : chunk.suppliedFrom( offset );
+      };
+      for ( Vellum::Stretch at = suppliedFrom( from ); at.begin < to;
+            at = suppliedFrom( at.end ) ) {
          // The slots whose first bytes lie in the stretch.
          U64 const first = ( at.begin - from + length - 1 ) / length;
          U64 const end = ( std::min( at.end, to ) - from + length - 1 ) / length;

@@ -5,7 +5,7 @@
 /// slots, and memcpy into the slots. Lengths are known at compile time, the hash costs one
 /// multiplication, and room for every slot is reserved at the start.
 
-#include "Workload.h"
+#include "bench/Workload.h"
 
 #include <absl/container/flat_hash_map.h>
 #include <boost/unordered/unordered_flat_map.hpp>

@@ -9,10 +9,10 @@
 // all benchmarks that run together are interleaved, so that whatever else the machine does falls on
 // all of them. One configuration at a time keeps a table of each competitor in memory.
 
-#include "ByHand.h"
-#include "Lmdb.h"
-#include "Runs.h"
-#include "Shadow.h"
+#include "bench/ByHand.h"
+#include "bench/Lmdb.h"
+#include "bench/Runs.h"
+#include "bench/Shadow.h"
 
 #include <benchmark/benchmark.h>
 
@@ -123,7 +123,6 @@ void enterCommon( Config const& config ) {
    add( "entryHas hit", []( auto& fixture ) { return runHas( fixture, true ); } );
    add( "entryHas miss", []( auto& fixture ) { return runHas( fixture, false ); } );
    add( "entryDel", []( auto& fixture ) { return runDel( fixture ); } );
-   add( "clearTable", []( auto& fixture ) { return runClear( fixture ); } );
 }
 
 /// What those can do that keep images in slots.
@@ -131,6 +130,7 @@ template<class C, class E>
 void enterSlots( Config const& config ) {
    Entered<C, E> const add( config );
    enterCommon<C, E>( config );
+   add( "clearTable", []( auto& fixture ) { return runClear( fixture ); } );
    add( "walk", []( auto& fixture ) { return runWalk( fixture ); } );
    add( "deleteAll", []( auto& fixture ) { return runDeleteAll( fixture ); } );
    add( "construction 90 %", []( auto& fixture ) { return runConstruction( fixture ); } );
@@ -144,6 +144,22 @@ void enterSlots( Config const& config ) {
    } );
 }
 
+/// What the library alone can do; under a name of its own, beside the single calls of the others.
+template<class E>
+void enterBulk( Config const& config ) {
+   auto const add = [ & ]( char const* operation, auto const& run ) {
+      enter( config, operation, "tessel in bulk", [ config, run ] {
+         return run( stage().template fixture<Shadow<E>, E>( config.slots, config.chips ) );
+      } );
+   };
+   add( "entryIs new", []( auto& fixture ) { return runNewInBulk( fixture ); } );
+   add( "entryIs rewrite", []( auto& fixture ) { return runRewriteInBulk( fixture ); } );
+   add( "entry", []( auto& fixture ) { return runEntryInBulk( fixture ); } );
+   add( "entryHas hit", []( auto& fixture ) { return runHasInBulk( fixture, true ); } );
+   add( "entryHas miss", []( auto& fixture ) { return runHasInBulk( fixture, false ); } );
+   add( "entryDel", []( auto& fixture ) { return runDelInBulk( fixture ); } );
+}
+
 template<class E>
 void enterAll( U32 chips, U32 slots ) {
    Config const config{ .geometry = "K" + std::to_string( E::keyLength ) + "R" +
@@ -151,6 +167,7 @@ void enterAll( U32 chips, U32 slots ) {
                         .chips = chips,
                         .slots = slots };
    enterSlots<Shadow<E>, E>( config );
+   enterBulk<E>( config );
    enterSlots<OnBoost<E>, E>( config );
    enterSlots<OnAbsl<E>, E>( config );
    enterSlots<OnStd<E>, E>( config );

@@ -4,7 +4,7 @@
 /// LMDB as a store of its own, in memory and without syncing: one transaction per operation, since
 /// each operation must be found again after a kill.
 
-#include "Workload.h"
+#include "bench/Workload.h"
 
 #include <lmdb.h>
 

@@ -7,7 +7,7 @@
 /// Fixture holds one that is 90 % full; every run leaves it so. A run gives seconds per operation,
 /// and throws WrongAnswer when what it saw was not what had been stored.
 
-#include "Workload.h"
+#include "bench/Workload.h"
 
 #include <chrono>
 #include <fstream>
@@ -50,6 +50,8 @@ template<class C, class E>
 class Fixture {
  public:
    using Work = Workload<E>;
+   using Table = C;
+   using Step = E;
 
    explicit Fixture( Work const& work )
          : work_( &work ), memory_( work.slots * C::slotLength, true ), full_( rebuilt() ) {
@@ -200,6 +202,85 @@ double runDel( F& fixture ) {
       }
    }
    return watch.per( U64{ steps.size() } * fixture.passes() );
+}
+
+/// Times `call( table, pairs )`, which must answer true for `expected` of all pairs, and puts back what
+/// it did with `restore( table, pairs )`.
+template<class F, class Call, class Restore>
+double timeBulk( F& fixture,
+                 std::vector<typename F::Step> steps,
+                 U64 expected,
+                 Call const& call,
+                 Restore const& restore ) {
+   typename F::Table::Pairs const pairs( steps );
+   Stopwatch watch;
+   for ( U32 pass = 0; pass < fixture.passes(); ++pass ) {
+      U64 answers = 0;
+      watch.time( [ & ] { answers = call( fixture.full(), pairs ); } );
+      expect( answers == expected, "answers in bulk" );
+      restore( fixture.full(), pairs );
+   }
+   return watch.per( U64{ steps.size() } * fixture.passes() );
+}
+
+template<class F>
+double runNewInBulk( F& fixture ) {
+   auto const& work = fixture.work();
+   auto steps = work.run( 0, work.entries );
+   typename F::Table::Pairs const pairs( steps );
+   U32 const passes = std::max<U32>( 1, 400'000 / work.entries );
+   Stopwatch watch;
+   for ( U32 pass = 0; pass < passes; ++pass ) {
+      fixture.empty();
+      U64 added = 0;
+      watch.time( [ & ] { added = fixture.full().setAll( pairs ); } );
+      expect( added == work.entries, "room for new entries" );
+   }
+   return watch.per( U64{ work.entries } * passes );
+}
+
+template<class F>
+double runRewriteInBulk( F& fixture ) {
+   auto const& steps = fixture.work().steps;
+   return timeBulk(
+      fixture,
+      steps,
+      steps.size(),
+      []( auto& table, auto const& pairs ) { return table.setAll( pairs ); },
+      []( auto&, auto const& ) {} );
+}
+
+template<class F>
+double runEntryInBulk( F& fixture ) {
+   auto const& steps = fixture.work().steps;
+   return timeBulk(
+      fixture,
+      steps,
+      steps.size(),
+      []( auto& table, auto const& pairs ) { return table.getAll( pairs ); },
+      []( auto&, auto const& ) {} );
+}
+
+template<class F>
+double runHasInBulk( F& fixture, bool present ) {
+   auto const& work = fixture.work();
+   return timeBulk(
+      fixture,
+      present ? work.steps : work.absent,
+      present ? work.steps.size() : 0,
+      []( auto& table, auto const& pairs ) { return table.hasAll( pairs ); },
+      []( auto&, auto const& ) {} );
+}
+
+template<class F>
+double runDelInBulk( F& fixture ) {
+   auto const& steps = fixture.work().steps;
+   return timeBulk(
+      fixture,
+      steps,
+      steps.size(),
+      []( auto& table, auto const& pairs ) { return table.delAll( pairs ); },
+      []( auto& table, auto const& pairs ) { table.setAll( pairs ); } );
 }
 
 template<class F>

@@ -4,7 +4,9 @@
 /// The library as a competitor, through its public surface.
 
 #include "Tessel/EmTable.h"
-#include "Workload.h"
+#include "bench/Workload.h"
+
+#include <vector>
 
 namespace Bench {
 
@@ -53,6 +55,26 @@ class Shadow {
    void delChip( U8 chip ) { table_->deleteAll( Brine::ChipId( chip ) ); }
    void clear() { table_->clearTable(); }
    U32 count() const { return table_->numUsedEntries(); }
+
+   // In bulk, of steps whose pairs a caller has at hand.
+
+   struct Pairs {
+      explicit Pairs( std::vector<E>& steps ) {
+         for ( E& step : steps ) {
+            Brine::ChipId const chip( step.pair.chip );
+            keys.push_back( { chip, step.pair.key.data() } );
+            entries.push_back( { chip, step.pair.key.data(), step.result.data() } );
+            buffers.push_back( { chip, step.pair.key.data(), step.result.data() } );
+         }
+      }
+      std::vector<Tessel::EmPair> keys;
+      std::vector<Tessel::EmPairAndResult> entries;
+      std::vector<Tessel::EmPairAndBuffer> buffers;
+   };
+   U64 setAll( Pairs const& pairs ) { return table_->entryIsBulk( pairs.entries ); }
+   U64 getAll( Pairs const& pairs ) const { return table_->entryBulk( pairs.buffers ); }
+   U64 hasAll( Pairs const& pairs ) const { return table_->entryHasBulk( pairs.keys ); }
+   U64 delAll( Pairs const& pairs ) { return table_->entryDelBulk( pairs.keys ); }
 
    template<class Visit>
    void walk( Visit const& visit ) const {

@@ -274,14 +274,11 @@ class FlatTable {
    }
    U32 emptyLanes( U64 group ) const { return lanesWith( group, 0 ); }
 
-   /// Twice the groups, but no more than the expected elements need while that is enough, and
-   /// these at once when twice the groups would come close.
+   /// Four times the groups, but no more than the expected elements need while that is enough.
    U64 nextGroups() const {
       U64 const now = memory_.size() == 0 ? 0 : groups_;
-      U64 const doubled = std::max<U64>( 1, now * 2 );
-      bool const expectationHolds = expectedGroups_ > now;
-      return expectationHolds && doubled + doubled / 2 >= expectedGroups_ ? expectedGroups_
-                                                                          : doubled;
+      U64 const larger = std::max<U64>( 1, now * 4 );
+      return expectedGroups_ > now ? std::min( larger, expectedGroups_ ) : larger;
    }
 
    [[gnu::cold, gnu::noinline]] void growTo( U64 groups ) {
