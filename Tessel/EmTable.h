@@ -20,9 +20,9 @@
 /// Key pointers point at K bytes and result pointers at R bytes; no length travels with them.
 ///
 /// Contract failures name the source "EmTable" unless said otherwise; after one, table and memory
-/// are as they were before the call (but for the map's capacity). So they are after std::bad_alloc, which any operation may throw
-/// that adds something or returns a new object. A bulk removal that fails on its way stops between
-/// two entries.
+/// are as they were before the call (but for the map's capacity). So they are after std::bad_alloc,
+/// which any operation may throw that adds something or returns a new object. A bulk removal that
+/// fails on its way stops between two entries.
 ///
 /// Threads: as Tessel/ManagedTableBase.h.
 
@@ -573,6 +573,12 @@ class [[gnu::visibility( "default" )]] EmShadowTableIteratorConst final
  private:
    bool sameAs( ManagedTableIteratorConst const& other ) const override;
    std::unique_ptr<ManagedTableIteratorConst> clone() const override;
+   /// Writes as many of the current entry's `bytes` as the table says; false when there are not as
+   /// many.
+   bool give( Corvo::Bytes const& bytes,
+              U32 EmShadowTable::*lengthInTable,
+              Weft::CharPtr target,
+              char const* operation = __builtin_FUNCTION() ) const;
 
    Corvo::Ptr<EmShadowTable const> emTable_;
    U32 currentIndex_ = 0;

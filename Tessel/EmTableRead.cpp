@@ -114,30 +114,26 @@ void EmShadowTableIteratorConst::doInc() {
 }
 
 bool EmShadowTableIteratorConst::key( Weft::CharPtr keyBuf ) const {
-   if ( done() ) {
-      return false;
-   }
-   sassert( bool( emTable_ ), "emTable()" );
-   Corvo::Bytes const& bytes = currentEntry_.key().bytes();
-   U32 const length = emTable_->keyLengthBytes_;
-   if ( !currentEntry_.valid() || bytes.size() < length ) {
-      return false;
-   }
-   Vellum::copyShort( keyBuf, bytes.bytesPtr(), length );
-   return true;
+   return give( currentEntry_.key().bytes(), &EmShadowTable::keyLengthBytes_, keyBuf );
 }
 
 bool EmShadowTableIteratorConst::result( Weft::CharPtr resultBuf ) const {
+   return give( currentEntry_.result().bytes(), &EmShadowTable::resultLengthBytes_, resultBuf );
+}
+
+bool EmShadowTableIteratorConst::give( Corvo::Bytes const& bytes,
+                                       U32 EmShadowTable::*lengthInTable,
+                                       Weft::CharPtr target,
+                                       char const* operation ) const {
    if ( done() ) {
       return false;
    }
-   sassert( bool( emTable_ ), "emTable()" );
-   Corvo::Bytes const& bytes = currentEntry_.result().bytes();
-   U32 const length = emTable_->resultLengthBytes_;
+   sassert( bool( emTable_ ), { "emTable()", operation } );
+   U32 const length = *emTable_.*lengthInTable;
    if ( !currentEntry_.valid() || bytes.size() < length ) {
       return false;
    }
-   Vellum::copyShort( resultBuf, bytes.bytesPtr(), length );
+   Vellum::copyShort( target, bytes.bytesPtr(), length );
    return true;
 }
 

@@ -109,8 +109,17 @@ void TableManager::setVellum( Corvo::Ptr<Vellum::VellumChunk> const& chunk,
    allowedSize_ = allowedSize;
 }
 
-void TableManager::checkChunk( Weft::ContractSite site ) const {
-   sassert( bool( vellumChunk_ ), site, "vellumChunk must be set before managing any tables" );
+ManagedTableBase::Ptr TableManager::held( Corvo::String const& tableName,
+                                          char const* operation ) const {
+   trace( { 0, operation },
+          "Tessel::ManagedTableBase::Ptr Tessel::TableManager::",
+          operation,
+          "(const String&, const Ptr&)tableName: ",
+          std::string_view( tableName ) );
+   sassert( bool( vellumChunk_ ),
+            { "vellumChunk()", operation },
+            "vellumChunk must be set before managing any tables" );
+   return managedTable( tableName );
 }
 
 void TableManager::checkFit( U64 end, Weft::ContractSite site ) const {
@@ -121,14 +130,8 @@ void TableManager::checkFit( U64 end, Weft::ContractSite site ) const {
 ManagedTableBase::Ptr
 TableManager::manageDirectShadow( Corvo::String const& tableName,
                                   Corvo::Ptr<DirectTableHelper> const& tableHelper ) {
-   trace( 0,
-          "Tessel::ManagedTableBase::Ptr Tessel::TableManager::manageDirectShadow("
-          "const String&, const Ptr&)",
-          "tableName: ",
-          std::string_view( tableName ) );
-   checkChunk();
-   if ( auto held = managedTable( tableName ) ) {
-      return held;
+   if ( auto before = held( tableName ) ) {
+      return before;
    }
    checkFit( currentOffset_ );
    auto const table =
@@ -141,14 +144,8 @@ TableManager::manageDirectShadow( Corvo::String const& tableName,
 ManagedTableBase::Ptr
 TableManager::manageEmShadow( Corvo::String const& tableName,
                               Corvo::Ptr<EmTableHelper> const& emTableHelper ) {
-   trace( 0,
-          "Tessel::ManagedTableBase::Ptr Tessel::TableManager::manageEmShadow("
-          "const String&, const Ptr&)",
-          "tableName: ",
-          std::string_view( tableName ) );
-   checkChunk();
-   if ( auto held = managedTable( tableName ) ) {
-      return held;
+   if ( auto before = held( tableName ) ) {
+      return before;
    }
    sassert( bool( emTableHelper ), "emTableHelper" );
    U64 const tableOffset = currentOffset_ + sizeof( EmTableHeader );

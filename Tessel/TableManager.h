@@ -138,7 +138,9 @@ class [[gnu::visibility( "default" )]] TableManager : public Corvo::Node {
  private:
    class NewTable;
 
-   void checkChunk( Weft::ContractSite site = "vellumChunk()" ) const;
+   /// How both manage operations begin: the table held under this name, or null.
+   ManagedTableBase::Ptr held( Corvo::String const& tableName,
+                               char const* operation = __builtin_FUNCTION() ) const;
    void checkFit( U64 end, Weft::ContractSite site = "currentOffset() <= endOffset()" ) const;
    void flagIs( U32 flag, bool value );
    void writeFrame( EmTableHeader const& header );

@@ -52,4 +52,15 @@ class TraceRecorder {
    std::vector<std::string> messages_;
 };
 
+/// `first` and then what one read of the image in slot 0 traces on TesselEmTable, for keys of 4 and
+/// results of 2 bytes.
+inline std::vector<std::string> thenReadingSlot0( std::vector<std::string> first ) {
+   first.insert( first.end(),
+                 { "EmShadowTable::readFromVellumMemory index:0",
+                   "EmTableEntry::copyFromBuf keyLength:4 resultLength:2",
+                   "makeEmTableKey keySize:4",
+                   "makeEmTableResult resultSize:2" } );
+   return first;
+}
+
 } // namespace TestSupport
