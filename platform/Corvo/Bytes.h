@@ -64,7 +64,9 @@ class [[gnu::visibility( "default" )]] Bytes {
       }
    }
    Bytes& operator=( Bytes other ) noexcept {
-      std::swap( inline_, other.inline_ );
+      auto const mine = inline_; // as a whole: std::swap exchanges arrays element by element
+      inline_ = other.inline_;
+      other.inline_ = mine;
       std::swap( length_, other.length_ );
       return *this;
    }
