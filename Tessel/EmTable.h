@@ -34,7 +34,6 @@
 #include <array>
 #include <bitset>
 #include <cstddef>
-#include <iterator>
 #include <limits>
 #include <span>
 
@@ -291,6 +290,8 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    bool isFull() const override;
    /// entryLengthBytes() times the geometry's numEntries.
    U32 tableShadowSize() const override;
+   /// Whether keys and results of `other` are as long as those of this table.
+   bool sameLengths( ManagedTableBase const& other ) const;
    /// Bytes of one slot, L.
    U32 entryLengthBytes() const { return entryLengthBytes_; }
 
@@ -506,7 +507,9 @@ class [[gnu::visibility( "default" )]] EmShadowTableReader : public ManagedTable
    EmShadowTableReaderIs( Corvo::Ptr<ManagedTableBase const> const& table );
 
    Corvo::Ptr<EmShadowTable const> emShadowTable() const { return emShadowTable_; }
-   void emShadowTableIs( Corvo::Ptr<EmShadowTable const> const& table ) { emShadowTable_ = table; }
+   /// Looks entries up in `table` from now on, or, when it is null, in none. Contract failure
+   /// "table->sameLengths( *this->table() )": buffers are as long as table() says.
+   void emShadowTableIs( Corvo::Ptr<EmShadowTable const> const& table );
    /// Takes table() as the exact-match table that it is. Contract failure as the constructor.
    void handleInitialized();
 
@@ -525,6 +528,8 @@ class [[gnu::visibility( "default" )]] EmShadowTableReader : public ManagedTable
  private:
    EmShadowTable const& emTable( Weft::ContractSite site = "emShadowTable()" ) const;
 
+   /// Null, or with keys and results as long as table()'s: entry_py checks and hands out by the
+   /// lengths of table(), and entry reads and fills by those of this one.
    Corvo::Ptr<EmShadowTable const> emShadowTable_;
 };
 
@@ -547,7 +552,9 @@ class [[gnu::visibility( "default" )]] EmShadowTableIteratorConst final
    explicit EmShadowTableIteratorConst( Weft::CharRange stringForm );
 
    Corvo::Ptr<EmShadowTable const> emTable() const { return emTable_; }
-   void emTableIs( Corvo::Ptr<EmShadowTable const> const& table ) { emTable_ = table; }
+   /// Goes on in `table`, or, when it is null, nowhere. Contract failure
+   /// "table->sameLengths( *this->table() )": buffers are as long as table() says.
+   void emTableIs( Corvo::Ptr<EmShadowTable const> const& table );
    /// The slot at which the next step starts its search.
    U32 currentIndex() const { return currentIndex_; }
    void currentIndexIs( U32 index ) { currentIndex_ = index; }
@@ -580,6 +587,8 @@ class [[gnu::visibility( "default" )]] EmShadowTableIteratorConst final
               Weft::CharPtr target,
               char const* operation = __builtin_FUNCTION() ) const;
 
+   /// Null, or with keys and results as long as table()'s: key_py and result_py hand out that many
+   /// bytes of room, which key and result fill to the lengths of this one.
    Corvo::Ptr<EmShadowTable const> emTable_;
    U32 currentIndex_ = 0;
    EmTableEntry currentEntry_;
@@ -589,34 +598,17 @@ class [[gnu::visibility( "default" )]] EmShadowTableIteratorConst final
 [[gnu::visibility( "default" )]] std::ostream& operator<<( std::ostream&,
                                                            EmShadowTableIteratorConst const& );
 
-/// The entries of a table as a range of one pass.
-class EmEntryRange {
+struct CurrentEntryOf {
+   EmTableEntry const& operator()( EmShadowTableIteratorConst const& at ) const {
+      return at.currentEntry();
+   }
+};
+
+/// The entries of a table as a range of one pass; an element is an EmTableEntry const&, which is not
+/// valid() where a slot was invalidated behind the table's back.
+class EmEntryRange : public WalkRange<EmShadowTableIteratorConst, CurrentEntryOf> {
  public:
-   class Iterator {
-    public:
-      using value_type = EmTableEntry;
-      using difference_type = std::ptrdiff_t;
-
-      explicit Iterator( EmShadowTableIteratorConst& walk ) : walk_( &walk ) {}
-      EmTableEntry const& operator*() const { return walk_->currentEntry(); }
-      EmTableEntry const* operator->() const { return &walk_->currentEntry(); }
-      Iterator& operator++() {
-         walk_->doInc();
-         return *this;
-      }
-      void operator++( int ) { walk_->doInc(); }
-      bool operator==( std::default_sentinel_t ) const { return walk_->done(); }
-
-    private:
-      EmShadowTableIteratorConst* walk_;
-   };
-
-   explicit EmEntryRange( EmShadowTableIteratorConst walk ) : walk_( std::move( walk ) ) {}
-   Iterator begin() { return Iterator( walk_ ); }
-   std::default_sentinel_t end() const { return std::default_sentinel; }
-
- private:
-   EmShadowTableIteratorConst walk_;
+   using WalkRange::WalkRange;
 };
 
 inline EmEntryRange EmShadowTable::entries() const {

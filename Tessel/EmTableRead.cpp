@@ -5,6 +5,24 @@ namespace Tessel {
 
 Weft::AllocTrackTypeInfo EmShadowTableReader::memAllocationTracker_;
 
+bool EmShadowTable::sameLengths( ManagedTableBase const& other ) const {
+   auto const geometry = other.tableHelper();
+   return geometry && geometry->keyLengthBytes() == keyLengthBytes_ &&
+          geometry->resultLengthBytes() == resultLengthBytes_;
+}
+
+namespace {
+
+/// A table set by hand beside the one that callers take their lengths from.
+void checkSameLengths( EmShadowTable const* table,
+                       Corvo::Ptr<ManagedTableBase const> const& lengthsOf,
+                       char const* operation = __builtin_FUNCTION() ) {
+   sassert( !table || !lengthsOf || table->sameLengths( *lengthsOf ),
+            { "table->sameLengths( *this->table() )", operation } );
+}
+
+} // namespace
+
 // ------------------------------------------------------------------------- EmShadowTableReader
 
 EmShadowTableReader::EmShadowTableReader( Corvo::Ptr<ManagedTableBase const> const& table )
@@ -31,6 +49,11 @@ void EmShadowTableReader::handleInitialized() {
                       " is not an EmShadowTable" );
    }
    emShadowTable_ = std::move( exactMatch );
+}
+
+void EmShadowTableReader::emShadowTableIs( Corvo::Ptr<EmShadowTable const> const& table ) {
+   checkSameLengths( table.get(), this->table() );
+   emShadowTable_ = table;
 }
 
 EmShadowTable const& EmShadowTableReader::emTable( Weft::ContractSite site ) const {
@@ -90,6 +113,11 @@ void EmShadowTableIteratorConst::handleInitialized() {
    sassert( bool( exactMatch ), "emTable()" );
    emTable_ = std::move( exactMatch );
    doInc();
+}
+
+void EmShadowTableIteratorConst::emTableIs( Corvo::Ptr<EmShadowTable const> const& table ) {
+   checkSameLengths( table.get(), this->table() );
+   emTable_ = table;
 }
 
 void EmShadowTableIteratorConst::doInc() {

@@ -44,6 +44,9 @@ EmShadowTableIteratorConst::EmShadowTableIteratorConst( Weft::CharRange stringFo
       .read( "currentIndex", currentIndex_ )
       .read( "currentEntry", currentEntry_ );
    reader.end();
+   if ( emTable_ && table() && !emTable_->sameLengths( *table() ) ) {
+      stringForm.refuse( "the keys or results of table and emTable differ in length" );
+   }
 }
 
 std::ostream& operator<<( std::ostream& stream, EmTableEntry const& entry ) {

@@ -24,8 +24,13 @@
 #include "Vellum/VellumChunk.h"
 #include "Weft/CharRange.h"
 
+#include <cstddef>
+#include <functional>
 #include <iosfwd>
+#include <iterator>
 #include <memory>
+#include <type_traits>
+#include <utility>
 
 namespace Weft {
 class Module;
@@ -133,6 +138,39 @@ class [[gnu::visibility( "default" )]] ManagedTableIteratorConst {
    std::unique_ptr<ManagedTableIteratorConst> kind_; ///< in the abstract form; null otherwise
 };
 
+/// What a walk meets, as a range of one pass for range-for. An element is what ElementOf makes of the
+/// iterator: the iterator itself, with chipId, key, result and their byte-string forms, or what a kind
+/// of table has to show. It is valid until the loop's next step.
+template<class Walk, class ElementOf = std::identity>
+class WalkRange {
+ public:
+   class Iterator {
+    public:
+      using value_type = std::remove_cvref_t<std::invoke_result_t<ElementOf, Walk const&>>;
+      using difference_type = std::ptrdiff_t;
+
+      explicit Iterator( Walk& walk ) : walk_( &walk ) {}
+      value_type const& operator*() const { return ElementOf()( std::as_const( *walk_ ) ); }
+      value_type const* operator->() const { return &**this; }
+      Iterator& operator++() {
+         walk_->doInc();
+         return *this;
+      }
+      void operator++( int ) { walk_->doInc(); }
+      bool operator==( std::default_sentinel_t ) const { return walk_->done(); }
+
+    private:
+      Walk* walk_;
+   };
+
+   explicit WalkRange( Walk walk ) : walk_( std::move( walk ) ) {}
+   Iterator begin() { return Iterator( walk_ ); }
+   std::default_sentinel_t end() const { return std::default_sentinel; }
+
+ private:
+   Walk walk_;
+};
+
 /// Writes the string form: table and done(). It parses back, while the table lives, to a plain base
 /// iterator over the same table.
 [[gnu::visibility( "default" )]] std::ostream& operator<<( std::ostream&,
@@ -215,6 +253,12 @@ class [[gnu::visibility( "default" )]] ManagedTableBase : public Corvo::Node {
    entry( Brine::ChipId chipId, Weft::CharPtrConst key, Weft::CharPtr result ) const = 0;
    /// An iterator on the first entry, or done.
    virtual ManagedTableIteratorConst managedTableIteratorConst() const = 0;
+   /// The same walk for range-for, whatever the kind of table:
+   ///
+   ///    for ( auto const& at : table->entries() ) { … at.chipId() … at.key_py() … }
+   WalkRange<ManagedTableIteratorConst> entries() const {
+      return WalkRange( managedTableIteratorConst() );
+   }
    /// Removes every entry of that chip.
    virtual void deleteAll( Brine::ChipId chipId ) = 0;
    /// Removes every entry.

@@ -251,11 +251,32 @@ TEST( Iterator, neverWritesPastWhatItsTableAsksFor ) {
       EmTableEntry( true, chip3, keyOf( std::string( 20, 'k' ) ), resultOf( "r" ) ) );
    EXPECT_EQ( textOf( at.key_py() ), "kkkk" );
    EXPECT_TRUE( at.result_py().empty() ) << "an entry that holds too few bytes has none";
-   auto const wide = newTable( { .entries = 1, .key = 20, .result = 12 } );
-   add( wide, chip3, std::string( 20, 'k' ), std::string( 12, 'r' ) );
-   at.emTableIs( wide );
-   at.currentEntryIs( wide->readFromVellumMemory( EmTableIndex( 0 ) ) );
-   EXPECT_LE( at.key_py().size(), 4U );
+}
+
+std::string emTablePart( std::string const& form ) {
+   std::size_t const begin = form.find( "emTable: " );
+   return form.substr( begin, form.find( ',', begin ) - begin );
+}
+
+TEST( ReadersAndIterators, takeNoTableWhoseKeysOrResultsHaveOtherLengths ) {
+   auto const table = tableWithSlots3And7();
+   auto const reader = emShadowTableReaderFactory( table );
+   Iterator at( table );
+   std::string const condition = "table->sameLengths( *this->table() )";
+   for ( Geometry const other : { Geometry{ .key = 20 }, Geometry{ .result = 12 } } ) {
+      auto const wide = newTable( other );
+      EXPECT_EQ( failedCondition( [ & ] { reader->emShadowTableIs( wide ); } ), condition );
+      EXPECT_EQ( failedCondition( [ & ] { at.emTableIs( wide ); } ), condition );
+      EXPECT_EQ( at.emTable(), table );
+      std::string form = printed( at );
+      std::string const own = emTablePart( form );
+      form.replace( form.find( own ), own.size(), emTablePart( printed( Iterator( wide ) ) ) );
+      EXPECT_THROW( parsed<Iterator>( form ), Weft::ParseError );
+   }
+   auto const alike = newTable( { .entries = 1 } );
+   reader->emShadowTableIs( alike );
+   at.emTableIs( alike );
+   EXPECT_EQ( at.emTable(), alike );
 }
 
 TEST( AbstractIterator, reachesTheOperationsOfItsKind ) {
@@ -269,6 +290,9 @@ TEST( AbstractIterator, reachesTheOperationsOfItsKind ) {
    EXPECT_EQ( textOf( at.result_py() ), "r7" );
    EXPECT_NE( at, copy );
    EXPECT_EQ( copy, table->managedTableIteratorConst() );
+   EXPECT_EQ( copy, Iterator( table ) ) << "the kind's rule, in either form";
+   EXPECT_EQ( Iterator( table ), copy );
+   EXPECT_NE( Iterator( table ), at );
    EXPECT_EQ( textOf( copy.key_py() ), "AAAA" ) << "copies move independently";
    at.doInc();
    EXPECT_FALSE( at );
@@ -324,12 +348,24 @@ TEST( Iterator, itsStringFormReadsBackWhileItsTableLives ) {
    EXPECT_THROW( parsed<Iterator>( form ), Weft::ParseError ) << "the table is gone";
 }
 
-TEST( EntryRange, givesTheEntriesInSlotOrder ) {
+static_assert( std::ranges::input_range<EmEntryRange> );
+
+TEST( EntryRange, givesTheEntriesInSlotOrderWhateverTheKindOfTable ) {
    std::vector<std::string> keys;
    for ( EmTableEntry const& entry : tableWithSlots3And7()->entries() ) {
       keys.push_back( textOf( entry.key().bytes() ) );
    }
    EXPECT_THAT( keys, ElementsAre( "AAAA", "BBBB" ) );
+   auto const direct =
+      directShadowTableFactory( "vlan", tableHelperFactory( 1, 1, 1 ), nullptr, 0 );
+   std::vector<std::string> results;
+   for ( ManagedTableBase::Ptr const& table :
+         { ManagedTableBase::Ptr( tableWithSlots3And7() ), ManagedTableBase::Ptr( direct ) } ) {
+      for ( auto const& at : table->entries() ) {
+         results.push_back( textOf( at.result_py() ) );
+      }
+   }
+   EXPECT_THAT( results, ElementsAre( "r3", "r7" ) );
 }
 
 } // namespace
