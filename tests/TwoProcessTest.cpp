@@ -1,11 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/Stepping.h"
 #include "support/Tables.h"
+#include "support/Tool.h"
+#include "tools/tessel/HexText.h"
+
+#include <nlohmann/json.hpp>
 
 #include <gtest/gtest.h>
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <random>
 
 namespace {
@@ -84,113 +89,258 @@ bool belongs( Brine::ChipId chip, std::string const& key, std::string const& res
    return result == resultFor( chip, key, version, static_cast<U32>( result.size() ) );
 }
 
-struct Seen {
-   std::atomic<bool> writerDone{ false };
-   std::atomic<U64> looksFound{ 0 };
+/// What the processes of one test tell each other.
+struct Traffic {
+   std::atomic<bool> stopped{ false };
+   std::atomic<U64> written{ 0 };
+   std::atomic<U64> found{ 0 };
    std::atomic<U64> walked{ 0 };
    std::atomic<U64> foreign{ 0 };
 };
 
-class SharedTable {
+/// One process's view of a table in a chunk, and its choice of (chip, key) pairs.
+class Peer {
  public:
-   SharedTable( std::string const& name, Geometry geometry, U32 offset, U32 seed )
-         : geometry_( geometry ), offset_( offset ), random_( seed ),
-           chunk_( VellumChunk::open( name ) ), table_( tableOver( chunk_, geometry, offset ) ) {}
+   struct Place {
+      std::string chunk;
+      Geometry geometry;
+      U32 offset = 0;
+      U32 keys = 2;
+   };
 
-   void write( U32 operations ) {
-      for ( U32 i = 0; i < operations; ++i ) {
+   Peer( Place const& place, VellumChunk::Access access, U32 seed )
+         : place_( place ), random_( seed ), chunk_( VellumChunk::open( place.chunk, access ) ) {}
+
+   /// Adds, rewrites and deletes until it is stopped.
+   void write( Traffic& traffic ) {
+      Table const table = newTable();
+      U32 const result = place_.geometry.result;
+      for ( U32 i = 0; !traffic.stopped; ++i ) {
          choose();
          if ( random_() % 8 != 0 ) {
-            add( table_, chip_, key_, resultFor( chip_, key_, i & 0xff, geometry_.result ) );
+            add( table, chip_, key_, resultFor( chip_, key_, i & 0xff, result ) );
          } else {
-            table_->entryDel( chip_, key_.data() );
+            table->entryDel( chip_, key_.data() );
          }
+         traffic.written.store( i + 1, std::memory_order_relaxed );
       }
    }
 
-   void readUntilDone( Seen& seen ) {
-      while ( !seen.writerDone ) {
-         table_ = tableOver( chunk_, geometry_, offset_ );
-         auto const reader = emShadowTableReaderFactory( table_ );
-         for ( U32 i = 0; i < 300; ++i ) {
-            choose();
-            std::string result( geometry_.result, '\0' );
-            if ( reader->entry( chip_, key_.data(), result.data() ) ) {
-               ++seen.looksFound;
-               seen.foreign += belongs( chip_, key_, result ) ? 0 : 1;
-            }
-         }
-         for ( EmTableEntry const& entry : table_->entries() ) {
+   /// Looks up and walks in every way there is until it is stopped.
+   void read( Traffic& traffic ) {
+      while ( !traffic.stopped ) {
+         Table const table = newTable();
+         lookUpIn( table, traffic );
+         for ( EmTableEntry const& entry : table->entries() ) {
             if ( entry.valid() ) {
-               ++seen.walked;
-               seen.foreign += belongs( entry.chipId(),
-                                        textOf( entry.key().bytes() ),
-                                        textOf( entry.result().bytes() ) )
-                                  ? 0
-                                  : 1;
+               walked( traffic, entry.chipId(), entry.key().bytes(), entry.result().bytes() );
+            }
+         }
+         for ( auto const& at : table->ManagedTableBase::entries() ) {
+            if ( !at.key_py().empty() ) {
+               walked( traffic, at.chipId(), at.key_py(), at.result_py() );
             }
          }
       }
    }
 
- private:
    void choose() {
       chip_ = Brine::ChipId( static_cast<U8>( random_() % 2 ) );
-      key_ = std::string( geometry_.key, static_cast<char>( random_() % 2 ) );
+      key_ = std::string( place_.geometry.key, static_cast<char>( random_() % place_.keys ) );
+   }
+   Brine::ChipId chip() const { return chip_; }
+   std::string const& key() const { return key_; }
+
+ private:
+   Table newTable() const { return tableOver( chunk_, place_.geometry, place_.offset ); }
+
+   void lookUpIn( Table const& table, Traffic& traffic ) {
+      auto const reader = emShadowTableReaderFactory( table );
+      for ( U32 i = 0; i < 300; ++i ) {
+         choose();
+         std::string result( place_.geometry.result, '\0' );
+         bool const found =
+            i % 4 == 0 ? !( result = textOf( reader->entry_py( chip_, bytesOf( key_ ) ) ) ).empty()
+                       : reader->entry( chip_, key_.data(), result.data() );
+         if ( found ) {
+            ++traffic.found;
+            traffic.foreign += belongs( chip_, key_, result ) ? 0 : 1;
+         }
+      }
    }
 
-   Geometry geometry_;
-   U32 offset_;
+   static void walked( Traffic& traffic,
+                       Brine::ChipId chip,
+                       Corvo::Bytes const& key,
+                       Corvo::Bytes const& result ) {
+      ++traffic.walked;
+      traffic.foreign += belongs( chip, textOf( key ), textOf( result ) ) ? 0 : 1;
+   }
+
+   Place place_;
    std::minstd_rand random_;
    Chunk chunk_;
-   Table table_;
    Brine::ChipId chip_{ 0 };
    std::string key_;
 };
 
-template<class Work>
-pid_t inChild( Work const& work ) {
-   pid_t const child = ::fork();
-   if ( child == 0 ) {
-      work();
-      ::_exit( 0 );
+/// A process that does `work`; it goes with this object.
+class Child {
+ public:
+   template<class Work>
+   explicit Child( Work const& work ) : pid_( ::fork() ) {
+      if ( pid_ == 0 ) {
+         [ & ]() noexcept { work(); }();
+         ::_exit( 0 );
+      }
    }
-   return child;
+   Child( Child const& ) = delete;
+   Child& operator=( Child const& ) = delete;
+   ~Child() {
+      if ( pid_ != 0 ) {
+         ::kill( pid_, SIGKILL );
+         ::waitpid( pid_, nullptr, 0 );
+      }
+   }
+
+   bool works() { return pid_ != 0 && !ended( WNOHANG ); }
+   /// Waits for its end; whether that was a good one.
+   bool endedWell() { return ended( 0 ) && status_ == 0; }
+
+ private:
+   bool ended( int options ) {
+      if ( pid_ != 0 && ::waitpid( pid_, &status_, options ) == pid_ ) {
+         pid_ = 0;
+      }
+      return pid_ == 0;
+   }
+
+   pid_t pid_;
+   int status_ = 0;
+};
+
+/// How long the processes of one test work: TESSEL_TEST_SECONDS, for whoever wants more.
+double secondsToWork() {
+   char const* const asked = std::getenv( "TESSEL_TEST_SECONDS" );
+   return asked ? std::atof( asked ) : 3;
+}
+
+std::chrono::steady_clock::time_point after( double seconds ) {
+   return std::chrono::steady_clock::now() +
+          std::chrono::milliseconds( static_cast<long>( seconds * 1000 ) );
+}
+
+bool isOver( std::chrono::steady_clock::time_point end ) {
+   return std::chrono::steady_clock::now() >= end;
 }
 
 TEST( TwoReaders, besideAWriterNeverMeetAForeignOrATornResult ) {
+   std::array const geometries{ Geometry{ .entries = 4, .key = 20, .result = 12 },
+                                Geometry{ .entries = 4, .key = 14, .result = 12 },
+                                Geometry{ .entries = 3, .key = 2, .result = 12 },
+                                Geometry{ .entries = 3, .key = 6, .result = 4 },
+                                Geometry{ .entries = 3, .key = 4, .result = 2 } };
    U32 seed = 1;
-   for ( Geometry const geometry : { Geometry{ .entries = 4, .key = 20, .result = 12 },
-                                     Geometry{ .entries = 4, .key = 14, .result = 12 },
-                                     Geometry{ .entries = 3, .key = 2, .result = 12 },
-                                     Geometry{ .entries = 3, .key = 6, .result = 4 },
-                                     Geometry{ .entries = 3, .key = 4, .result = 2 } } ) {
+   for ( Geometry const geometry : geometries ) {
       UniqueName const name;
       auto const chunk = VellumChunk::create( *name, 400 );
-      SharedPage<Seen> seen;
+      SharedPage<Traffic> traffic;
       // The result of the first slot crosses a cache line in its middle.
       U32 const offset = 64 - 2 - geometry.key - geometry.result / 2;
-      std::array const readers{
-         inChild( [ & ] { SharedTable( *name, geometry, offset, 11 ).readUntilDone( *seen ); } ),
-         inChild( [ & ] { SharedTable( *name, geometry, offset, 12 ).readUntilDone( *seen ); } )
+      Peer::Place const place{ .chunk = *name, .geometry = geometry, .offset = offset };
+      auto const read = [ & ]( U32 readersSeed ) {
+         Peer( place, VellumChunk::Access::readOnly, readersSeed ).read( *traffic );
       };
-      pid_t const writer = inChild( [ & ] {
-         SharedTable( *name, geometry, offset, seed ).write( 300000 );
-         seen->writerDone = true;
-      } );
-      int status = 0;
-      ::waitpid( writer, &status, 0 );
-      seen->writerDone = true;
-      EXPECT_EQ( status, 0 );
-      for ( pid_t const reader : readers ) {
-         ::waitpid( reader, &status, 0 );
-         EXPECT_EQ( status, 0 );
+      std::array<Child, 3> processes{
+         Child( [ & ] { read( 11 ); } ), Child( [ & ] { read( 12 ); } ), Child( [ & ] {
+            Peer( place, VellumChunk::Access::readWrite, seed ).write( *traffic );
+         } )
+      };
+      auto const end = after( secondsToWork() / geometries.size() );
+      while ( !isOver( end ) || traffic->found == 0 || traffic->walked == 0 ) {
+         ::usleep( 1000 );
+         ASSERT_TRUE( std::ranges::all_of( processes, &Child::works ) ) << geometry.key;
       }
-      EXPECT_EQ( seen->foreign, 0U ) << "key length " << geometry.key;
-      EXPECT_GT( seen->looksFound, 0U );
-      EXPECT_GT( seen->walked, 0U );
+      traffic->stopped = true;
+      EXPECT_TRUE( std::ranges::all_of( processes, &Child::endedWell ) );
+      EXPECT_EQ( traffic->foreign, 0U )
+         << "key length " << geometry.key << ": " << traffic->written << " written, "
+         << traffic->found << " found, " << traffic->walked << " walked";
       ++seed;
    }
+}
+
+/// The tool, asked again and again.
+class AskedTool {
+ public:
+   AskedTool( ToolBench const& bench, std::string const& plan ) : bench_( bench ), plan_( plan ) {}
+
+   void dump() {
+      Answer const answer = bench_.run( { "--json", "dump", plan_, "mac" } );
+      ASSERT_EQ( answer.status, 0 ) << answer.err;
+      for ( auto const& entry : nlohmann::json::parse( answer.out ) ) {
+         expectOwn(
+            Brine::ChipId( entry[ "chip" ] ), fromHex( entry[ "key" ] ), entry[ "result" ] );
+      }
+   }
+   void lookUp( Brine::ChipId chip, std::string const& key ) {
+      Answer const answer = bench_.run(
+         { "lookup", plan_, "mac", std::to_string( chip.value() ), TesselTool::hexOf( key ) } );
+      if ( answer.status == 0 ) {
+         expectOwn( chip, key, answer.out.substr( 0, answer.out.size() - 1 ) );
+      } else {
+         EXPECT_NE( answer.err.find( "has no entry" ), std::string::npos ) << answer.err;
+      }
+   }
+   void show( U32 slots ) {
+      Answer const answer = bench_.run( { "--json", "show", plan_ } );
+      ASSERT_EQ( answer.status, 0 ) << answer.err;
+      EXPECT_LE( nlohmann::json::parse( answer.out )[ "tables" ][ 0 ][ "used" ], slots );
+   }
+   U32 told() const { return told_; }
+
+ private:
+   static std::string fromHex( std::string const& text ) {
+      std::string bytes( text.size() / 2, '\0' );
+      EXPECT_EQ( TesselTool::parseHex( text, bytes ), "" );
+      return bytes;
+   }
+   void expectOwn( Brine::ChipId chip, std::string const& key, std::string const& result ) {
+      ++told_;
+      EXPECT_TRUE( belongs( chip, key, fromHex( result ) ) )
+         << chip << ',' << TesselTool::hexOf( key ) << ',' << result;
+   }
+
+   ToolBench const& bench_;
+   std::string const& plan_;
+   U32 told_ = 0;
+};
+
+TEST( TheTool, besideAWriterNeverTellsAForeignOrATornResult ) {
+   ToolBench const bench;
+   Peer::Place const place{ .chunk = bench.chunk(),
+                            .geometry = { .entries = 64, .key = 20, .result = 12 },
+                            .offset = sizeof( EmTableHeader ),
+                            .keys = 25 };
+   std::string const plan = bench.planFile(
+      R"({ "name": "mac", "kind": "exact", "entries": 64, "key": 20, "result": 12 })" );
+   ASSERT_EQ( bench.run( { "load", plan, "mac", "-" } ).status, 0 ) << "makes chunk and frame";
+   SharedPage<Traffic> traffic;
+   Child agent( [ & ] { Peer( place, VellumChunk::Access::readWrite, 1 ).write( *traffic ); } );
+   Peer chooser( place, VellumChunk::Access::readOnly, 2 );
+   AskedTool tool( bench, plan );
+   auto const end = after( secondsToWork() / 3 );
+   while ( !isOver( end ) || tool.told() == 0 ) {
+      ASSERT_TRUE( agent.works() );
+      tool.dump();
+      for ( U32 i = 0; i < 3; ++i ) {
+         chooser.choose();
+         tool.lookUp( chooser.chip(), chooser.key() );
+      }
+      tool.show( place.geometry.entries );
+   }
+   traffic->stopped = true;
+   EXPECT_TRUE( agent.endedWell() );
 }
 
 } // namespace
