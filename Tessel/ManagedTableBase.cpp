@@ -89,6 +89,7 @@ ManagedTableIteratorConst::~ManagedTableIteratorConst() = default;
 
 ManagedTableIteratorConst
 ManagedTableIteratorConst::of( std::unique_ptr<ManagedTableIteratorConst> kind ) {
+   sassert( kind != nullptr, "kind != nullptr" );
    ManagedTableIteratorConst abstractForm( kind->table_ );
    abstractForm.kind_ = std::move( kind );
    return abstractForm;

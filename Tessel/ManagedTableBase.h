@@ -91,6 +91,8 @@ class [[gnu::visibility( "default" )]] ManagedTableIteratorConst {
    virtual ~ManagedTableIteratorConst();
 
    /// An iterator in the abstract form that stands where `kind` stands and reaches its operations.
+   /// (A kind's iterator that is copied into this type leaves its operations behind.) Contract failure
+   /// "kind != nullptr".
    static ManagedTableIteratorConst of( std::unique_ptr<ManagedTableIteratorConst> kind );
    /// An iterator over `table` that is done: for a kind without entries to walk.
    static ManagedTableIteratorConst doneOver( Corvo::Ptr<ManagedTableBase const> const& table );
@@ -125,9 +127,10 @@ class [[gnu::visibility( "default" )]] ManagedTableIteratorConst {
  protected:
    void doneIs() { done_ = true; }
    void tableIs( Corvo::Ptr<ManagedTableBase const> table ) { table_ = std::move( table ); }
-   /// Whether `other` equals this; `other` has passed the base's rule and may be of any kind.
+   /// Whether `other` equals this; `other` has passed the base's rule and may be of any kind. For a
+   /// kind that does not override it: whether it is of the same one.
    virtual bool sameAs( ManagedTableIteratorConst const& other ) const;
-   /// A copy of the dynamic type.
+   /// A copy of the dynamic type: every kind that is handed out overrides it.
    virtual std::unique_ptr<ManagedTableIteratorConst> clone() const;
 
  private:

@@ -67,6 +67,9 @@ TEST( OutOfMemory, removingAndRewritingAndLookingUpNeedNone ) {
    neverFails( [ & ] { table->entry( chip3, "AAAA", buffer.data() ); } );
    neverFails( [ & ] { reader->entry( chip3, "AAAA", buffer.data() ); } );
    neverFails( [ & ] { table->entry_py( chip3, bytesOf( "AAAA" ) ); } );
+   neverFails( [ & ] { reader->entry_py( chip3, bytesOf( "AAAA" ) ); } );
+   auto const at = table->managedTableIteratorConst();
+   neverFails( [ & ] { textOf( at.key_py() ) + textOf( at.result_py() ); } );
    neverFails( [ & ] { table->entryDel( chip3, "AAAA" ); } );
    neverFails( [ & ] { table->deleteAll( chip5 ); } );
    neverFails( [ & ] { table->clearTable(); } );

@@ -328,6 +328,65 @@ TEST( AbstractIterator, builtOnATableImplementsNothing ) {
    EXPECT_EQ( failedCondition( [] { ManagedTableIteratorConst().key_py(); } ), "table()" );
 }
 
+/// A kind of table that a caller adds: always one entry, with more bytes than the exact-match kind
+/// takes.
+class OneLongEntry : public ManagedTableBase {
+ public:
+   using ManagedTableBase::ManagedTableBase;
+
+   bool isFull() const override { return true; }
+   U32 tableShadowSize() const override { return 0; }
+   bool entryIs( Brine::ChipId, Weft::CharPtrConst, Weft::CharPtrConst ) override { return false; }
+   void entryDel( Brine::ChipId, Weft::CharPtrConst ) override {}
+   bool entryHas( Brine::ChipId chip, Weft::CharPtrConst ) const override { return chip == chip7; }
+   bool entry( Brine::ChipId chip, Weft::CharPtrConst key, Weft::CharPtr result ) const override {
+      return entryHas( chip, key ) && Walk( nullptr ).result( result );
+   }
+   ManagedTableIteratorConst managedTableIteratorConst() const override {
+      return ManagedTableIteratorConst::of(
+         std::make_unique<Walk>( Corvo::Ptr<ManagedTableBase const>( this ) ) );
+   }
+   void deleteAll( Brine::ChipId ) override {}
+   void clearTable() override {}
+
+ private:
+   struct Walk final : ManagedTableIteratorConst {
+      using ManagedTableIteratorConst::ManagedTableIteratorConst;
+
+      Brine::ChipId chipId() const override { return chip7; }
+      bool key( Weft::CharPtr keyBuf ) const override {
+         std::fill_n( keyBuf, 30, 'k' );
+         return true;
+      }
+      bool result( Weft::CharPtr resultBuf ) const override {
+         std::fill_n( resultBuf, 1000, 'r' );
+         return true;
+      }
+      void doInc() override { doneIs(); }
+      std::unique_ptr<ManagedTableIteratorConst> clone() const override {
+         return std::make_unique<Walk>( *this );
+      }
+   };
+};
+
+TEST( AbstractIterator, reachesAKindThatACallerAdds ) {
+   auto const table = Corvo::makePtr<OneLongEntry>(
+      "own", tableHelperFactory( 1, 30, 1000 ), Corvo::Ptr<Vellum::VellumChunk>(), 0U );
+   EXPECT_EQ( textOf( table->entry_py( chip7, Corvo::Bytes::ofLength( 30 ) ) ),
+              std::string( 1000, 'r' ) );
+   EXPECT_TRUE( table->entry_py( chip3, Corvo::Bytes::ofLength( 30 ) ).empty() );
+   auto at = table->managedTableIteratorConst();
+   auto const copy = at;
+   EXPECT_EQ( textOf( at.key_py() ), std::string( 30, 'k' ) );
+   at.doInc();
+   EXPECT_NE( at, copy );
+   EXPECT_TRUE( at.result_py().empty() );
+   EXPECT_EQ( textOf( copy.result_py() ), std::string( 1000, 'r' ) );
+   EXPECT_EQ( copy, table->managedTableIteratorConst() );
+   EXPECT_EQ( failedCondition( [] { ManagedTableIteratorConst::of( nullptr ); } ),
+              "kind != nullptr" );
+}
+
 TEST( Iterator, itsStringFormReadsBackWhileItsTableLives ) {
    auto table = tableWithSlots3And7();
    std::string form;
