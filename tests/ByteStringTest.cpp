@@ -64,6 +64,7 @@ TEST( ByteString, aTextThatIsNoStringFormIsRefused ) {
    std::string const key = printed( keyOf( "ab" ) );
    EXPECT_THROW( parsed<EntryResult>( key ), Weft::ParseError ) << "that of another type";
    EXPECT_THROW( parsed<EntryKey>( key + "x" ), Weft::ParseError ) << "characters left over";
+   EXPECT_THROW( parsed<EntryKey>( key + " " ), Weft::ParseError ) << "a blank is one";
    EXPECT_THROW( parsed<EntryKey>( "Tessel::EntryKey()" ), Weft::ParseError ) << "no bytes";
    for ( std::size_t length = 0; length < key.size(); ++length ) {
       EXPECT_THROW( parsed<EntryKey>( key.substr( 0, length ) ), Weft::ParseError ) << length;

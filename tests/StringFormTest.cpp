@@ -45,7 +45,7 @@ TEST( StringForm, ParsesWhatItPrints ) {
    visit.colour = someColour();
    visit.room = Corvo::makePtr<Kitchen>( "k" );
    EXPECT_EQ( parsed<LongVisit>( WeftCorvo::stringForm( visit ) ), visit );
-   EXPECT_EQ( parsed<Colour>( " House::Colour(chip:7,raw:0x,name:\"\",shade:0,\n lit :false ) " ),
+   EXPECT_EQ( parsed<Colour>( " House::Colour(chip:7,raw:0x,name:\"\",shade:0\t,\n lit :false )" ),
               Colour() );
    EXPECT_EQ( parsed<Brine::ChipId>( "255" ), Brine::ChipId( 255 ) );
    EXPECT_EQ( parsed<Visit>( "House::Visit( room: null )" ), Visit() );
@@ -65,7 +65,10 @@ std::string problem( std::string_view from, std::string_view to ) {
 
 TEST( StringForm, SaysWhereTextIsNotAStringForm ) {
    EXPECT_EQ( problem( "lit: true, ", "" ), "at offset 0: no attribute lit" );
-   EXPECT_EQ( problem( "2 )", "2 ) x" ), "at offset 68: characters left over" );
+   EXPECT_EQ( problem( "2 )", "2 )x" ), "at offset 67: characters left over" );
+   EXPECT_EQ( problem( "2 )", "2 ) " ), "at offset 67: characters left over" );
+   EXPECT_THROW( parsed<Brine::ChipId>( "3 " ), Weft::ParseError );
+   EXPECT_THAT( problem( "shade: 1", "shade: " ), HasSubstr( "expected a number" ) );
    EXPECT_EQ( problem( "chip: 2", "chip: 256" ), "at offset 64: number past 255" );
    EXPECT_EQ( problem( "chip: 2", "chip: 2, lit: true" ),
               "at offset 72: unknown or repeated attribute lit" );

@@ -5,6 +5,7 @@
 #include "Vellum/VellumTypes.h"
 #include "WeftCorvo/Entities.h"
 #include "support/Contract.h"
+#include "support/Heap.h"
 #include "support/House.h"
 
 #include <gmock/gmock.h>
@@ -73,6 +74,20 @@ TEST( WeftRegistry, KnowsModulesAndTypesInOrderAndDescribesOnce ) {
       ElementsAre(
          "House::Colour", "House::Room", "House::Kitchen", "House::LongVisit", "House::Visit" ) );
    EXPECT_EQ( Weft::typeByName( "House::Cellar" ), nullptr );
+}
+
+void describeShed( Weft::TypeList& types ) {
+   WeftCorvo::valueType<Colour>( types, "Shed::Colour" )
+      .constructor<U16, Corvo::String const&>( "shade", "name" )
+      .state( "shade", &Colour::shade, &Colour::shadeIs )
+      .opConst( "mixed", &Colour::mixed, "other" );
+}
+
+TEST( WeftRegistry, DescribesAgainWhatRanOutOfMemory ) {
+   static constinit Weft::Module const shed( "Shed", describeShed ); // not registered
+   EXPECT_GT( TestSupport::failEachAllocation( [] { shed.types(); }, [] {} ), 5U );
+   ASSERT_EQ( shed.types().size(), 1U );
+   EXPECT_EQ( shed.types()[ 0 ].attribute( "mixed" )->id(), 3U );
 }
 
 TEST( WeftRegistry, NumbersAttributesByKindAndLevel ) {
@@ -194,9 +209,12 @@ TEST( WeftRegistry, CallsOperationsOfTheDynamicTypeWithTheirArguments ) {
       perform( "House::Room", kitchen.get(), "grown", Op::call, &area, nullptr, { &by, &times } ),
       Status::done );
    EXPECT_EQ( area, 15U );
-   EXPECT_THROW(
-      perform( "House::Room", kitchen.get(), "grown", Op::call, &area, nullptr, { &by, nullptr } ),
-      std::invalid_argument );
+   EXPECT_THAT(
+      [ & ] {
+         perform(
+            "House::Room", kitchen.get(), "grown", Op::call, &area, nullptr, { &by, nullptr } );
+      },
+      testing::ThrowsMessage<std::invalid_argument>( "argument times is missing" ) );
    EXPECT_EQ( kitchen->area(), 15U );
    EXPECT_EQ(
       perform<Room>( "House::Room", nullptr, "size", Op::call, &area, nullptr, { &by, &times } ),

@@ -89,8 +89,7 @@ void CharRange::expect( std::string_view token ) {
    }
 }
 
-void CharRange::end() {
-   skipSpace();
+void CharRange::end() const {
    if ( !text_.empty() ) {
       refuse( "characters left over" );
    }
@@ -159,9 +158,10 @@ CharRange CharRange::takePart() {
    for ( std::size_t at = 0; at < text_.size(); ++at ) {
       char const c = text_[ at ];
       if ( depth == 0 && ( c == ',' || c == ')' ) ) {
-         CharRange const part( text_.substr( 0, at ), offset_ );
+         auto const part = text_.substr( 0, at );
+         CharRange const range( part.substr( 0, part.find_last_not_of( spaces ) + 1 ), offset_ );
          take( at );
-         return part;
+         return range;
       }
       if ( c == '"' ) {
          at += quotedLength( text_.substr( at ) ) - 1;

@@ -4,7 +4,7 @@
 /// A cursor over text that is being read, and the error that ends the reading of bad text.
 ///
 /// A range does not own its text, which has to outlive it and every range cut out of it. Spaces,
-/// tabs and line ends between tokens carry no meaning.
+/// tabs and line ends in front of a token carry no meaning; behind the last one they are left over.
 ///
 /// Threads: a plain value.
 
@@ -43,8 +43,8 @@ class [[gnu::visibility( "default" )]] CharRange {
    bool accept( std::string_view token );
    /// As accept. ParseError when the text goes on otherwise.
    void expect( std::string_view token );
-   /// ParseError when anything but space is left.
-   void end();
+   /// ParseError when a character is left.
+   void end() const;
 
    /// Goes past a name, letters, digits and '_' with "::" between its parts, and returns it.
    /// ParseError when there is none.
@@ -57,7 +57,7 @@ class [[gnu::visibility( "default" )]] CharRange {
    /// Goes past bytes in hexadecimal, as hexadecimal() makes them, and returns them.
    std::string takeHexadecimal();
    /// Goes to the next ',' or ')' outside of any parentheses and quotes and returns the text before
-   /// it. ParseError when there is none.
+   /// it, without the space at its end. ParseError when there is none.
    CharRange takePart();
 
    [[noreturn]] void refuse( std::string_view problem ) const;

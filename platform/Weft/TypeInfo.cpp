@@ -2,6 +2,7 @@
 #include "Weft/TypeInfo.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace Weft {
 
@@ -18,6 +19,36 @@ bool needsObject( AttributeKind kind ) {
 void checkObject( void const* object ) {
    if ( object == nullptr ) {
       throw std::invalid_argument( "the object is missing" );
+   }
+}
+
+bool isOperation( AttributeKind kind ) {
+   return kind == AttributeKind::op || kind == AttributeKind::opConst ||
+          kind == AttributeKind::opStatic;
+}
+
+/// Whether a slot holds a raw pointer, and that one is null.
+bool isNullPointer( std::string_view typeName, void const* slot ) {
+   if ( typeName != "Weft::CharPtr" && typeName != "Weft::CharPtrConst" &&
+        typeName != "Weft::BytePtr" ) {
+      return false;
+   }
+   void* pointer = nullptr;
+   std::memcpy( &pointer, slot, sizeof pointer ); // whatever it points to
+   return pointer == nullptr;
+}
+
+/// Every slot is there, and where an operation asks for memory there is some.
+void checkArguments( std::span<Argument const> declared, void* const* arguments ) {
+   for ( std::size_t i = 0; i < declared.size(); ++i ) {
+      if ( arguments == nullptr || arguments[ i ] == nullptr ) {
+         throw std::invalid_argument( "argument " + std::string( declared[ i ].name() ) +
+                                      " is missing" );
+      }
+      if ( isNullPointer( declared[ i ].typeName(), arguments[ i ] ) ) {
+         throw std::invalid_argument( "argument " + std::string( declared[ i ].name() ) +
+                                      " is a null pointer" );
+      }
    }
 }
 
@@ -131,6 +162,9 @@ Status TypeInfo::attributeOp( void* result,
    }
    if ( needsObject( attribute->kind() ) ) {
       checkObject( object );
+   }
+   if ( op == Op::call && isOperation( attribute->kind() ) ) {
+      checkArguments( attribute->arguments(), arguments );
    }
    return attribute->access_->perform( result, object, op, key, arguments );
 }

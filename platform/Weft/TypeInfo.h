@@ -21,7 +21,8 @@
 /// An `object` is the object itself: a pointer to the value, or to the entity as its own type.
 ///
 /// Pointers are taken at their word: memory of another type than said here, or too little of it, is
-/// not noticed. Missing ones are: std::invalid_argument for a null object, key or argument.
+/// not noticed. Missing ones are: std::invalid_argument for a null object, key or argument, and, naming
+/// it, for an operation's argument that is a null raw pointer. (An attribute may be set to one.)
 ///
 /// Threads: descriptions are immutable and may be used on any thread at once. What is done with an
 /// object follows the object's own rules.
