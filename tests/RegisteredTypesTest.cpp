@@ -388,8 +388,11 @@ TEST_F( RegisteredTypesDo, copyCompareHashPrintAndParseTheirValues ) {
    for ( TypeInfo const* const type : libraryTypes() ) {
       for ( U32 round = 0; type->kind() == TypeKind::value && round < 20; ++round ) {
          AnySlot const value = sample( *type );
-         AnySlot const parsed(
-            *type, [ & ]( void* memory ) { type->fromStringForm( memory, value.text() ); } );
+         auto const parse = [ & ]( std::string const& text ) {
+            return AnySlot( *type,
+                            [ & ]( void* memory ) { type->fromStringForm( memory, text ); } );
+         };
+         AnySlot const parsed = parse( value.text() );
          AnySlot const copy( *type, [ & ]( void* memory ) { type->copy( memory, value.get() ); } );
          for ( AnySlot const* const same : { &parsed, &copy } ) {
             void* const second[] = { same->get() };
@@ -410,7 +413,7 @@ TEST_F( RegisteredTypesDo, copyCompareHashPrintAndParseTheirValues ) {
                EXPECT_THROW( type->hash( value.get() ), Weft::UnhashableError );
             }
          }
-         EXPECT_THROW( type->fromStringForm( copy.get(), value.text() + " " ), Weft::ParseError );
+         EXPECT_THROW( parse( value.text() + " " ), Weft::ParseError );
          for ( TypeInfo const* const other : libraryTypes() ) {
             if ( type->isA( *other ) ) {
                EXPECT_NE( type->viewAs( *other, value.get() ), nullptr );
