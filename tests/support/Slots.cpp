@@ -18,7 +18,8 @@ using Vellum::VellumChunk;
 AnySlot::AnySlot( BuiltIn value ) : builtIn_( std::make_unique<BuiltIn>( std::move( value ) ) ) {}
 
 AnySlot::AnySlot( Weft::TypeInfo const& type, std::function<void( void* )> const& build )
-      : described_( static_cast<std::byte*>( ::operator new( type.valueSize() ) ), { &type, false } ) {
+      : described_( static_cast<std::byte*>( ::operator new( type.valueSize() ) ),
+                    { &type, false } ) {
    build( described_.get() );
    described_.get_deleter().built = true;
 }
