@@ -222,32 +222,6 @@ TEST( WeftRegistry, CallsOperationsOfTheDynamicTypeWithTheirArguments ) {
    EXPECT_EQ( area, 15U );
 }
 
-TEST( WeftRegistry, AnswersEveryOtherOperationWithUnsupportedOrNotMine ) {
-   auto const room = Room::RoomIs( "a" );
-   auto const& info = type( "House::Room" );
-   for ( U32 code = 0; code < 20; ++code ) {
-      auto const op = static_cast<Op>( code );
-      EXPECT_EQ( perform( "House::Room", room.get(), "deed", op ), Status::unsupported );
-      EXPECT_EQ( perform( "House::Room", room.get(), "grownOnce", op ), Status::unsupported );
-      EXPECT_EQ( perform( "House::Kitchen", room.get(), "name", op ), Status::notMine );
-      EXPECT_EQ(
-         type( "House::Kitchen" ).attributeOp( nullptr, room.get(), nullptr, op, nullptr, nullptr ),
-         Status::notMine );
-      EXPECT_EQ( info.attributeOp( nullptr, room.get(), nullptr, op, nullptr, nullptr ),
-                 Status::unsupported );
-      EXPECT_EQ(
-         info.attributeOp(
-            nullptr, room.get(), type( "House::Colour" ).attribute( "lit" ), op, nullptr, nullptr ),
-         Status::notMine );
-      if ( op != Op::read ) {
-         EXPECT_EQ( perform( "House::Room", room.get(), "name", op ), Status::unsupported );
-      }
-      if ( op != Op::call ) {
-         EXPECT_EQ( perform( "House::Room", room.get(), "kind", op ), Status::unsupported );
-      }
-   }
-}
-
 TEST( WeftRegistry, SetsAnAttributeWithArgumentsAndDeletesIt ) {
    auto const room = Room::RoomIs( "a" );
    U64 id = 4;

@@ -75,6 +75,50 @@ std::string AnySlot::text() const {
       *builtIn_ );
 }
 
+void* objectIn( Weft::TypeInfo const& type, AnySlot const& slot ) {
+   if ( type.kind() == Weft::TypeKind::value ) {
+      return slot.get();
+   }
+   auto const node = WeftCorvo::nodeIn( type, slot.get() );
+   return node ? WeftCorvo::objectAs( type, *node ) : nullptr;
+}
+
+std::vector<void*> pointersTo( std::vector<AnySlot> const& slots ) {
+   std::vector<void*> pointers;
+   for ( AnySlot const& slot : slots ) {
+      pointers.push_back( slot.get() );
+   }
+   return pointers;
+}
+
+std::vector<Weft::Op> supportedBy( Weft::Attribute const& attribute ) {
+   using Weft::AttributeKind;
+   using Weft::Op;
+   switch ( attribute.kind() ) {
+   case AttributeKind::hidden:
+   case AttributeKind::opHidden:
+      return {};
+   case AttributeKind::state:
+      return attribute.arguments().empty() ? std::vector{ Op::read, Op::write }
+                                           : std::vector{ Op::read, Op::write, Op::del };
+   case AttributeKind::op:
+   case AttributeKind::opConst:
+   case AttributeKind::opStatic:
+      return { Op::call };
+   case AttributeKind::collection:
+      return { Op::read, Op::write, Op::del, Op::count, Op::capacity, Op::contains };
+   default:
+      return { Op::read };
+   }
+}
+
+AnySlot resultOf( Weft::Attribute const& attribute, Weft::Op op ) {
+   if ( attribute.kind() == Weft::AttributeKind::collection && op > Weft::Op::del ) {
+      return AnySlot::ofType( op == Weft::Op::contains ? "bool" : "U32" );
+   }
+   return AnySlot::ofType( attribute.typeName() );
+}
+
 // ------------------------------------------------------------------------- Sampler
 
 namespace {
@@ -194,12 +238,16 @@ std::vector<AnySlot> Sampler::slots( std::span<Weft::Argument const> arguments )
    return samples;
 }
 
-std::vector<void*> pointersTo( std::vector<AnySlot> const& slots ) {
-   std::vector<void*> pointers;
-   for ( AnySlot const& slot : slots ) {
-      pointers.push_back( slot.get() );
+std::vector<AnySlot> Sampler::argumentsOf( Weft::Attribute const& attribute, Weft::Op op ) {
+   auto arguments = slots( attribute.arguments() );
+   if ( op == Weft::Op::write && arguments.empty() ) {
+      arguments.push_back( slot( attribute.typeName(), attribute.name() ) );
    }
-   return pointers;
+   return arguments;
+}
+
+AnySlot Sampler::keyOf( Weft::Attribute const& attribute ) {
+   return slot( attribute.keyTypeName().empty() ? "bool" : attribute.keyTypeName() );
 }
 
 // ------------------------------------------------------------------------- the pool

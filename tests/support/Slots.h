@@ -57,6 +57,16 @@ class AnySlot {
    std::unique_ptr<std::byte, Destroy> described_;
 };
 
+/// The object in a slot as attributeOp wants it; null for a null pointer. It lives with the slot.
+void* objectIn( Weft::TypeInfo const& type, AnySlot const& slot );
+/// Pointers to slots, as the registry takes arguments.
+std::vector<void*> pointersTo( std::vector<AnySlot> const& slots );
+
+/// The operations that an attribute supports, by its kind.
+std::vector<Weft::Op> supportedBy( Weft::Attribute const& attribute );
+/// Room for what an operation on the attribute yields.
+AnySlot resultOf( Weft::Attribute const& attribute, Weft::Op op );
+
 /// Draws samples under a fixed seed: values and lengths small enough for keys to meet again and for
 /// tables to fill up, and objects out of a pool, which takes in what is kept. Contract failures have to
 /// raise (support/Contract.h).
@@ -80,6 +90,10 @@ class Sampler {
    AnySlot slot( std::string_view typeName, std::string_view name = {} );
    /// One sample for each argument.
    std::vector<AnySlot> slots( std::span<Weft::Argument const> arguments );
+   /// What an operation on the attribute takes; a value to write where it has no arguments.
+   std::vector<AnySlot> argumentsOf( Weft::Attribute const& attribute, Weft::Op op );
+   /// A key of a collection; of other attributes, something that nobody looks at.
+   AnySlot keyOf( Weft::Attribute const& attribute );
    /// An object of the type out of the pool; null when there is none.
    Corvo::Ptr<Corvo::Node> object( Weft::TypeInfo const& type );
    /// Takes an object into the pool, in the place of another when the pool is large; chunks that are
@@ -103,8 +117,5 @@ class Sampler {
    std::unique_ptr<Buffer> local_ = std::make_unique<Buffer>();
    std::vector<Corvo::Ptr<Corvo::Node>> pool_;
 };
-
-/// Pointers to slots, as the registry takes arguments.
-std::vector<void*> pointersTo( std::vector<AnySlot> const& slots );
 
 } // namespace TestSupport
