@@ -131,7 +131,9 @@ std::string sharedName() {
 
 } // namespace
 
-Sampler::Sampler( U32 seed ) : random_( seed ) {}
+Sampler::Sampler( U32 seed ) : random_( seed ) {
+   fillPool();
+}
 
 Sampler::~Sampler() {
    ::shm_unlink( sharedName().c_str() );
@@ -253,9 +255,6 @@ AnySlot Sampler::keyOf( Weft::Attribute const& attribute ) {
 // ------------------------------------------------------------------------- the pool
 
 Corvo::Ptr<Corvo::Node> Sampler::object( Weft::TypeInfo const& type ) {
-   if ( pool_.empty() ) {
-      fillPool();
-   }
    U32 const first = below( static_cast<U32>( pool_.size() ) );
    for ( U32 i = 0; i < pool_.size(); ++i ) {
       auto const& object = pool_[ ( first + i ) % pool_.size() ];
