@@ -137,7 +137,7 @@ class Fuzz {
                         nullptr,
                         second );
       type.viewAs( anyType(), value.get() );
-      type.hash( copy.get() );
+      type.hash( sampler_.oneIn( 10 ) ? nullptr : copy.get() );
    }
 
    void walk() {

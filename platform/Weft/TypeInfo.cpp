@@ -179,6 +179,16 @@ std::unique_ptr<CollectionIterator> TypeInfo::collectionIterator( void* object,
    return attribute->access_->iterator( object, startKey );
 }
 
+void TypeInfo::copy( void* target, void const* source ) const {
+   checkObject( target );
+   methods().copy( target, source );
+}
+
+U32 TypeInfo::hash( void const* slot ) const {
+   checkObject( slot );
+   return methods().hash( slot );
+}
+
 std::string TypeInfo::stringForm( void const* slot ) const {
    std::string text;
    appendStringForm( text, slot );

@@ -136,12 +136,12 @@ class [[gnu::visibility( "default" )]] TypeInfo {
 
    /// Builds a copy of the slot `source`; the default value, or a null Corvo::Ptr, when it is null.
    /// TypeException when there is no default value.
-   void copy( void* target, void const* source ) const { parts_.methods->copy( target, source ); }
+   void copy( void* target, void const* source ) const;
    void destroy( void* slot ) const { parts_.methods->destroy( slot ); }
 
    bool hashable() const { return parts_.methods->hashable(); }
    /// Equal values hash alike; entities by identity. UnhashableError when not hashable().
-   U32 hash( void const* slot ) const { return parts_.methods->hash( slot ); }
+   U32 hash( void const* slot ) const;
 
    /// The type's name and every stored attribute with its name, inherited ones first:
    ///
