@@ -36,6 +36,8 @@ namespace {
 
 void describe( Weft::TypeList& types ) {
    WeftCorvo::entityType<DirectShadowTable, ManagedTableBase>( types, "Tessel::DirectShadowTable" )
+      .doc( "A direct-indexed table: a name and a geometry, without entries and without shadow "
+            "memory." )
       .creator( &DirectShadowTable::DirectShadowTableIs,
                 "tableName",
                 "tableHelper",

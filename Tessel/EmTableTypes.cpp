@@ -89,11 +89,16 @@ using CountWalk = ChipCursor<EmShadowTable,
 
 void describeValues( Weft::TypeList& types ) {
    WeftCorvo::valueType<EmTableIndex>( types, "Tessel::EmTableIndex" )
+      .doc( "The number of a slot, or none." )
       .constructor<U32>( "value" )
       .constant( "value", &EmTableIndex::value )
+      .doc( "The slot; 0xffffffff for none." )
       .fixedValue( "invalid", U32{ EmTableIndex::invalid } )
-      .opConst( "valid", &EmTableIndex::valid );
+      .doc( "The value that means no slot." )
+      .opConst( "valid", &EmTableIndex::valid )
+      .doc( "Whether it names a slot." );
    WeftCorvo::entityType<EmTableFapIndices>( types, "Tessel::EmTableFapIndices" )
+      .doc( "The slots of one key, by chip." )
       .creator( &EmTableFapIndices::EmTableFapIndicesIs )
       .collection( "index",
                    &EmTableFapIndices::index,
@@ -104,13 +109,19 @@ void describeValues( Weft::TypeList& types ) {
                    &EmTableFapIndices::indexHas,
                    []( EmTableFapIndices const& indices, Brine::ChipId const* chip ) {
                       return SlotWalk( indices, chip );
-                   } );
+                   } )
+      .doc( "The slot on each chip." );
    WeftCorvo::valueType<EmTableEntry>( types, "Tessel::EmTableEntry" )
+      .doc( "One entry, in the memory of the process." )
       .constructor<bool, Brine::ChipId, EntryKey, EntryResult>( "valid", "chipId", "key", "result" )
       .state( "valid", &EmTableEntry::valid, &EmTableEntry::validIs )
+      .doc( "Whether it holds an entry." )
       .state( "chipId", &EmTableEntry::chipId, &EmTableEntry::chipIdIs )
+      .doc( "Its chip." )
       .state( "key", &EmTableEntry::key, &EmTableEntry::keyIs )
+      .doc( "Its key." )
       .state( "result", &EmTableEntry::result, &EmTableEntry::resultIs )
+      .doc( "Its result." )
       .unhashable();
 }
 
@@ -118,28 +129,38 @@ void describeReadSide( Weft::TypeList& types ) {
    using Iterator = EmShadowTableIteratorConst;
    WeftCorvo::valueType<Iterator, ManagedTableIteratorConst>( types,
                                                               "Tessel::EmShadowTableIteratorConst" )
+      .doc( "A cursor over the entries of one exact-match table, in slot order." )
       .constructor<Corvo::Ptr<ManagedTableBase const>>( "table" )
       .state( "emTable", &Iterator::emTable, &Iterator::emTableIs )
+      .doc( "The table that it walks, as an exact-match table." )
       .state( "currentIndex", &Iterator::currentIndex, &Iterator::currentIndexIs )
+      .doc( "The slot on which it stands." )
       .state( "currentEntry", &Iterator::currentEntry, &Iterator::currentEntryIs )
+      .doc( "The entry on which it stands." )
       .op( "handleInitialized", &Iterator::handleInitialized )
+      .doc( "The last step of construction: goes to the next entry." )
       .unhashable();
    using Reader = EmShadowTableReader;
    WeftCorvo::entityType<Reader, ManagedTableReader>( types, "Tessel::EmShadowTableReader" )
+      .doc( "Looks entries up in an exact-match table and checks every image before it trusts it." )
       .creator( &Reader::EmShadowTableReaderIs, "table" )
       .hidden<Corvo::Ptr<EmShadowTable const>>( "emShadowTable" )
       .hiddenOp( "readByIndex", &Reader::readByIndex, "chipId", "key" )
       .hiddenOp( "entryValid", &Reader::entryValid, "entry", "chipId", "key" )
-      .op( "handleInitialized", &Reader::handleInitialized );
+      .op( "handleInitialized", &Reader::handleInitialized )
+      .doc( "The last step of construction." );
 }
 
 void describeTable( Weft::TypeList& types ) {
    using Table = EmShadowTable;
    WeftCorvo::entityType<Table, ManagedTableBase>( types, "Tessel::EmShadowTable" )
+      .doc( "An exact-match table: (chip, key) to result, in images that outlive the process." )
       .creator( &Table::EmShadowTableIs, "tableName", "tableHelper", "vellumChunk", "vellumOffset" )
+      .lengthy()
       .hiddenOp(
          "writeToShadowMemory", &Table::writeToShadowMemory, "index", "chipId", "key", "result" )
       .op( "cleanupIndex", &Table::cleanupIndex, "index" )
+      .doc( "Wipes the image in a slot and frees the slot." )
       .hiddenOp( "entryLengthBytes", &Table::entryLengthBytes )
       .collection( "keyToIndexList",
                    &Table::keyToIndexList,
@@ -152,6 +173,7 @@ void describeTable( Weft::TypeList& types ) {
                       return key ? table.keyToIndexListCursor( *key )
                                  : table.keyToIndexListCursor();
                    } )
+      .doc( "The slots of each key, by chip." )
       .stateWithArguments( "freeIndexBmp",
                            &Table::freeIndexBmp,
                            &Table::freeIndexBmpIs,
@@ -159,7 +181,9 @@ void describeTable( Weft::TypeList& types ) {
                            "id",
                            "size",
                            "initialBitState" )
+      .doc( "The free slots: a set bit each." )
       .state( "numUsedEntries", &Table::numUsedEntries, &Table::numUsedEntriesIs )
+      .doc( "Slots in use." )
       .collection(
          "numUsedEntriesByChipId",
          &Table::numUsedEntriesByChipId,
@@ -169,6 +193,7 @@ void describeTable( Weft::TypeList& types ) {
          []( Table const& ) { return ChipCounts::capacity; },
          &Table::numUsedEntriesByChipIdHas,
          []( Table const& table, Brine::ChipId const* chip ) { return CountWalk( table, chip ); } )
+      .doc( "Slots in use, by chip." )
       .hiddenOp( "markIndexUsed", &Table::markIndexUsed, "index" )
       .hiddenOp( "alloc", &Table::alloc )
       .hiddenOp( "free", &Table::free, "index" )
@@ -176,11 +201,15 @@ void describeTable( Weft::TypeList& types ) {
       .hiddenOp( "updateTableIndex", &Table::updateTableIndex, "chipId", "key", "index" )
       .hiddenOp( "deleteTableIndex", &Table::deleteTableIndex, "chipId", "key" )
       .op( "reconcile", &Table::reconcile )
+      .doc( "Takes over the entries that the images hold and the bookkeeping does not." )
+      .lengthy()
       .hiddenOp(
          "writeToVellumMemory", &Table::writeToVellumMemory, "index", "chipId", "key", "result" )
       .hiddenOp( "invalidateVellumMemory", &Table::invalidateVellumMemory, "index" )
       .hiddenOp( "readFromVellumMemory", &Table::readFromVellumMemory, "index" )
-      .op( "handleInitialized", &Table::handleInitialized );
+      .op( "handleInitialized", &Table::handleInitialized )
+      .doc( "The last step of construction: free slots, and the entries found in the range." )
+      .lengthy();
 }
 
 void describe( Weft::TypeList& types ) {

@@ -342,72 +342,123 @@ namespace {
 void describeIterator( Weft::TypeList& types ) {
    using Iterator = ManagedTableIteratorConst;
    WeftCorvo::valueType<Iterator>( types, "Tessel::ManagedTableIteratorConst" )
+      .doc( "A cursor over the entries of one table, in slot order; it keeps the table alive." )
       .constructor<Corvo::Ptr<ManagedTableBase const>>( "table" )
       .constant( "table", &Iterator::table )
+      .doc( "The table that it walks." )
       .readOnly( "done", &Iterator::done )
+      .doc( "Whether the walk has passed the last entry." )
       .opConst( "chipId", &Iterator::chipId )
+      .doc( "The chip of the current entry." )
       .opConst( "key", &Iterator::key, "keyBuf" )
+      .doc( "Writes the current key to memory." )
       .opConst( "result", &Iterator::result, "resultBuf" )
+      .doc( "Writes the current result to memory." )
       .op( "doInc", &Iterator::doInc )
+      .doc( "Goes to the next entry; does nothing once done." )
       .opConst( "key_py", &Iterator::key_py )
+      .doc( "The key of the current entry; empty once done." )
       .opConst( "result_py", &Iterator::result_py )
+      .doc( "The result of the current entry; empty once done." )
       .unhashable();
 }
 
 void describeReader( Weft::TypeList& types ) {
    using Reader = ManagedTableReader;
    WeftCorvo::entityType<Reader>( types, "Tessel::ManagedTableReader" )
+      .doc( "A read-only view on one table, which it keeps alive." )
       .constructorArguments<Corvo::Ptr<ManagedTableBase const>>( "table" )
       .constant( "table", &Reader::table )
+      .doc( "The table that it reads." )
       .opConst( "entryHas", &Reader::entryHas, "chipId", "key" )
+      .doc( "entryHas_py, with the key in memory." )
       .opConst( "entry", &Reader::entry, "chipId", "key", "result" )
+      .doc( "entry_py, with key and result in memory." )
       .opConst( "entryHas_py", &Reader::entryHas_py, "chipId", "key" )
-      .opConst( "entry_py", &Reader::entry_py, "chipId", "key" );
+      .doc( "Whether the table holds an entry for this chip and key." )
+      .opConst( "entry_py", &Reader::entry_py, "chipId", "key" )
+      .doc( "The result for this chip and key; empty when there is no such entry." );
 }
 
 void describeTable( Weft::TypeList& types ) {
    using Table = ManagedTableBase;
    WeftCorvo::entityType<Table>( types, "Tessel::ManagedTableBase" )
+      .doc(
+         "What all shadow tables share: name, geometry, place in shadow memory, and operations." )
       .constructorArguments<Corvo::String,
                             Corvo::Ptr<TableHelper const>,
                             Corvo::Ptr<Vellum::VellumChunk>,
                             U32>( "tableName", "tableHelper", "vellumChunk", "vellumOffset" )
       .constant( "tableName", &Table::tableName )
+      .doc( "Its name." )
       .constant( "tableHelper", &Table::tableHelper )
+      .doc( "Its geometry." )
       .constant( "vellumChunk", &Table::vellumChunk )
+      .doc( "The chunk that holds its range." )
       .constant( "vellumOffset", &Table::vellumOffset )
+      .doc( "Where its range begins in the chunk, in bytes." )
       .state( "buf", &Table::buf, &Table::bufIs )
+      .doc( "Memory that stands in for the chunk before all else." )
       .state( "useLocalMem", &Table::useLocalMem, &Table::useLocalMemIs )
+      .doc( "Whether localBuf stands in for the chunk." )
       .state( "localOffset", &Table::localOffset, &Table::localOffsetIs )
+      .doc( "Where its range begins in localBuf, in bytes." )
       .state( "localBuf", &Table::localBuf, &Table::localBufIs )
+      .doc( "Memory of somebody else that may stand in for the chunk." )
       .opConst( "isFull", &Table::isFull )
+      .doc( "Whether no further entry can be added." )
       .opConst( "tableShadowSize", &Table::tableShadowSize )
+      .doc( "Bytes of shadow memory that its range occupies." )
       .op( "entryIs", &Table::entryIs, "chipId", "key", "result" )
+      .doc( "entryIs_py, with key and result in memory." )
       .op( "entryDel", &Table::entryDel, "chipId", "key" )
+      .doc( "entryDel_py, with the key in memory." )
       .opConst( "entryHas", &Table::entryHas, "chipId", "key" )
+      .doc( "entryHas_py, with the key in memory." )
       .opConst( "entry", &Table::entry, "chipId", "key", "result" )
+      .doc( "entry_py, with key and result in memory." )
       .opConst( "managedTableIteratorConst", &Table::managedTableIteratorConst )
+      .doc( "An iterator on the first entry, or done." )
       .op( "deleteAll", &Table::deleteAll, "chipId" )
+      .doc( "Removes every entry of a chip." )
+      .lengthy()
       .op( "clearTable", &Table::clearTable )
+      .doc( "Removes every entry." )
+      .lengthy()
       .op( "entryIs_py", &Table::entryIs_py, "chipId", "key", "value" )
+      .doc( "Adds an entry or replaces its result; False, nothing changed, when there is no room." )
       .op( "entryDel_py", &Table::entryDel_py, "chipId", "key" )
+      .doc( "Removes the entry for this chip and key, if there is one." )
       .opConst( "entryHas_py", &Table::entryHas_py, "chipId", "key" )
+      .doc( "Whether there is an entry for this chip and key." )
       .opConst( "entry_py", &Table::entry_py, "chipId", "key" )
+      .doc( "The result for this chip and key; empty when there is no such entry." )
       .op( "doWriteVellum", &Table::doWriteVellum, "offset", "data", "size" )
+      .doc( "Copies bytes from memory to the table's range." )
       .opConst( "doReadVellum", &Table::doReadVellum, "offset", "data", "size" )
+      .doc( "Copies bytes of the table's range to memory." )
       .op( "doWriteVellum64", &Table::doWriteVellum64, "offset", "data" )
+      .doc( "Writes 8 bytes, little-endian, at an offset of the table's range." )
       .opConst( "doReadVellum64", &Table::doReadVellum64, "offset" )
+      .doc( "Reads 8 bytes, little-endian, at an offset of the table's range." )
       .op( "doWriteVellum32", &Table::doWriteVellum32, "offset", "data" )
+      .doc( "Writes 4 bytes, little-endian, at an offset of the table's range." )
       .opConst( "doReadVellum32", &Table::doReadVellum32, "offset" )
+      .doc( "Reads 4 bytes, little-endian, at an offset of the table's range." )
       .op( "doWriteVellum16", &Table::doWriteVellum16, "offset", "data" )
-      .opConst( "doReadVellum16", &Table::doReadVellum16, "offset" );
+      .doc( "Writes 2 bytes, little-endian, at an offset of the table's range." )
+      .opConst( "doReadVellum16", &Table::doReadVellum16, "offset" )
+      .doc( "Reads 2 bytes, little-endian, at an offset of the table's range." );
 }
 
 void describe( Weft::TypeList& types ) {
    WeftCorvo::entityType<LocalMem>( types, "Tessel::LocalMem" )
+      .doc( "Memory of somebody else that stands in for shadow memory." )
       .constructorArguments<Weft::BytePtr, U32>( "ptr", "size" )
       .constant( "ptr", &LocalMem::ptr )
-      .constant( "size", &LocalMem::size );
+      .doc( "Its first byte." )
+      .constant( "size", &LocalMem::size )
+      .doc( "In bytes." );
    describeIterator( types );
    describeReader( types );
    describeTable( types );

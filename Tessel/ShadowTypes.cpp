@@ -24,16 +24,19 @@ std::ostream& operator<<( std::ostream& stream, EntryResult const& result ) {
 namespace {
 
 template<class Value>
-void describeByteString( Weft::TypeList& types, std::string_view name ) {
+void describeByteString( Weft::TypeList& types, std::string_view name, std::string_view doc ) {
    WeftCorvo::valueType<Value>( types, name )
+      .doc( doc )
       .template constructor<Corvo::Bytes>( "bytes" )
       .constant( "bytes", &Value::bytes )
-      .opConst( "hash", &Value::hash );
+      .doc( "Its bytes." )
+      .opConst( "hash", &Value::hash )
+      .doc( "32 bits over the bytes." );
 }
 
 void describe( Weft::TypeList& types ) {
-   describeByteString<EntryKey>( types, "Tessel::EntryKey" );
-   describeByteString<EntryResult>( types, "Tessel::EntryResult" );
+   describeByteString<EntryKey>( types, "Tessel::EntryKey", "The key of an entry." );
+   describeByteString<EntryResult>( types, "Tessel::EntryResult", "What a key is mapped to." );
 }
 
 } // namespace

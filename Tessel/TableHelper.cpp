@@ -60,16 +60,23 @@ namespace {
 
 void describe( Weft::TypeList& types ) {
    WeftCorvo::entityType<TableHelper>( types, "Tessel::TableHelper" )
+      .doc( "The geometry of a table; it never changes." )
       .creator( &TableHelper::TableHelperIs, "numEntries", "keyLengthBytes", "resultLengthBytes" )
       .constant( "numEntries", &TableHelper::numEntries )
+      .doc( "Slots." )
       .constant( "keyLengthBytes", &TableHelper::keyLengthBytes )
-      .constant( "resultLengthBytes", &TableHelper::resultLengthBytes );
+      .doc( "Bytes of every key." )
+      .constant( "resultLengthBytes", &TableHelper::resultLengthBytes )
+      .doc( "Bytes of every result." );
    WeftCorvo::entityType<DirectTableHelper, TableHelper>( types, "Tessel::DirectTableHelper" )
+      .doc( "The geometry of a direct-indexed table." )
       .creator( &DirectTableHelper::DirectTableHelperIs,
                 "numEntries",
                 "keyLengthBytes",
                 "resultLengthBytes" );
    WeftCorvo::entityType<EmTableHelper, TableHelper>( types, "Tessel::EmTableHelper" )
+      .doc(
+         "The geometry of an exact-match table: keys of at most 20 bytes, results of at most 12." )
       .creator(
          &EmTableHelper::EmTableHelperIs, "numEntries", "keyLengthBytes", "resultLengthBytes" );
 }

@@ -245,23 +245,42 @@ namespace {
 void describe( Weft::TypeList& types ) {
    using Manager = TableManager;
    WeftCorvo::entityType<Manager>( types, "Tessel::TableManager" )
+      .doc( "Owns the tables of one agent and gives each its range of the chunk, one after the "
+            "other." )
       .creator( &Manager::TableManagerIs, "agentName", "vellumChunk", "startOffset", "allowedSize" )
+      .lengthy()
       .constant( "agentName", &Manager::agentName )
+      .doc( "Its name." )
       .readOnly( "vellumChunk", &Manager::vellumChunk )
+      .doc( "The chunk that its tables share." )
       .readOnly( "startOffset", &Manager::startOffset )
+      .doc( "Where its part of the chunk begins, in bytes." )
       .readOnly( "allowedSize", &Manager::allowedSize )
+      .doc( "Bytes of the chunk that it may use." )
       .hidden<U32>( "currentOffset" )
       .opConst( "endOffset", &Manager::endOffset )
+      .doc( "Where its part of the chunk ends, in bytes." )
       .op( "setVellum", &Manager::setVellum, "chunk", "startingOffset", "allowedSize" )
+      .doc( "Hands over the chunk, when there is none yet, and the range." )
       .op( "manageDirectShadow", &Manager::manageDirectShadow, "tableName", "tableHelper" )
+      .doc( "The direct-indexed table of this name; makes it when there is none." )
+      .lengthy()
       .op( "manageEmShadow", &Manager::manageEmShadow, "tableName", "emTableHelper" )
+      .doc( "The exact-match table of this name; makes it, with the entries found in its range, "
+            "when there is none." )
+      .lengthy()
       .op( "deleteAll", &Manager::deleteAll, "chipId" )
+      .doc( "Removes every entry of a chip from every table." )
+      .lengthy()
       .op( "clearTable", &Manager::clearTable, "tableName" )
+      .doc( "Removes every entry of the table of this name." )
+      .lengthy()
       .collection( "managedTable",
                    &Manager::managedTable,
                    &Manager::managedTableIs,
                    &Manager::managedTableDel,
-                   &Manager::managedTables );
+                   &Manager::managedTables )
+      .doc( "Its tables, by name." );
 }
 
 } // namespace

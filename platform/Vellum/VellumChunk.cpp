@@ -2,6 +2,7 @@
 #include "Vellum/VellumChunk.h"
 
 #include "Weft/Contract.h"
+#include "Weft/NamedSystemError.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,7 +10,6 @@
 #include <limits>
 #include <new>
 #include <span>
-#include <system_error>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -28,7 +28,8 @@ constexpr Weft::SassertHelper sassert{ "VellumChunk" };
 constexpr mode_t ownerOnly = S_IRUSR | S_IWUSR;
 
 [[noreturn]] void refuse( std::error_code cause, Corvo::String const& name, std::string_view why ) {
-   throw std::system_error( cause, "shared memory \"" + name + "\" " + std::string( why ) );
+   throw Weft::NamedSystemError(
+      cause, name, "shared memory \"" + name + "\" " + std::string( why ) );
 }
 
 [[noreturn]] void refuse( std::errc cause, Corvo::String const& name, std::string_view why ) {

@@ -19,13 +19,27 @@ bool readOnly( VellumChunk const& chunk ) {
 
 void describe( Weft::TypeList& types ) {
    WeftCorvo::entityType<VellumChunk>( types, "Vellum::VellumChunk" )
+      .doc( "A bounded block of bytes that other processes may map too." )
+      .lengthy()
       .constant( "name", &VellumChunk::name )
+      .doc( "Its name with the slash; empty for memory private to the process." )
       .constant( "size", &VellumChunk::size )
+      .doc( "In bytes." )
       .constant( "readOnly", &readOnly )
+      .doc( "Whether it was opened for reading alone." )
       .opStatic( "inProcess", &VellumChunk::inProcess, "size" )
+      .doc( "Zero bytes, private to the process." )
+      .lengthy()
       .opStatic( "create", &VellumChunk::create, "name", "size" )
-      .opStatic( "open", &open, "name", "readOnly" )
-      .opStatic( "remove", &VellumChunk::remove, "name" );
+      .doc( "New shared memory of zero bytes under a name that does not exist yet, for its owner "
+            "alone." )
+      .lengthy()
+      .opStatic( "open", &open, "name", WeftCorvo::byDefault( "readOnly", false ) )
+      .doc( "Maps existing shared memory." )
+      .lengthy()
+      .opStatic( "remove", &VellumChunk::remove, "name" )
+      .doc( "Removes a name; processes that have the memory mapped keep it." )
+      .lengthy();
 }
 
 } // namespace

@@ -85,16 +85,22 @@ class [[gnu::visibility( "default" )]] Argument {
  public:
    /// `name` is not copied: pass a literal.
    Argument( std::string_view name, TypeReference const& type ) : name_( name ), type_( type ) {}
+   /// One that callers by name may leave out; `slot` is a slot of the argument's type.
+   Argument( std::string_view name, TypeReference const& type, std::shared_ptr<void const> slot )
+         : name_( name ), type_( type ), defaultSlot_( std::move( slot ) ) {}
 
    std::string_view name() const { return name_; }
    /// "U32", "Weft::Bytes", "Brine::ChipId".
    std::string_view typeName() const { return type_.name(); }
    /// Null for a built-in type.
    TypeInfo const* type() const { return type_.type(); }
+   /// The slot to pass for an argument that a caller leaves out; null when it has to be given.
+   void const* defaultSlot() const { return defaultSlot_.get(); }
 
  private:
    std::string_view name_;
    TypeReference type_;
+   std::shared_ptr<void const> defaultSlot_;
 };
 
 /// A walk over one collection of one object. It keeps an entity object alive, and tolerates changes
@@ -158,6 +164,14 @@ class [[gnu::visibility( "default" )]] Attribute {
    std::span<Argument const> arguments() const { return arguments_; }
    TypeInfo const& owner() const { return *owner_; }
 
+   /// What it is or does, in one line for people; empty when its description says nothing.
+   std::string_view doc() const { return doc_; }
+   void docIs( std::string_view line ) { doc_ = line; } ///< not copied: a literal
+   /// An operation whose time grows with a table, or that waits for the system: a host that runs
+   /// other things meanwhile had better do so.
+   bool lengthy() const { return lengthy_; }
+   void lengthyIs() { lengthy_ = true; }
+
    bool hidden() const { return access_ == nullptr; }
    /// Whether Op::write is supported.
    bool writable() const {
@@ -179,6 +193,8 @@ class [[gnu::visibility( "default" )]] Attribute {
    std::vector<Argument> arguments_;
    std::unique_ptr<AttributeAccess const> access_;
    TypeInfo const* owner_ = nullptr;
+   std::string_view doc_;
+   bool lengthy_ = false;
 };
 
 } // namespace Weft

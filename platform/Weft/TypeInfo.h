@@ -27,6 +27,7 @@
 /// Threads: descriptions are immutable and may be used on any thread at once. What is done with an
 /// object follows the object's own rules.
 
+#include "Weft/AllocTrackTypeInfo.h"
 #include "Weft/Attribute.h"
 #include "Weft/CharRange.h"
 #include "Weft/Module.h"
@@ -61,6 +62,8 @@ class [[gnu::visibility( "default" )]] TypeMethods {
    virtual void parse( void* target, CharRange text ) const = 0;
    /// An operation on a whole value.
    virtual Status perform( bool* result, void const* object, Op op, void const* other ) const = 0;
+   virtual bool plain() const = 0;
+   virtual AllocTrackTypeInfo const* allocationTracker() const = 0;
    /// The same object as one of its base type.
    virtual void* asBase( void* object ) const = 0;
 };
@@ -75,6 +78,8 @@ struct TypeParts {
    /// Empty when the type cannot be constructed.
    std::function<void( void* target, void* const* arguments )> construct{};
    std::vector<Attribute> attributes{};
+   std::string_view doc{}; ///< not copied: a literal
+   bool lengthy = false;
    std::unique_ptr<TypeMethods const> methods{};
 };
 
@@ -108,6 +113,10 @@ class [[gnu::visibility( "default" )]] TypeInfo {
    std::span<Argument const> constructorArguments() const { return parts_.constructorArguments; }
    /// False for abstract types and others that only list their constructor.
    bool constructible() const { return static_cast<bool>( parts_.construct ); }
+   /// As Attribute::lengthy, of the making and the end of an object.
+   bool lengthy() const { return parts_.lengthy; }
+   /// What its objects are, in one line for people; empty when its description says nothing.
+   std::string_view doc() const { return parts_.doc; }
    /// Builds a value, or a Corvo::Ptr to a new object, from one pointer to a slot per constructor
    /// argument. TypeException when the type is not constructible. What the constructor throws is
    /// passed on; then nothing is built.
@@ -155,6 +164,13 @@ class [[gnu::visibility( "default" )]] TypeInfo {
    /// names an object that is not there or of another type, or has characters left over.
    void fromStringForm( void* target, std::string_view text ) const;
    void fromStringForm( void* target, CharRange text ) const;
+
+   /// Whether the type is a name for a single slot: its string form is the bare form of its one
+   /// constructor argument, which an attribute of the same name reads. Scripts say 3, not chip 3.
+   bool plain() const { return parts_.methods->plain(); }
+
+   /// Counts the type's objects; null for value types, and for types without a counter.
+   AllocTrackTypeInfo const* allocationTracker() const { return methods().allocationTracker(); }
 
    /// The object as one of `wanted`, the type itself or one of its bases. TypeException when it is
    /// neither.

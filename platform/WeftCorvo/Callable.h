@@ -9,6 +9,7 @@
 #include "WeftCorvo/Slots.h"
 
 #include <functional>
+#include <memory>
 #include <utility>
 
 namespace WeftCorvo {
@@ -87,13 +88,37 @@ decltype( auto ) callWith( Types<A...>,
    }( std::index_sequence_for<A...>() );
 }
 
+/// An argument that callers by name may leave out. Made by byDefault.
+template<class Value>
+struct OptionalArgument {
+   std::string_view name;
+   Value value;
+};
+
+/// In the place of an argument's name: .opStatic( "open", &open, "name", byDefault( "mode", 0U ) )
+template<class Value>
+OptionalArgument<Value> byDefault( std::string_view name, Value value ) {
+   return { name, std::move( value ) };
+}
+
+template<class A>
+Weft::Argument namedArgument( std::string_view name ) {
+   return { name, typeReference<A>() };
+}
+template<class A, class Value>
+Weft::Argument namedArgument( OptionalArgument<Value> const& argument ) {
+   return { argument.name,
+            typeReference<A>(),
+            std::make_shared<SlotOf<A> const>( SlotTraits<Value>::toSlot( argument.value ) ) };
+}
+
 /// Names and types of arguments. There is one name for each type.
 template<class... A, class... Names>
 std::vector<Weft::Argument> namedArguments( Types<A...>, Names... names ) {
    static_assert( sizeof...( A ) == sizeof...( Names ), "one name for each argument" );
    std::vector<Weft::Argument> arguments;
    arguments.reserve( sizeof...( A ) );
-   ( arguments.emplace_back( names, typeReference<A>() ), ... );
+   ( arguments.push_back( namedArgument<A>( names ) ), ... );
    return arguments;
 }
 

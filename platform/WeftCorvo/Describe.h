@@ -21,7 +21,8 @@
 ///          .readOnly( "name", &Lamp::name )
 ///          .state( "colour", &Lamp::colour, &Lamp::colourIs )
 ///          .hidden<U32>( "serial" )
-///          .op( "flash", &Lamp::flash, "times" )
+///          .op( "flash", &Lamp::flash, WeftCorvo::byDefault( "times", U32{ 1 } ) )
+///          .doc( "Goes on and off." )
 ///          .hiddenOp( "reset", &Lamp::reset )
 ///          .collection( "scene", &Lamp::scene, &Lamp::sceneIs, &Lamp::sceneDel, &Lamp::scenes );
 ///    }
@@ -69,6 +70,27 @@ class TypeDescription {
 
    TypeDescription( Weft::TypeParts& parts, Methods& methods )
          : parts_( parts ), methods_( methods ) {}
+
+   // --- of the latest attribute, or of the type itself as long as it has none ---
+
+   /// What it is or does, in one line for people who read help texts.
+   TypeDescription& doc( std::string_view line ) {
+      if ( parts_.attributes.empty() ) {
+         parts_.doc = line;
+      } else {
+         parts_.attributes.back().docIs( line );
+      }
+      return *this;
+   }
+   /// Its call, or the making and the end of an object, may take long (Weft/Attribute.h).
+   TypeDescription& lengthy() {
+      if ( parts_.attributes.empty() ) {
+         parts_.lengthy = true;
+      } else {
+         parts_.attributes.back().lengthyIs();
+      }
+      return *this;
+   }
 
    // --- construction ---
 

@@ -134,6 +134,8 @@ class ValueMethods final : public Weft::TypeMethods {
       return Weft::Status::unsupported;
    }
 
+   bool plain() const override { return static_cast<bool>( print_ ); }
+   Weft::AllocTrackTypeInfo const* allocationTracker() const override { return nullptr; }
    void* asBase( void* object ) const override {
       if constexpr ( std::is_void_v<Base> ) {
          return object;
@@ -158,6 +160,7 @@ class [[gnu::visibility( "default" )]] EntityMethods : public Weft::TypeMethods 
    /// The object as an object of the type; null when it is of another type.
    virtual void* object( Corvo::Node* node ) const = 0;
 
+   bool plain() const final { return false; }
    bool hashable() const final;
    U32 hash( void const* slot ) const final;
    void print( Weft::TypeInfo const& type, std::string& text, void const* slot ) const final;
@@ -180,6 +183,13 @@ class PtrMethods final : public EntityMethods {
    void destroy( void* slot ) const override { std::destroy_at( static_cast<Slot*>( slot ) ); }
    void parse( void* target, Weft::CharRange text ) const override {
       std::construct_at( static_cast<Slot*>( target ), readForm<Slot>( text ) );
+   }
+   Weft::AllocTrackTypeInfo const* allocationTracker() const override {
+      if constexpr ( requires { T::memAllocationTracker_; } ) {
+         return &T::memAllocationTracker_;
+      } else {
+         return nullptr;
+      }
    }
    void* asBase( void* object ) const override {
       return static_cast<Base*>( static_cast<T*>( object ) );
