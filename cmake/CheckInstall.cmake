@@ -13,6 +13,11 @@ execute_process( COMMAND ${CMAKE_CTEST_COMMAND}
       -DTESSEL_VERSION=${VERSION}
    --test-command consumer
    COMMAND_ERROR_IS_FATAL ANY )
+if( EXISTS ${scratch}/moved/lib/python3/dist-packages/tessel )
+   execute_process( COMMAND ${CMAKE_COMMAND} -E env
+      PYTHONPATH=${scratch}/moved/lib/python3/dist-packages /usr/bin/python3 -c "import tessel"
+      COMMAND_ERROR_IS_FATAL ANY )
+endif()
 if( EXISTS ${scratch}/moved/bin/tessel )
    execute_process( COMMAND ${scratch}/moved/bin/tessel --help
       OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY )

@@ -318,8 +318,7 @@ std::string textFrom( PyObject* str ) {
 }
 
 py::object textInto( std::string_view text ) {
-   return owned( PyUnicode_DecodeUTF8(
-      text.data(), static_cast<Py_ssize_t>( text.size() ), "surrogateescape" ) );
+   return owned( decoded( text ) );
 }
 
 } // namespace TesselPython

@@ -15,22 +15,31 @@ namespace {
 
 PyObject* contractError = nullptr;
 
+/// As PyErr_SetString, for text that may hold names that are no UTF-8.
+void setError( PyObject* kind, std::string_view text ) {
+   PyObject* const message = decoded( text );
+   if ( message != nullptr ) {
+      PyErr_SetObject( kind, message );
+      Py_DECREF( message );
+   }
+}
+
 void raiseContractError( Weft::ContractFailure const& failure ) {
    auto const type = py::reinterpret_borrow<py::object>( contractError );
-   py::object const error = type( failure.what() );
-   error.attr( "condition" ) = failure.condition();
-   error.attr( "message" ) = failure.message();
-   error.attr( "module" ) = failure.module();
-   error.attr( "operation" ) = failure.operation();
+   py::object const error = type( owned( decoded( failure.what() ) ) );
+   error.attr( "condition" ) = owned( decoded( failure.condition() ) );
+   error.attr( "message" ) = owned( decoded( failure.message() ) );
+   error.attr( "module" ) = owned( decoded( failure.module() ) );
+   error.attr( "operation" ) = owned( decoded( failure.operation() ) );
    PyErr_SetObject( contractError, error.ptr() );
 }
 
 /// Python picks the kind of OSError by the number: FileExistsError and the like.
 void raiseOsError( std::system_error const& failure ) {
    auto const* const named = dynamic_cast<Weft::NamedSystemError const*>( &failure );
-   py::object const name = named ? py::cast( named->name() ) : py::none();
+   py::object const name = named ? owned( decoded( named->name() ) ) : py::none();
    py::object const error = py::reinterpret_borrow<py::object>( PyExc_OSError )(
-      failure.code().value(), failure.what(), name );
+      failure.code().value(), owned( decoded( failure.what() ) ), name );
    PyErr_SetObject( reinterpret_cast<PyObject*>( Py_TYPE( error.ptr() ) ), error.ptr() );
 }
 
@@ -42,7 +51,7 @@ void raiseWith( Raise const& raise, Failure const& failure ) {
    } catch ( py::error_already_set& another ) {
       another.restore();
    } catch ( std::exception const& ) {
-      PyErr_SetString( PyExc_RuntimeError, failure.what() );
+      setError( PyExc_RuntimeError, failure.what() );
    }
 }
 
@@ -54,13 +63,13 @@ void raiseStandard() {
    } catch ( std::system_error const& failure ) {
       raiseWith( raiseOsError, failure );
    } catch ( std::invalid_argument const& failure ) {
-      PyErr_SetString( PyExc_ValueError, failure.what() );
+      setError( PyExc_ValueError, failure.what() );
    } catch ( std::out_of_range const& failure ) {
-      PyErr_SetString( PyExc_ValueError, failure.what() );
+      setError( PyExc_ValueError, failure.what() );
    } catch ( std::length_error const& failure ) {
-      PyErr_SetString( PyExc_ValueError, failure.what() );
+      setError( PyExc_ValueError, failure.what() );
    } catch ( std::exception const& failure ) {
-      PyErr_SetString( PyExc_RuntimeError, failure.what() );
+      setError( PyExc_RuntimeError, failure.what() );
    }
 }
 
@@ -85,6 +94,11 @@ void addContractError( py::module_& module ) {
    module.attr( "ContractError" ) = owned( contractError ).inc_ref();
 }
 
+PyObject* decoded( std::string_view text ) {
+   return PyUnicode_DecodeUTF8(
+      text.data(), static_cast<Py_ssize_t>( text.size() ), "surrogateescape" );
+}
+
 void raiseInPython() {
    try {
       throw;
@@ -95,15 +109,15 @@ void raiseInPython() {
    } catch ( py::builtin_exception const& error ) {
       error.set_error();
    } catch ( Refusal const& refusal ) {
-      PyErr_SetString( refusal.kind(), refusal.what() );
+      setError( refusal.kind(), refusal.what() );
    } catch ( Weft::ContractFailure const& failure ) {
       raiseWith( raiseContractError, failure );
    } catch ( Weft::TypeException const& failure ) {
-      PyErr_SetString( PyExc_TypeError, failure.what() );
+      setError( PyExc_TypeError, failure.what() );
    } catch ( std::exception const& ) {
       raiseStandard();
    } catch ( ... ) {
-      PyErr_SetString( PyExc_RuntimeError, "an unknown C++ exception" );
+      setError( PyExc_RuntimeError, "an unknown C++ exception" );
    }
 }
 
