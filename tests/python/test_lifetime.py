@@ -56,6 +56,7 @@ def test_every_handle_is_one_reference_and_equal_to_the_others():
                 use()
             except TypeError:
                 pass
+    del value, use
     assert [sys.getrefcount(value) for value in values] == counts
 
 
