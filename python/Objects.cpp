@@ -6,6 +6,7 @@
 #include "WeftCorvo/StringForm.h"
 #include "python/Classes.h"
 #include "python/LibraryLock.h"
+#include "python/Operations.h"
 #include "python/Signature.h"
 #include "python/Texts.h"
 
@@ -24,6 +25,12 @@ PyTypeObject* theEntityBase = nullptr;
 /// Of making an object, and of ending it.
 Work workOf( Weft::TypeInfo const& type ) {
    return type.lengthy() ? Work::lengthy : Work::brief;
+}
+
+/// "size=64", as the registry reads it: the Python class may be another by now.
+std::string shown( PyObject* self, Weft::Attribute const& attribute ) {
+   py::object const value = valueOf( objectOf( self, attribute.owner() ), attribute );
+   return std::string( attribute.name() ) + "=" + textFrom( py::repr( value ).ptr() );
 }
 
 // ------------------------------------------------------------------------------------- values
@@ -131,9 +138,7 @@ PyObject* valueRepr( PyObject* self ) {
       }
       char const* separator = "(";
       for ( Weft::Argument const& argument : type.constructorArguments() ) {
-         std::string const name( argument.name() );
-         py::object const attribute = py::handle( self ).attr( name.c_str() );
-         text += separator + name + "=" + py::repr( attribute ).cast<std::string>();
+         text += separator + shown( self, *type.attribute( argument.name() ) );
          separator = ", ";
       }
       return textInto( text + ")" );
@@ -331,9 +336,7 @@ PyObject* entityRepr( PyObject* self ) {
       text.pop_back();
       for ( Weft::Attribute const* const attribute :
             tellingAttributes( *registeredType( self ) ) ) {
-         std::string const name( attribute->name() );
-         py::object const shown = py::handle( self ).attr( name.c_str() );
-         text += " " + name + "=" + py::repr( shown ).cast<std::string>();
+         text += " " + shown( self, *attribute );
       }
       return textInto( text + ">" );
    } );

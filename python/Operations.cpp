@@ -293,9 +293,7 @@ py::object valueOf( void* object, Weft::Attribute const& attribute ) {
    Layout layout;
    layout.add( converterOf( attribute ) );
    Frame frame( layout );
-   bool const isStored = attribute.printed() || attribute.kind() == Weft::AttributeKind::fixedValue;
-   performOn(
-      object, attribute, isStored ? Weft::Op::read : Weft::Op::call, frame.buildEmpty(), nullptr );
+   performOn( object, attribute, Weft::Op::read, frame.buildEmpty(), nullptr );
    return frame.object( 0 );
 }
 

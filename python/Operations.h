@@ -22,7 +22,7 @@ PyGetSetDef propertyFor( Weft::Attribute const& attribute );
 /// The value of an attribute of the type itself.
 py::object fixedValueOf( Weft::Attribute const& attribute );
 
-/// Reads or calls, whichever the attribute is for, without arguments.
+/// The value of a stored attribute.
 py::object valueOf( void* object, Weft::Attribute const& attribute );
 
 } // namespace TesselPython
