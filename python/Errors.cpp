@@ -102,8 +102,6 @@ PyObject* decoded( std::string_view text ) {
 void raiseInPython() {
    try {
       throw;
-   } catch ( abi::__forced_unwind const& ) {
-      throw; // the thread is being ended and may not be kept
    } catch ( py::error_already_set& error ) {
       error.restore();
    } catch ( py::builtin_exception const& error ) {
@@ -117,6 +115,9 @@ void raiseInPython() {
    } catch ( std::exception const& ) {
       raiseStandard();
    } catch ( ... ) {
+      if ( abi::__cxa_current_exception_type() == nullptr ) {
+         throw; // no exception: the thread is being ended and may not be kept
+      }
       setError( PyExc_RuntimeError, "an unknown C++ exception" );
    }
 }

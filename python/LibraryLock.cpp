@@ -3,7 +3,6 @@
 
 #include "Corvo/ThreadControl.h"
 
-#include <cxxabi.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -33,7 +32,7 @@ void prepareThreads() {
 InterpreterReleased::~InterpreterReleased() {
    try {
       PyEval_RestoreThread( thread_ );
-   } catch ( abi::__forced_unwind const& ) {
+   } catch ( ... ) { // the interpreter ends the thread
       for ( ;; ) {
          ::pause();
       }

@@ -254,6 +254,7 @@ py::object entityObject( PyTypeObject* pythonType,
    auto* const entity = reinterpret_cast<EntityObject*>( object.ptr() );
    entity->type = &type;
    std::construct_at( &entity->node, node );
+   entity->object = WeftCorvo::objectAs( type, *node );
    return object;
 }
 
@@ -431,10 +432,8 @@ void* objectOf( PyObject* self, Weft::TypeInfo const& owner ) {
                      std::string( Py_TYPE( self )->tp_name ) + " is not a " +
                         std::string( owner.name() ) );
    }
-   if ( ValueObject const* const value = asValue( self ) ) {
-      return type->viewAs( owner, value->memory );
-   }
-   return WeftCorvo::objectAs( owner, node( self ) );
+   ValueObject const* const value = asValue( self );
+   return type->viewAs( owner, value ? value->memory : asEntity( self )->object );
 }
 
 std::string nameOf( PyObject* object ) {

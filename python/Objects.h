@@ -28,6 +28,7 @@ struct ValueObject {
 struct EntityObject {
    PyObject_HEAD Weft::TypeInfo const* type; ///< the dynamic type, or a base of it
    Corvo::Ptr<Corvo::Node> node;             ///< null only while the object is being made
+   void* object;                             ///< the node as an object of its type
 };
 
 /// Makes the bases and adds them to the module.
