@@ -4,6 +4,7 @@
 #include "python/Objects.h"
 #include "python/Operations.h"
 #include "python/Texts.h"
+#include "python/TypeSlots.h"
 #include "python/Walk.h"
 
 #include <memory>
@@ -66,7 +67,7 @@ py::object makeClass( Weft::TypeInfo const& type, Class& made ) {
       { Py_tp_getset, made.properties.data() },
    };
    if ( walkOf( type ) ) {
-      slots.push_back( { Py_tp_iter, reinterpret_cast<void*>( iterate ) } );
+      slots.push_back( typeSlot( Py_tp_iter, iterate ) );
    }
    slots.push_back( {} );
    PyType_Spec spec{

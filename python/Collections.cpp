@@ -4,6 +4,7 @@
 #include "python/Frame.h"
 #include "python/LibraryLock.h"
 #include "python/Objects.h"
+#include "python/TypeSlots.h"
 
 #include <map>
 #include <memory>
@@ -57,7 +58,8 @@ CollectionObject const& collection( PyObject* self ) {
 }
 
 /// One operation, with the library's lock held.
-void act( PyObject* self, void* object, Op op, void* result, void const* key, void* const* value ) {
+void perform(
+   PyObject* self, void* object, Op op, void* result, void const* key, void* const* value ) {
    Weft::Attribute const& attribute = collection( self ).members->attribute;
    attribute.owner().attributeOp( result, object, &attribute, op, key, value );
 }
@@ -66,17 +68,17 @@ void* ownerObject( PyObject* self ) {
    return objectOf( collection( self ).owner, collection( self ).members->attribute.owner() );
 }
 
-U32 number( PyObject* self, Op op ) {
+U32 numberOf( PyObject* self, Op op ) {
    U32 answer = 0;
    void* const object = ownerObject( self );
-   inLibrary( [ & ] { act( self, object, op, &answer, nullptr, nullptr ); } );
+   inLibrary( [ & ] { perform( self, object, op, &answer, nullptr, nullptr ); } );
    return answer;
 }
 
 /// With the library's lock held.
 bool holds( PyObject* self, void* object, void const* key ) {
    bool answer = false;
-   act( self, object, Op::contains, &answer, key, nullptr );
+   perform( self, object, Op::contains, &answer, key, nullptr );
    return answer;
 }
 
@@ -85,11 +87,12 @@ bool holds( PyObject* self, void* object, void const* key ) {
    throw py::error_already_set();
 }
 
-Py_ssize_t length( PyObject* self ) {
-   return answeringStatus( [ & ] { return static_cast<Py_ssize_t>( number( self, Op::count ) ); } );
+Py_ssize_t memberCount( PyObject* self ) {
+   return answeringStatus(
+      [ & ] { return static_cast<Py_ssize_t>( numberOf( self, Op::count ) ); } );
 }
 
-int contains( PyObject* self, PyObject* key ) {
+int containsKey( PyObject* self, PyObject* key ) {
    return answeringStatus( [ & ] {
       Frame frame( collection( self ).members->key );
       void* const wanted = frame.build( key );
@@ -98,7 +101,7 @@ int contains( PyObject* self, PyObject* key ) {
    } );
 }
 
-PyObject* item( PyObject* self, PyObject* key ) {
+PyObject* memberAt( PyObject* self, PyObject* key ) {
    return answering( [ & ] {
       Frame frame( collection( self ).members->member );
       void* const wanted = frame.build( key );
@@ -107,7 +110,7 @@ PyObject* item( PyObject* self, PyObject* key ) {
       bool const found = inLibrary( [ & ] {
          bool const held = holds( self, object, wanted );
          if ( held ) {
-            act( self, object, Op::read, value, wanted, nullptr );
+            perform( self, object, Op::read, value, wanted, nullptr );
          }
          return held;
       } );
@@ -119,48 +122,48 @@ PyObject* item( PyObject* self, PyObject* key ) {
 }
 
 /// Whether there was such a member.
-bool removed( PyObject* self, PyObject* key ) {
+bool removeMember( PyObject* self, PyObject* key ) {
    Frame frame( collection( self ).members->key );
    void* const wanted = frame.build( key );
    void* const object = ownerObject( self );
    return inLibrary( [ & ] {
       bool const held = holds( self, object, wanted );
       if ( held ) {
-         act( self, object, Op::del, nullptr, wanted, nullptr );
+         perform( self, object, Op::del, nullptr, wanted, nullptr );
       }
       return held;
    } );
 }
 
-void assign( PyObject* self, PyObject* key, PyObject* value ) {
+void setMember( PyObject* self, PyObject* key, PyObject* value ) {
    Frame frame( collection( self ).members->member );
    void* const wanted = frame.build( key );
    void* const arguments[] = { frame.build( value ) };
    void* const object = ownerObject( self );
-   inLibrary( [ & ] { act( self, object, Op::write, nullptr, wanted, arguments ); } );
+   inLibrary( [ & ] { perform( self, object, Op::write, nullptr, wanted, arguments ); } );
 }
 
 /// `del m[key]` of an absent key is a KeyError; `m[key] = None` removes what is there, if anything.
-int itemIs( PyObject* self, PyObject* key, PyObject* value ) {
+int memberIs( PyObject* self, PyObject* key, PyObject* value ) {
    return answeringStatus( [ & ] {
       if ( value != nullptr && value != Py_None ) {
-         assign( self, key, value );
-      } else if ( !removed( self, key ) && value == nullptr ) {
+         setMember( self, key, value );
+      } else if ( !removeMember( self, key ) && value == nullptr ) {
          refuseKey( key );
       }
       return 0;
    } );
 }
 
-PyObject* capacity( PyObject* self, void* ) {
-   return answering( [ & ] { return py::int_( number( self, Op::capacity ) ); } );
+PyObject* collectionCapacity( PyObject* self, void* ) {
+   return answering( [ & ] { return py::int_( numberOf( self, Op::capacity ) ); } );
 }
 
-PyObject* text( PyObject* self ) {
+PyObject* collectionRepr( PyObject* self ) {
    return answering( [ & ] {
       std::string const name( collection( self ).members->attribute.name() );
       return textInto( "<" + name + " of " + nameOf( collection( self ).owner ) + ": " +
-                       std::to_string( number( self, Op::count ) ) + " members>" );
+                       std::to_string( numberOf( self, Op::count ) ) + " members>" );
    } );
 }
 
@@ -205,19 +208,19 @@ void freeKeyIterator( PyObject* self ) {
    Py_DECREF( type );
 }
 
-PyObject* refuseToMake( PyTypeObject*, PyObject*, PyObject* ) {
+PyObject* refuseToMakeCollection( PyTypeObject*, PyObject*, PyObject* ) {
    PyErr_SetString( PyExc_TypeError, "a collection is an attribute of its owner" );
    return nullptr;
 }
 
 // The owner may be of a class of a script's own, and refer to the collection in turn.
-int traverse( PyObject* self, visitproc visit, void* arg ) {
+int traverseCollection( PyObject* self, visitproc visit, void* arg ) {
    Py_VISIT( Py_TYPE( self ) );
    Py_VISIT( collection( self ).owner );
    return 0;
 }
 
-int clear( PyObject* ) {
+int clearCollection( PyObject* ) {
    return 0; // a collection without its owner would be of no use to those who still hold it
 }
 
@@ -231,30 +234,25 @@ void freeCollection( PyObject* self ) {
 
 PyGetSetDef collectionMembers[] = {
    { "capacity",
-     capacity,
+     collectionCapacity,
      nullptr,
      "Members held before the collection takes more memory.",
      nullptr },
    {},
 };
 
-template<class Function>
-PyType_Slot slot( int which, Function* function ) {
-   return { which, reinterpret_cast<void*>( function ) };
-}
-
 py::object accessType() {
    PyType_Slot slots[] = {
-      slot( Py_tp_new, refuseToMake ),
-      slot( Py_tp_dealloc, freeCollection ),
-      slot( Py_tp_traverse, traverse ),
-      slot( Py_tp_clear, clear ),
-      slot( Py_tp_repr, text ),
-      slot( Py_tp_iter, keyIterator ),
-      slot( Py_mp_length, length ),
-      slot( Py_mp_subscript, item ),
-      slot( Py_mp_ass_subscript, itemIs ),
-      slot( Py_sq_contains, contains ),
+      typeSlot( Py_tp_new, refuseToMakeCollection ),
+      typeSlot( Py_tp_dealloc, freeCollection ),
+      typeSlot( Py_tp_traverse, traverseCollection ),
+      typeSlot( Py_tp_clear, clearCollection ),
+      typeSlot( Py_tp_repr, collectionRepr ),
+      typeSlot( Py_tp_iter, keyIterator ),
+      typeSlot( Py_mp_length, memberCount ),
+      typeSlot( Py_mp_subscript, memberAt ),
+      typeSlot( Py_mp_ass_subscript, memberIs ),
+      typeSlot( Py_sq_contains, containsKey ),
       { Py_tp_getset, collectionMembers },
       {},
    };
@@ -281,9 +279,9 @@ void addCollectionType( py::module_& module ) {
    collectionType = reinterpret_cast<PyTypeObject*>( type.inc_ref().ptr() );
 
    PyType_Slot slots[] = {
-      slot( Py_tp_iter, PyObject_SelfIter ),
-      slot( Py_tp_iternext, nextKey ),
-      slot( Py_tp_dealloc, freeKeyIterator ),
+      typeSlot( Py_tp_iter, PyObject_SelfIter ),
+      typeSlot( Py_tp_iternext, nextKey ),
+      typeSlot( Py_tp_dealloc, freeKeyIterator ),
       {},
    };
    PyType_Spec spec{ "tessel.KeyIterator",
@@ -291,8 +289,7 @@ void addCollectionType( py::module_& module ) {
                      0,
                      Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION,
                      slots };
-   keyIteratorType =
-      reinterpret_cast<PyTypeObject*>( owned( PyType_FromSpec( &spec ) ).release().ptr() );
+   keyIteratorType = typeFrom( spec );
 }
 
 py::object newCollection( PyObject* owner, Weft::Attribute const& attribute ) {

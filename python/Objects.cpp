@@ -9,6 +9,7 @@
 #include "python/Operations.h"
 #include "python/Signature.h"
 #include "python/Texts.h"
+#include "python/TypeSlots.h"
 
 #include <functional>
 #include <memory>
@@ -115,12 +116,12 @@ void freeValue( PyObject* self ) {
    Py_DECREF( pythonType );
 }
 
-ValueObject const& value( PyObject* self ) {
+ValueObject const& heldBy( PyObject* self ) {
    return *reinterpret_cast<ValueObject const*>( self );
 }
 
 std::string formOf( PyObject* self ) {
-   ValueObject const& own = value( self );
+   ValueObject const& own = heldBy( self );
    return inLibrary( [ & ] { return own.type->stringForm( own.memory ); } );
 }
 
@@ -131,7 +132,7 @@ PyObject* valueText( PyObject* self ) {
 /// EntryKey(bytes=b'\x01') where that is all there is to say, else the string form.
 PyObject* valueRepr( PyObject* self ) {
    return answering( [ & ]() -> py::object {
-      Weft::TypeInfo const& type = *value( self ).type;
+      Weft::TypeInfo const& type = *heldBy( self ).type;
       std::string text( shortName( type ) );
       if ( !constructorSaysAll( type ) ) {
          return textInto( "<tessel." + text + " " + formOf( self ) + ">" );
@@ -147,14 +148,14 @@ PyObject* valueRepr( PyObject* self ) {
 
 Py_hash_t valueHash( PyObject* self ) {
    return answeringStatus( [ & ] {
-      ValueObject const& own = value( self );
+      ValueObject const& own = heldBy( self );
       return static_cast<Py_hash_t>( inLibrary( [ & ] { return own.type->hash( own.memory ); } ) );
    } );
 }
 
 int valueTruth( PyObject* self ) {
    return answeringStatus( [ & ] {
-      ValueObject const& own = value( self );
+      ValueObject const& own = heldBy( self );
       bool truth = true; // of a type that has no other opinion
       inLibrary( [ & ] {
          own.type->attributeOp( &truth, own.memory, nullptr, Weft::Op::truth, nullptr, nullptr );
@@ -215,7 +216,7 @@ PyObject* compareValues( PyObject* self, PyObject* other, int question ) {
 
 PyObject* copyValue( PyObject* self, PyObject* ) {
    return answering(
-      [ & ] { return copied( Py_TYPE( self ), *value( self ).type, value( self ).memory ); } );
+      [ & ] { return copied( Py_TYPE( self ), *heldBy( self ).type, heldBy( self ).memory ); } );
 }
 
 PyObject* valueFromString( PyObject* pythonType, PyObject* text ) {
@@ -345,18 +346,13 @@ PyObject* entityRepr( PyObject* self ) {
 
 // ---------------------------------------------------------------------------------- the bases
 
-template<class Function>
-PyType_Slot slot( int which, Function* function ) {
-   return { which, reinterpret_cast<void*>( function ) };
-}
-
 char valueDoc[] = "A registered value: copied, compared and printed; it has no identity.";
 char entityDoc[] = "A registered object, held by reference: two handles of one object are equal.";
 
 PyTypeObject* addBase( py::module_& module, PyType_Spec& spec, char const* name ) {
-   py::object const type = owned( PyType_FromSpec( &spec ) );
-   module.attr( name ) = type;
-   return reinterpret_cast<PyTypeObject*>( type.inc_ref().ptr() );
+   PyTypeObject* const type = typeFrom( spec );
+   module.attr( name ) = py::handle( reinterpret_cast<PyObject*>( type ) );
+   return type;
 }
 
 } // namespace
@@ -364,23 +360,28 @@ PyTypeObject* addBase( py::module_& module, PyType_Spec& spec, char const* name 
 void addObjectTypes( py::module_& module ) {
    unsigned const flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE;
    PyType_Slot valueSlots[] = {
-      { Py_tp_doc, valueDoc },          slot( Py_tp_new, makeValue ),
-      slot( Py_tp_dealloc, freeValue ), slot( Py_tp_str, valueText ),
-      slot( Py_tp_repr, valueRepr ),    slot( Py_tp_hash, valueHash ),
-      slot( Py_nb_bool, valueTruth ),   slot( Py_tp_richcompare, compareValues ),
-      { Py_tp_methods, valueMethods },  {},
+      { Py_tp_doc, valueDoc },
+      typeSlot( Py_tp_new, makeValue ),
+      typeSlot( Py_tp_dealloc, freeValue ),
+      typeSlot( Py_tp_str, valueText ),
+      typeSlot( Py_tp_repr, valueRepr ),
+      typeSlot( Py_tp_hash, valueHash ),
+      typeSlot( Py_nb_bool, valueTruth ),
+      typeSlot( Py_tp_richcompare, compareValues ),
+      { Py_tp_methods, valueMethods },
+      {},
    };
    PyType_Spec valueSpec{ "tessel.Value", sizeof( ValueObject ), 0, flags, valueSlots };
    theValueBase = addBase( module, valueSpec, "Value" );
 
    PyType_Slot entitySlots[] = {
       { Py_tp_doc, entityDoc },
-      slot( Py_tp_new, makeEntity ),
-      slot( Py_tp_dealloc, freeEntity ),
-      slot( Py_tp_str, entityText ),
-      slot( Py_tp_repr, entityRepr ),
-      slot( Py_tp_hash, entityHash ),
-      slot( Py_tp_richcompare, compareEntities ),
+      typeSlot( Py_tp_new, makeEntity ),
+      typeSlot( Py_tp_dealloc, freeEntity ),
+      typeSlot( Py_tp_str, entityText ),
+      typeSlot( Py_tp_repr, entityRepr ),
+      typeSlot( Py_tp_hash, entityHash ),
+      typeSlot( Py_tp_richcompare, compareEntities ),
       {},
    };
    PyType_Spec entitySpec{ "tessel.Entity", sizeof( EntityObject ), 0, flags, entitySlots };

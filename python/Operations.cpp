@@ -5,6 +5,7 @@
 #include "python/LibraryLock.h"
 #include "python/Objects.h"
 #include "python/Texts.h"
+#include "python/TypeSlots.h"
 
 #include <structmember.h>
 
@@ -248,10 +249,10 @@ setter setterOf( Weft::Attribute const& attribute ) {
 
 void prepareOperations() {
    PyType_Slot slots[] = {
-      { Py_tp_call, reinterpret_cast<void*>( PyVectorcall_Call ) },
-      { Py_tp_descr_get, reinterpret_cast<void*>( boundMethod ) },
-      { Py_tp_repr, reinterpret_cast<void*>( methodRepr ) },
-      { Py_tp_dealloc, reinterpret_cast<void*>( freeMethod ) },
+      typeSlot( Py_tp_call, PyVectorcall_Call ),
+      typeSlot( Py_tp_descr_get, boundMethod ),
+      typeSlot( Py_tp_repr, methodRepr ),
+      typeSlot( Py_tp_dealloc, freeMethod ),
       { Py_tp_getset, methodMembers },
       { Py_tp_members, methodPlaces },
       {},
@@ -262,8 +263,7 @@ void prepareOperations() {
                      Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_VECTORCALL |
                         Py_TPFLAGS_METHOD_DESCRIPTOR | Py_TPFLAGS_DISALLOW_INSTANTIATION,
                      slots };
-   methodType =
-      reinterpret_cast<PyTypeObject*>( owned( PyType_FromSpec( &spec ) ).release().ptr() );
+   methodType = typeFrom( spec );
 }
 
 py::object methodFor( Weft::Attribute const& operation ) {

@@ -4,6 +4,7 @@
 #include "python/LibraryLock.h"
 #include "python/Objects.h"
 #include "python/Texts.h"
+#include "python/TypeSlots.h"
 
 #include <map>
 #include <optional>
@@ -169,9 +170,9 @@ PyObject* iterate( PyObject* self ) {
 
 void prepareWalks() {
    PyType_Slot slots[] = {
-      { Py_tp_iter, reinterpret_cast<void*>( PyObject_SelfIter ) },
-      { Py_tp_iternext, reinterpret_cast<void*>( next ) },
-      { Py_tp_dealloc, reinterpret_cast<void*>( freeIterator ) },
+      typeSlot( Py_tp_iter, PyObject_SelfIter ),
+      typeSlot( Py_tp_iternext, next ),
+      typeSlot( Py_tp_dealloc, freeIterator ),
       {},
    };
    PyType_Spec spec{ "tessel.Iterator",
@@ -179,8 +180,7 @@ void prepareWalks() {
                      0,
                      Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION,
                      slots };
-   iteratorType =
-      reinterpret_cast<PyTypeObject*>( owned( PyType_FromSpec( &spec ) ).release().ptr() );
+   iteratorType = typeFrom( spec );
 }
 
 } // namespace TesselPython
