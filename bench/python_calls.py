@@ -7,6 +7,7 @@ usage: build/release/tessel-python bench/python_calls.py
 """
 
 import platform
+import time
 import timeit
 
 import tessel
@@ -31,7 +32,8 @@ class Peer:
 
 
 def nanoseconds(expression, names):
-    return min(timeit.repeat(expression, number=CALLS, repeat=ROUNDS, globals=names)) / CALLS * 1e9
+    timer = timeit.Timer(expression, timer=time.process_time, globals=names)
+    return min(timer.repeat(number=CALLS, repeat=ROUNDS)) / CALLS * 1e9
 
 
 def main():
@@ -42,7 +44,8 @@ def main():
     peer = Peer()
     assert mac.entry_py(3, KEY) == peer.entry_py(3, KEY) == RESULT
     assert mac.vellumOffset == peer.vellumOffset
-    print(f"Python {platform.python_version()}, {platform.machine()}: ns per call, best of {ROUNDS}")
+    machine = f"Python {platform.python_version()}, {platform.machine()}"
+    print(f"{machine}: ns of the processor, best of {ROUNDS}")
     print(f"{'':34} {'tessel':>8} {'Python':>8}")
     for call in ("{0}.vellumOffset", "{0}.entry_py(3, KEY)", "{0}.entry_py(chipId=3, key=KEY)"):
         names = {"mac": mac, "peer": peer, "KEY": KEY}

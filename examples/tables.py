@@ -24,8 +24,8 @@ ENTRIES = 5000
 # %% [markdown]
 # ## The data
 #
-# One entry per block: its three bytes are the key, the number of its owner the result. Every chip of a
-# switch gets the blocks of its own ports; here, the owner decides.
+# One entry per block: its three bytes are the key, the number of its owner the result. The owner
+# decides which chip gets it.
 
 # %%
 with open(REGISTRY, newline="", encoding="utf-8") as file:
@@ -37,7 +37,7 @@ print(f"{len(blocks)} blocks of {len(owners)} owners")
 # %% [markdown]
 # ## The first agent
 #
-# The calls that an agent makes when it starts; the same calls after a restart find the same entries.
+# The calls that an agent makes when it starts: after a restart they find the same entries.
 
 
 # %%

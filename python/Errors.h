@@ -44,8 +44,8 @@ class Refusal : public std::exception {
 /// Makes tessel.ContractError and adds it to the module.
 void addContractError( py::module_& module );
 
-/// A new str, null with the interpreter's exception when there is no memory. Bytes that are no UTF-8
-/// become lone surrogates.
+/// A new str, null with the interpreter's exception when there is no memory. Bytes that are no
+/// UTF-8 become lone surrogates.
 PyObject* decoded( std::string_view text );
 
 /// Makes the C++ exception that is being handled the interpreter's current one.

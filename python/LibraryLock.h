@@ -12,7 +12,7 @@
 /// Two locks need an order that cannot block for ever:
 ///
 ///  - While the library's lock is held, no Python code runs and the interpreter's lock is not asked
-///    for. Slots are filled from Python objects before, and results turned into Python objects after.
+///    for. Slots are filled from Python objects before, results become Python objects after.
 ///  - Whoever has to wait for the library's lock gives up the interpreter's lock for that time.
 ///
 /// Lengthy work lets go of the interpreter's lock for its whole time, so that other Python threads

@@ -9,8 +9,8 @@
 /// alone, and an object that __new__ made without __init__, as py::class_ allows it, would hold no
 /// C++ object. Here __new__ makes the whole object or none.
 ///
-/// An object carries its registered type. What is done with it follows that, never its Python class,
-/// which a script may change.
+/// An object carries its registered type. What is done with it follows that, never its Python
+/// class, which a script may change.
 ///
 /// Threads: with the interpreter's lock held and the library's not (python/LibraryLock.h).
 

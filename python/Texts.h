@@ -19,14 +19,14 @@ std::string_view shortName( Weft::TypeInfo const& type );
 /// Every attribute of the type, inherited ones first, hidden ones left out.
 std::vector<Weft::Attribute const*> reachableAttributes( Weft::TypeInfo const& type );
 
-/// Whether the constructor's arguments are all that the value prints, so that a call of it can stand
-/// for the value.
+/// Whether the constructor's arguments are all that the value prints, so that a call of it can
+/// stand for the value.
 bool constructorSaysAll( Weft::TypeInfo const& type );
 /// What tells one object from another at a glance: its constant attributes of built-in types.
 std::vector<Weft::Attribute const*> tellingAttributes( Weft::TypeInfo const& type );
 
-/// In the form in which the interpreter takes the doc of a C type: NAME(ARGUMENTS), a line of dashes,
-/// the text.
+/// In the form in which the interpreter takes the doc of a C type: NAME(ARGUMENTS), a line of
+/// dashes, the text.
 std::string classDoc( Weft::TypeInfo const& type );
 std::string propertyDoc( Weft::Attribute const& attribute );
 std::string operationDoc( Weft::Attribute const& operation );

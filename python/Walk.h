@@ -3,8 +3,8 @@
 
 /// Iteration over what the registry's types walk.
 ///
-/// A value type is a walk when it has a stored bool `done` and an operation `doInc()`. An item of it
-/// is what the operations answer that change nothing and take nothing, in declaration order: for a
+/// A value type is a walk when it has a stored bool `done` and an operation `doInc()`. Its items
+/// are what the operations answer that change nothing and take nothing, in declaration order: for a
 /// walk over a table (chipId, key_py, result_py). An object of a type iterates when the type is a
 /// walk itself, or when exactly one such operation of it answers a walk.
 ///

@@ -61,8 +61,8 @@ def useCount(object: Entity) -> int: ...
 
 
 def inside(info: TypeInfo, line: str) -> str:
-    """The line as it has to read in the class: a name of Python's own that an attribute of the class
-    goes by means the attribute there."""
+    """The line as it has to read in the class, where an attribute that goes by a name of Python's
+    own hides it."""
     for name in {a.name for a in info.attributes} & {"bool", "bytes", "int", "str"}:
         line = re.sub(rf"(: |-> ){name}\b", rf"\1builtins.{name}", line)
         line = re.sub(rf"(\[|, ){name}\b(?!:)", rf"\1builtins.{name}", line)

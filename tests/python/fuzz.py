@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Random calls of the Python package: whatever is called how, it answers or raises what it promises.
+"""Random calls of the Python package: whatever is called, it answers or raises what it promises.
 
 A pool of living objects is worked on by names from the registry and by names that nobody has, with
 arguments that fit, that nearly fit, and that do not. A crash ends the process; an exception that is
@@ -222,7 +222,7 @@ class Fuzz:
         text = r.choice(self.texts)
         for _ in range(r.choice([0, 0, 1, 1, 2, 5])):
             at = r.randrange(len(text) + 1)
-            part = r.choice(['"', "(", ")", ",", ":", "@", "0x", "1", " ", "\0", "é", "null", text[:9]])
+            part = r.choice([*'"(),:@1 \0é', "0x", "null", text[:9]])
             text = text[:at] + part + text[at + r.randrange(4) :]
         name = text.partition("(")[0].strip() if r.random() < 0.7 else r.choice(NAMES)
         self.doing = f"{name}.fromString({text!r})"
@@ -241,7 +241,7 @@ class Fuzz:
         try:
             self.keep(action())
             self.answers["answered"] += 1
-        except UnicodeDecodeError:  # a ValueError, but only bytes that came from here may be no text
+        except UnicodeDecodeError:  # a ValueError, but none that is promised
             raise
         except PROMISED as error:
             self.answers[type(error).__name__] += 1

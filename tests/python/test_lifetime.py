@@ -49,8 +49,9 @@ def test_every_handle_is_one_reference_and_equal_to_the_others():
     values = [object(), KEY]
     counts = [sys.getrefcount(value) for value in values]
     for value in values:
-        for use in (lambda: agent.mac.entryHas_py(0, value), lambda: agent.mac.keyToIndexList[value],
-                    lambda: setattr(agent.mac, "localBuf", value), lambda: tessel.EntryKey(value),
+        for use in (lambda: agent.mac.entryHas_py(0, value), lambda: tessel.EntryKey(value),
+                    lambda: setattr(agent.mac, "localBuf", value),
+                    lambda: agent.mac.keyToIndexList[value],
                     lambda: agent.mac.entryHas_py(0, key=value)):  # fmt: skip
             try:
                 use()

@@ -118,7 +118,8 @@ def test_state_is_assigned_and_read_back(objects, info, attribute):
 
 @pytest.mark.parametrize("info, attribute", rows("fixedValue"))
 def test_fixed_values_belong_to_the_class(objects, info, attribute):
-    assert getattr(CLASS[info.name], attribute.name) == getattr(objectOf(objects, info), attribute.name)
+    value = getattr(CLASS[info.name], attribute.name)
+    assert value == getattr(objectOf(objects, info), attribute.name)
 
 
 @pytest.mark.parametrize(

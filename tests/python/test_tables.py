@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What scripts do with chunks, tables, readers and entries, and what their mistakes cost: nothing."""
+"""What scripts do with chunks, tables, readers and entries; their mistakes cost nothing."""
 
 import errno
 import os
@@ -148,8 +148,8 @@ def test_no_object_takes_another_ones_place(agent):
         lambda: type(tessel.EmShadowTable.isFull)(), lambda: type(iter(agent.mac))(),
         lambda: tessel.EmShadowTable.isFull(key), lambda: tessel.EmShadowTable.isFull(),
         lambda: tessel.EmShadowTable.numUsedEntries.__get__(key), lambda: tessel.useCount(key),
-        lambda: tessel.EmShadowTable("t", agent.vlan, agent.chunk, 0), lambda: agent.mac < agent.mac,
-        lambda: tessel.EmTableHelper(1, 2, 3, **{4: 5}),
+        lambda: tessel.EmShadowTable("t", agent.vlan, agent.chunk, 0),
+        lambda: agent.mac < agent.mac, lambda: tessel.EmTableHelper(1, 2, 3, **{4: 5}),
     ):  # fmt: skip
         with pytest.raises(TypeError):
             make()
@@ -171,7 +171,8 @@ def test_no_memory_is_a_memory_error():
     script = """
 import resource, tessel
 resource.setrlimit(resource.RLIMIT_AS, (1 << 30, 1 << 30))
-for use in (lambda: tessel.VellumChunk.inProcess(0xffffffff), lambda: tessel.HBitmap(0, 0xffffffff, 0),
+for use in (lambda: tessel.VellumChunk.inProcess(0xffffffff),
+            lambda: tessel.HBitmap(0, 0xffffffff, 0),
             lambda: [tessel.HBitmap(0, 1 << 30, 0) for _ in range(99)]):
     try:
         use()
