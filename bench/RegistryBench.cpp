@@ -13,7 +13,7 @@ namespace {
 using namespace Tessel;
 
 constexpr Brine::ChipId chip{ 3 };
-constexpr std::string_view keyBytes = "\x02\0\0\0\0\x01";
+constexpr std::string_view keyBytes( "\x02\0\0\0\0\x01", 6 );
 
 Corvo::Ptr<ManagedTableBase> table() {
    auto const manager =
