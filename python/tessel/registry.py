@@ -6,7 +6,7 @@ from __future__ import annotations
 from dataclasses import dataclass
 from typing import Any
 
-from tessel import _tessel
+import tessel._tessel as _tessel
 
 
 @dataclass(frozen=True)
@@ -69,12 +69,11 @@ def modules() -> list[Module]:
 def typeInfo(what: str | type | object) -> TypeInfo:
     """The registered type of this full name, or of a class or an object of this package."""
     name = what if isinstance(what, str) else _tessel.typeName(what)
-    data = _tessel.typeData(name)
-    attributes = tuple(
-        Attribute(**{**each, "arguments": _arguments(each)}) for each in data["attributes"]
-    )
-    return TypeInfo(**{**data, "arguments": _arguments(data), "attributes": attributes})
+    data = _withArguments(_tessel.typeData(name))
+    data["attributes"] = tuple(Attribute(**_withArguments(each)) for each in data["attributes"])
+    return TypeInfo(**data)
 
 
-def _arguments(data: dict[str, Any]) -> tuple[Argument, ...]:
-    return tuple(Argument(**each) for each in data["arguments"])
+def _withArguments(data: dict[str, Any]) -> dict[str, Any]:
+    data["arguments"] = tuple(Argument(**each) for each in data["arguments"])
+    return data
