@@ -209,8 +209,8 @@ void ManagedTableBase::useLocalMemIs( bool use ) {
 
 void ManagedTableBase::chooseMemory() {
    chunkInUse_ = buf_ || useLocalMem_ ? nullptr : vellumChunk_.get();
-   bool const holdsRange = chunkInUse_ && rangeSize_ != 0 &&
-                           U64{ vellumOffset_ } + rangeSize_ <= chunkInUse_->size();
+   bool const holdsRange =
+      chunkInUse_ && rangeSize_ != 0 && U64{ vellumOffset_ } + rangeSize_ <= chunkInUse_->size();
    readableRange_ = holdsRange ? chunkInUse_->readableAt( vellumOffset_, 0 ) : nullptr;
    bool const writable =
       holdsRange && chunkInUse_->access() == Vellum::VellumChunk::Access::readWrite;
