@@ -2,7 +2,8 @@
 #include "Tessel/EmTable.h"
 
 #include "Tessel/EmTableCode.h"
-#include "Tessel/EmTableWork.h"
+#include "Tessel/EmTableSlotWork.h"
+#include "Tessel/KeyToSlotMap.h"
 
 namespace Tessel {
 
