@@ -301,6 +301,27 @@ std::string stateOf( TypeInfo const& type, void* object ) {
    return std::accumulate( lines.begin(), lines.end(), std::string() );
 }
 
+TEST_F( RegisteredTypesDo, nameTypesOfOtherModulesThatTheirRecordsList ) {
+   std::string lists;
+   for ( Weft::Module const* const module : Weft::modules() ) {
+      lists.append( module->name() ).append( ":" );
+      for ( TypeInfo const* const type : module->referredTypes() ) {
+         lists.append( " " ).append( type->name() );
+      }
+      lists += '\n';
+   }
+   EXPECT_THAT( lists,
+                testing::HasSubstr(
+                   "ShadowTypes:\n"
+                   "TableHelper:\n"
+                   "ManagedTableBase: Brine::ChipId Vellum::VellumChunk Tessel::TableHelper\n"
+                   "DirectTable: Tessel::ManagedTableBase\n"
+                   "EmTable: Brine::ChipId Brine::HBitmap Tessel::EntryKey Tessel::EntryResult"
+                   " Tessel::ManagedTableBase Tessel::ManagedTableIteratorConst"
+                   " Tessel::ManagedTableReader\n"
+                   "TableManager: Vellum::VellumChunk Tessel::ManagedTableBase\n" ) );
+}
+
 TEST_F( RegisteredTypesDo, leaveTheirObjectsAsTheyWereWhenMemoryRunsOut ) {
    U64 failures = 0;
    for ( TypeInfo const* const type : libraryTypes() ) {

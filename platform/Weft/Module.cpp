@@ -4,6 +4,7 @@
 #include "Weft/TypeInfo.h"
 
 #include <algorithm>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <typeindex>
@@ -119,6 +120,28 @@ std::span<TypeInfo const> Module::types() const {
       types_ = types.release(); // kept until the process ends, as the index of types is
    } );
    return *types_;
+}
+
+std::vector<TypeInfo const*> Module::referredTypes() const {
+   std::vector<TypeInfo const*> named;
+   for ( TypeInfo const& type : types() ) {
+      named.push_back( type.base() );
+      for ( Attribute const& attribute : type.attributes() ) {
+         named.push_back( attribute.type() );
+         named.push_back( attribute.keyType() );
+      }
+   }
+   std::vector<TypeInfo const*> referred;
+   for ( Module const* const module : modules() ) {
+      auto const begin = static_cast<std::ptrdiff_t>( referred.size() );
+      std::ranges::copy_if( named, std::back_inserter( referred ), [ & ]( TypeInfo const* type ) {
+         return type != nullptr && module != this && &type->module() == module;
+      } );
+      std::ranges::sort( referred.begin() + begin, referred.end(), {}, &TypeInfo::name );
+   }
+   auto const repeated = std::ranges::unique( referred );
+   referred.erase( repeated.begin(), repeated.end() );
+   return referred;
 }
 
 void weftModuleIs( Module const& module ) {

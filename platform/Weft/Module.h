@@ -44,6 +44,9 @@ class [[gnu::visibility( "default" )]] Module {
    std::string_view name() const { return name_; }
    /// In index order; the types live until the process ends.
    std::span<TypeInfo const> types() const;
+   /// The types of other modules that the bases and attributes of its types name, each once: by the
+   /// order of their modules, then by name. What no registered module describes yet is left out.
+   std::vector<TypeInfo const*> referredTypes() const;
 
  private:
    friend class ModuleList;
