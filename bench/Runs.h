@@ -15,6 +15,7 @@
 #include <stdexcept>
 #include <string>
 
+#include <malloc.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -386,6 +387,7 @@ double runMemory( Workload<E> const& work ) {
       expect( told, "an answer of the child" );
       return bytes;
    }
+   ::malloc_trim( 0 ); // what earlier runs gave back to the heap would seem to cost nothing
    typename C::Memory memory( work.slots * C::slotLength, true );
    U64 const before = residentBytes();
    C table( work.slots, memory );
