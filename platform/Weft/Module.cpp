@@ -139,8 +139,7 @@ std::vector<TypeInfo const*> Module::referredTypes() const {
       } );
       std::ranges::sort( referred.begin() + begin, referred.end(), {}, &TypeInfo::name );
    }
-   auto const repeated = std::ranges::unique( referred );
-   referred.erase( repeated.begin(), repeated.end() );
+   referred.erase( std::unique( referred.begin(), referred.end() ), referred.end() );
    return referred;
 }
 
