@@ -70,12 +70,12 @@ py::object makeClass( Weft::TypeInfo const& type, Class& made ) {
       slots.push_back( typeSlot( Py_tp_iter, iterate ) );
    }
    slots.push_back( {} );
-   PyType_Spec spec{
+   PyType_Spec layout{
       made.name.c_str(), 0, 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE, slots.data()
    };
    auto const base =
       py::reinterpret_borrow<py::object>( reinterpret_cast<PyObject*>( baseOf( type ) ) );
-   return owned( PyType_FromSpecWithBases( &spec, base.ptr() ) );
+   return owned( PyType_FromSpecWithBases( &layout, base.ptr() ) );
 }
 
 /// The interpreter has no slots for methods that know their attribute, nor for constants.

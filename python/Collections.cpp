@@ -256,12 +256,12 @@ py::object accessType() {
       { Py_tp_getset, collectionMembers },
       {},
    };
-   PyType_Spec spec{ "tessel.CollectionAccess",
-                     sizeof( CollectionObject ),
-                     0,
-                     Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC,
-                     slots };
-   return owned( PyType_FromSpec( &spec ) );
+   PyType_Spec layout{ "tessel.CollectionAccess",
+                       sizeof( CollectionObject ),
+                       0,
+                       Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC,
+                       slots };
+   return owned( PyType_FromSpec( &layout ) );
 }
 
 } // namespace
@@ -284,12 +284,12 @@ void addCollectionType( py::module_& module ) {
       typeSlot( Py_tp_dealloc, freeKeyIterator ),
       {},
    };
-   PyType_Spec spec{ "tessel.KeyIterator",
-                     sizeof( KeyIteratorObject ),
-                     0,
-                     Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION,
-                     slots };
-   keyIteratorType = typeFrom( spec );
+   PyType_Spec layout{ "tessel.KeyIterator",
+                       sizeof( KeyIteratorObject ),
+                       0,
+                       Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+                       slots };
+   keyIteratorType = typeFrom( layout );
 }
 
 py::object newCollection( PyObject* owner, Weft::Attribute const& attribute ) {

@@ -349,8 +349,8 @@ PyObject* entityRepr( PyObject* self ) {
 char valueDoc[] = "A registered value: copied, compared and printed; it has no identity.";
 char entityDoc[] = "A registered object, held by reference: two handles of one object are equal.";
 
-PyTypeObject* addBase( py::module_& module, PyType_Spec& spec, char const* name ) {
-   PyTypeObject* const type = typeFrom( spec );
+PyTypeObject* addBase( py::module_& module, PyType_Spec& layout, char const* name ) {
+   PyTypeObject* const type = typeFrom( layout );
    module.attr( name ) = py::handle( reinterpret_cast<PyObject*>( type ) );
    return type;
 }

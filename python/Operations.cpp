@@ -257,13 +257,13 @@ void prepareOperations() {
       { Py_tp_members, methodPlaces },
       {},
    };
-   PyType_Spec spec{ "tessel.Operation",
-                     sizeof( MethodObject ),
-                     0,
-                     Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_VECTORCALL |
-                        Py_TPFLAGS_METHOD_DESCRIPTOR | Py_TPFLAGS_DISALLOW_INSTANTIATION,
-                     slots };
-   methodType = typeFrom( spec );
+   PyType_Spec layout{ "tessel.Operation",
+                       sizeof( MethodObject ),
+                       0,
+                       Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_VECTORCALL |
+                          Py_TPFLAGS_METHOD_DESCRIPTOR | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+                       slots };
+   methodType = typeFrom( layout );
 }
 
 py::object methodFor( Weft::Attribute const& operation ) {

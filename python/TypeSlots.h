@@ -15,8 +15,8 @@ PyType_Slot typeSlot( int which, Function* function ) {
 }
 
 /// A new type, which lives as long as the process.
-inline PyTypeObject* typeFrom( PyType_Spec& spec ) {
-   return reinterpret_cast<PyTypeObject*>( owned( PyType_FromSpec( &spec ) ).release().ptr() );
+inline PyTypeObject* typeFrom( PyType_Spec& layout ) {
+   return reinterpret_cast<PyTypeObject*>( owned( PyType_FromSpec( &layout ) ).release().ptr() );
 }
 
 } // namespace TesselPython
