@@ -411,7 +411,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       }
    }
 
-   /// Calls `work( position, where )` for every key; the key may be removed meanwhile.
+   /// Calls `visit( position, where )` for every key; the key may be removed meanwhile.
    template<class Visit>
    void forEachKey( Visit const& visit ) const {
       std::array<U64, bulkBlock> block;

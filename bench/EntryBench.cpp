@@ -30,7 +30,7 @@ class Stage {
       return built<Workload<E>>(
          slots, chips, [ & ] { return std::make_shared<Workload<E>>( slots, chips ); } );
    }
-   /// `percent` of the workload's entries are in.
+   /// All of the workload's entries are in.
    template<class C, class E>
    Fixture<C, E>& fixture( U32 slots, U32 chips ) {
       return built<Fixture<C, E>>( slots, chips, [ & ] {

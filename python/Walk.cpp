@@ -175,12 +175,12 @@ void prepareWalks() {
       typeSlot( Py_tp_dealloc, freeIterator ),
       {},
    };
-   PyType_Spec spec{ "tessel.Iterator",
-                     sizeof( IteratorObject ),
-                     0,
-                     Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION,
-                     slots };
-   iteratorType = typeFrom( spec );
+   PyType_Spec layout{ "tessel.Iterator",
+                       sizeof( IteratorObject ),
+                       0,
+                       Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+                       slots };
+   iteratorType = typeFrom( layout );
 }
 
 } // namespace TesselPython
