@@ -149,7 +149,8 @@ Corvo::Bytes ManagedTableIteratorConst::result_py() const {
 
 bool ManagedTableIteratorConst::operator==( ManagedTableIteratorConst const& other ) const {
    return this == &other ||
-          ( table_ == other.table_ && done() == other.done() && kind().sameAs( other.kind() ) );
+          ( table_ == other.table_ && done() == other.done() &&
+            ( kind().isPlain() || other.kind().isPlain() || kind().sameAs( other.kind() ) ) );
 }
 
 bool ManagedTableIteratorConst::isEq( void const* a, void const* b ) {
@@ -434,21 +435,21 @@ void describeTable( Weft::TypeList& types ) {
       .opConst( "entry_py", &Table::entry_py, "chipId", "key" )
       .doc( "The result for this chip and key; empty when there is no such entry." )
       .op( "doWriteVellum", &Table::doWriteVellum, "offset", "data", "size" )
-      .doc( "Copies bytes from memory to the table's range." )
+      .doc( "Copies bytes from memory to the chunk, so far behind the start of the table's range." )
       .opConst( "doReadVellum", &Table::doReadVellum, "offset", "data", "size" )
-      .doc( "Copies bytes of the table's range to memory." )
+      .doc( "Copies bytes of the chunk, so far behind the start of the table's range, to memory." )
       .op( "doWriteVellum64", &Table::doWriteVellum64, "offset", "data" )
-      .doc( "Writes 8 bytes, little-endian, at an offset of the table's range." )
+      .doc( "Writes 8 bytes, little-endian, so far behind the start of the table's range." )
       .opConst( "doReadVellum64", &Table::doReadVellum64, "offset" )
-      .doc( "Reads 8 bytes, little-endian, at an offset of the table's range." )
+      .doc( "Reads 8 bytes, little-endian, so far behind the start of the table's range." )
       .op( "doWriteVellum32", &Table::doWriteVellum32, "offset", "data" )
-      .doc( "Writes 4 bytes, little-endian, at an offset of the table's range." )
+      .doc( "Writes 4 bytes, little-endian, so far behind the start of the table's range." )
       .opConst( "doReadVellum32", &Table::doReadVellum32, "offset" )
-      .doc( "Reads 4 bytes, little-endian, at an offset of the table's range." )
+      .doc( "Reads 4 bytes, little-endian, so far behind the start of the table's range." )
       .op( "doWriteVellum16", &Table::doWriteVellum16, "offset", "data" )
-      .doc( "Writes 2 bytes, little-endian, at an offset of the table's range." )
+      .doc( "Writes 2 bytes, little-endian, so far behind the start of the table's range." )
       .opConst( "doReadVellum16", &Table::doReadVellum16, "offset" )
-      .doc( "Reads 2 bytes, little-endian, at an offset of the table's range." );
+      .doc( "Reads 2 bytes, little-endian, so far behind the start of the table's range." );
 }
 
 void describe( Weft::TypeList& types ) {

@@ -30,6 +30,7 @@
 #include <iterator>
 #include <memory>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 
 namespace Weft {
@@ -118,8 +119,8 @@ class [[gnu::visibility( "default" )]] ManagedTableIteratorConst {
    /// The same with the result.
    Corvo::Bytes result_py() const;
 
-   /// The same table object and the same done(); iterators of one kind compare by the kind's rule,
-   /// also when both are in the abstract form.
+   /// The same table object and the same done(); where both are of a kind, in the abstract form too,
+   /// the kind's rule counts besides. (What the string form gives back is a plain base iterator.)
    bool operator==( ManagedTableIteratorConst const& other ) const;
    /// operator== of two iterators of this type, neither null.
    static bool isEq( void const* a, void const* b );
@@ -135,6 +136,7 @@ class [[gnu::visibility( "default" )]] ManagedTableIteratorConst {
 
  private:
    ManagedTableIteratorConst const& kind() const { return kind_ ? kind_->kind() : *this; }
+   bool isPlain() const { return typeid( *this ) == typeid( ManagedTableIteratorConst ); }
 
    Corvo::Ptr<ManagedTableBase const> table_;
    bool done_ = false;

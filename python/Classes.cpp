@@ -69,32 +69,39 @@ py::object makeClass( Weft::TypeInfo const& type, Class& made ) {
    if ( walkOf( type ) ) {
       slots.push_back( typeSlot( Py_tp_iter, iterate ) );
    }
+   if ( type.kind() == Weft::TypeKind::value && !type.hashable() ) {
+      slots.push_back( typeSlot( Py_tp_hash, PyObject_HashNotImplemented ) );
+      // Inherited only together with the hash.
+      slots.push_back( typeSlot( Py_tp_richcompare, valueBase()->tp_richcompare ) );
+   }
    slots.push_back( {} );
-   PyType_Spec layout{
-      made.name.c_str(), 0, 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE, slots.data()
-   };
+   PyType_Spec layout{ made.name.c_str(),
+                       0,
+                       0,
+                       Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_IMMUTABLETYPE,
+                       slots.data() };
    auto const base =
       py::reinterpret_borrow<py::object>( reinterpret_cast<PyObject*>( baseOf( type ) ) );
    return owned( PyType_FromSpecWithBases( &layout, base.ptr() ) );
 }
 
-/// The interpreter has no slots for methods that know their attribute, nor for constants.
-void addOperationsAndConstants( py::object const& pythonType, Weft::TypeInfo const& type ) {
+/// The interpreter has no slots for methods that know their attribute, nor for constants. Nobody
+/// else may set a class attribute, so these go where the class keeps its own.
+void addOperationsAndConstants( PyTypeObject* pythonType, Weft::TypeInfo const& type ) {
+   auto const members = py::reinterpret_borrow<py::dict>( pythonType->tp_dict );
    for ( Weft::Attribute const& attribute : type.attributes() ) {
       std::string const name( attribute.name() );
       if ( attribute.kind() == Kind::fixedValue ) {
-         pythonType.attr( name.c_str() ) = fixedValueOf( attribute );
+         members[ name.c_str() ] = fixedValueOf( attribute );
       } else if ( isOperation( attribute.kind() ) ) {
          py::object method = methodFor( attribute );
          if ( attribute.kind() == Kind::opStatic ) {
             method = owned( PyStaticMethod_New( method.ptr() ) );
          }
-         pythonType.attr( name.c_str() ) = method;
+         members[ name.c_str() ] = method;
       }
    }
-   if ( type.kind() == Weft::TypeKind::value && !type.hashable() ) {
-      pythonType.attr( "__hash__" ) = py::none();
-   }
+   PyType_Modified( pythonType );
 }
 
 } // namespace
@@ -110,7 +117,7 @@ PyTypeObject* classOf( Weft::TypeInfo const& type ) {
    made->pythonType = reinterpret_cast<PyTypeObject*>( pythonType.ptr() );
    types().emplace( made->pythonType, &type );
    classes().emplace( &type, std::move( made ) );
-   addOperationsAndConstants( pythonType, type );
+   addOperationsAndConstants( reinterpret_cast<PyTypeObject*>( pythonType.ptr() ), type );
    return reinterpret_cast<PyTypeObject*>( pythonType.inc_ref().ptr() );
 }
 

@@ -45,13 +45,16 @@ struct CollectionObject {
    Members const* members;
 };
 
-struct KeyIteratorObject {
+/// What of each member an iterator gives.
+enum class Part { key, value, item };
+
+struct MemberIteratorObject {
    PyObject_HEAD Members const* members;
+   Part part;
    std::unique_ptr<Weft::CollectionIterator> at; ///< keeps the owner alive
 };
 
-PyTypeObject* collectionType = nullptr;
-PyTypeObject* keyIteratorType = nullptr;
+PyTypeObject* memberIteratorType = nullptr;
 
 CollectionObject const& collection( PyObject* self ) {
    return *reinterpret_cast<CollectionObject const*>( self );
@@ -92,12 +95,17 @@ Py_ssize_t memberCount( PyObject* self ) {
       [ & ] { return static_cast<Py_ssize_t>( numberOf( self, Op::count ) ); } );
 }
 
+/// As with any mapping, what cannot be a key is not in it.
 int containsKey( PyObject* self, PyObject* key ) {
    return answeringStatus( [ & ] {
-      Frame frame( collection( self ).members->key );
-      void* const wanted = frame.build( key );
       void* const object = ownerObject( self );
-      return inLibrary( [ & ] { return holds( self, object, wanted ); } ) ? 1 : 0;
+      Frame frame( collection( self ).members->key );
+      try {
+         frame.build( key );
+      } catch ( Refusal const& ) {
+         return 0;
+      }
+      return inLibrary( [ & ] { return holds( self, object, frame.slots()[ 0 ] ); } ) ? 1 : 0;
    } );
 }
 
@@ -167,14 +175,15 @@ PyObject* collectionRepr( PyObject* self ) {
    } );
 }
 
-PyObject* keyIterator( PyObject* self ) {
+PyObject* iterator( PyObject* self, Part part ) {
    return answering( [ & ] {
       Members const& members = *collection( self ).members;
       void* const object = ownerObject( self );
-      py::object made = owned( keyIteratorType->tp_alloc( keyIteratorType, 0 ) );
-      auto* const iterator = reinterpret_cast<KeyIteratorObject*>( made.ptr() );
+      py::object made = owned( memberIteratorType->tp_alloc( memberIteratorType, 0 ) );
+      auto* const iterator = reinterpret_cast<MemberIteratorObject*>( made.ptr() );
       std::construct_at( &iterator->at );
       iterator->members = &members;
+      iterator->part = part;
       inLibrary( [ & ] {
          iterator->at = members.attribute.owner().collectionIterator( object, &members.attribute );
       } );
@@ -182,25 +191,58 @@ PyObject* keyIterator( PyObject* self ) {
    } );
 }
 
-PyObject* nextKey( PyObject* self ) {
-   auto* const iterator = reinterpret_cast<KeyIteratorObject*>( self );
-   return answering( [ & ]() -> py::object {
-      Frame frame( iterator->members->key );
-      void* const key = frame.buildEmpty();
-      bool const onMember = inLibrary( [ & ] {
-         bool const on = iterator->at->onMember();
-         if ( on ) {
-            iterator->at->key( key );
-            iterator->at->advance();
-         }
-         return on;
-      } );
-      return onMember ? frame.object( 0 ) : py::object();
+PyObject* keyIterator( PyObject* self ) {
+   return iterator( self, Part::key );
+}
+
+PyObject* valueIterator( PyObject* self, PyObject* ) {
+   return iterator( self, Part::value );
+}
+
+PyObject* itemIterator( PyObject* self, PyObject* ) {
+   return iterator( self, Part::item );
+}
+
+/// Reads the member on which the iterator stands and goes on, in one stay in the library: another
+/// thread may remove the member before and after, not in between. False at the end.
+bool takeMember( MemberIteratorObject const& iterator, Frame const& member ) {
+   return inLibrary( [ & ] {
+      if ( !iterator.at->onMember() ) {
+         return false;
+      }
+      iterator.at->key( member.slots()[ 0 ] );
+      if ( iterator.part != Part::key ) {
+         iterator.at->value( member.slots()[ 1 ] );
+      }
+      iterator.at->advance();
+      return true;
    } );
 }
 
-void freeKeyIterator( PyObject* self ) {
-   auto* const iterator = reinterpret_cast<KeyIteratorObject*>( self );
+py::object partOf( Frame const& member, Part part ) {
+   switch ( part ) {
+   case Part::key:
+      return member.object( 0 );
+   case Part::value:
+      return member.object( 1 );
+   default:
+      return py::make_tuple( member.object( 0 ), member.object( 1 ) );
+   }
+}
+
+PyObject* nextMember( PyObject* self ) {
+   auto const& iterator = *reinterpret_cast<MemberIteratorObject const*>( self );
+   return answering( [ & ]() -> py::object {
+      Frame member( iterator.members->member );
+      member.buildEmpty();
+      member.buildEmpty();
+      bool const onMember = takeMember( iterator, member );
+      return onMember ? partOf( member, iterator.part ) : py::object(); // no exception: the end
+   } );
+}
+
+void freeMemberIterator( PyObject* self ) {
+   auto* const iterator = reinterpret_cast<MemberIteratorObject*>( self );
    PyTypeObject* const type = Py_TYPE( self );
    inLibrary( [ & ] { iterator->at.reset(); } );
    std::destroy_at( &iterator->at );
@@ -232,7 +274,7 @@ void freeCollection( PyObject* self ) {
    Py_DECREF( type );
 }
 
-PyGetSetDef collectionMembers[] = {
+PyGetSetDef accessMembers[] = {
    { "capacity",
      collectionCapacity,
      nullptr,
@@ -241,8 +283,26 @@ PyGetSetDef collectionMembers[] = {
    {},
 };
 
-py::object accessType() {
-   PyType_Slot slots[] = {
+PyMethodDef accessMethods[] = {
+   { "iterateValues", valueIterator, METH_NOARGS, "iterateValues($self)\n--\n\nThe values." },
+   { "iterateItems",
+     itemIterator,
+     METH_NOARGS,
+     "iterateItems($self)\n--\n\nTuples (key, value), each of one moment." },
+   {},
+};
+
+/// tessel.Collection, which the package derives from the access type.
+PyTypeObject* collectionType() {
+   static auto const& type =
+      *new py::object( py::module_::import( "tessel.collection" ).attr( "Collection" ) );
+   return reinterpret_cast<PyTypeObject*>( type.ptr() );
+}
+
+} // namespace
+
+void addCollectionType( py::module_& module ) {
+   PyType_Slot accessSlots[] = {
       typeSlot( Py_tp_new, refuseToMakeCollection ),
       typeSlot( Py_tp_dealloc, freeCollection ),
       typeSlot( Py_tp_traverse, traverseCollection ),
@@ -253,47 +313,37 @@ py::object accessType() {
       typeSlot( Py_mp_subscript, memberAt ),
       typeSlot( Py_mp_ass_subscript, memberIs ),
       typeSlot( Py_sq_contains, containsKey ),
-      { Py_tp_getset, collectionMembers },
+      { Py_tp_getset, accessMembers },
+      { Py_tp_methods, accessMethods },
       {},
    };
-   PyType_Spec layout{ "tessel.CollectionAccess",
+   PyType_Spec access{ "tessel.CollectionAccess",
                        sizeof( CollectionObject ),
                        0,
-                       Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC,
-                       slots };
-   return owned( PyType_FromSpec( &layout ) );
-}
+                       Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC |
+                          Py_TPFLAGS_IMMUTABLETYPE,
+                       accessSlots };
+   module.attr( "CollectionAccess" ) =
+      py::handle( reinterpret_cast<PyObject*>( typeFrom( access ) ) );
 
-} // namespace
-
-void addCollectionType( py::module_& module ) {
-   py::object const mapping = py::module_::import( "collections.abc" ).attr( "MutableMapping" );
-   py::dict members;
-   members[ "__slots__" ] = py::tuple();
-   members[ "__module__" ] = "tessel";
-   members[ "__doc__" ] =
-      "A collection of an object, as a mapping. Assigning None removes a member.";
-   py::object const type =
-      py::type::of( mapping )( "Collection", py::make_tuple( accessType(), mapping ), members );
-   module.attr( "Collection" ) = type;
-   collectionType = reinterpret_cast<PyTypeObject*>( type.inc_ref().ptr() );
-
-   PyType_Slot slots[] = {
+   PyType_Slot iteratorSlots[] = {
       typeSlot( Py_tp_iter, PyObject_SelfIter ),
-      typeSlot( Py_tp_iternext, nextKey ),
-      typeSlot( Py_tp_dealloc, freeKeyIterator ),
+      typeSlot( Py_tp_iternext, nextMember ),
+      typeSlot( Py_tp_dealloc, freeMemberIterator ),
       {},
    };
-   PyType_Spec layout{ "tessel.KeyIterator",
-                       sizeof( KeyIteratorObject ),
+   PyType_Spec layout{ "tessel.MemberIterator",
+                       sizeof( MemberIteratorObject ),
                        0,
-                       Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION,
-                       slots };
-   keyIteratorType = typeFrom( layout );
+                       Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION |
+                          Py_TPFLAGS_IMMUTABLETYPE,
+                       iteratorSlots };
+   memberIteratorType = typeFrom( layout );
 }
 
 py::object newCollection( PyObject* owner, Weft::Attribute const& attribute ) {
-   py::object made = owned( collectionType->tp_alloc( collectionType, 0 ) );
+   PyTypeObject* const type = collectionType();
+   py::object made = owned( type->tp_alloc( type, 0 ) );
    auto* const collection = reinterpret_cast<CollectionObject*>( made.ptr() );
    collection->owner = Py_NewRef( owner );
    collection->members = &membersOf( attribute );

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-/// Collections as mappings: tessel.Collection, a collections.abc.MutableMapping over one collection
-/// attribute of one object, which it keeps alive. It holds no members of its own: every use looks
-/// into the object.
+/// Collections as mappings: what tessel.Collection, a collections.abc.MutableMapping, is derived
+/// from. One is a view on one collection attribute of one object, which it keeps alive. It holds no
+/// members of its own: every use looks into the object.
 ///
 /// Threads: as python/Convert.h.
 
@@ -11,7 +11,7 @@
 
 namespace TesselPython {
 
-/// Makes tessel.Collection and adds it to the module.
+/// Makes the base of tessel.Collection and adds it to the module.
 void addCollectionType( py::module_& module );
 
 /// The mapping for a collection attribute of `owner`, an object of the attribute's owner.

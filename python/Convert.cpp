@@ -86,7 +86,8 @@ class ByteString final : public Simple<Corvo::Bytes> {
       Py_buffer buffer;
       if ( PyObject_GetBuffer( object, &buffer, PyBUF_SIMPLE ) != 0 ) {
          PyErr_Clear();
-         refuse( "bytes", object );
+         bool const scattered = PyObject_CheckBuffer( object ) != 0;
+         refuse( scattered ? "a buffer in one piece" : "bytes", object );
       }
       struct Release {
          void operator()( Py_buffer* held ) const { PyBuffer_Release( held ); }
@@ -312,7 +313,12 @@ std::string textFrom( PyObject* str ) {
    if ( !PyUnicode_Check( str ) ) {
       refuse( "a str", str );
    }
-   py::object const bytes = owned( PyUnicode_AsEncodedString( str, "utf-8", "surrogateescape" ) );
+   PyObject* const encoded = PyUnicode_AsEncodedString( str, "utf-8", "surrogateescape" );
+   if ( encoded == nullptr && PyErr_ExceptionMatches( PyExc_UnicodeEncodeError ) != 0 ) {
+      PyErr_Clear();
+      throw Refusal( PyExc_ValueError, "text with lone surrogates stands for no bytes" );
+   }
+   py::object const bytes = owned( encoded );
    return { PyBytes_AS_STRING( bytes.ptr() ),
             static_cast<std::size_t>( PyBytes_GET_SIZE( bytes.ptr() ) ) };
 }

@@ -100,4 +100,14 @@ class Frame {
    void** slots_ = usual_.data();
 };
 
+/// Builds the frame's next slot; a Refusal says that the object was given as `place`.
+inline void buildNamed( Frame& frame, PyObject* object, std::string const& place ) {
+   try {
+      frame.build( object );
+   } catch ( Refusal& refusal ) {
+      refusal.placeIs( place );
+      throw;
+   }
+}
+
 } // namespace TesselPython

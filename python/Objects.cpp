@@ -230,6 +230,15 @@ PyObject* valueFromString( PyObject* pythonType, PyObject* text ) {
    } );
 }
 
+/// Pickled as text; what names an entity is read back as long as that lives.
+PyObject* reduceValue( PyObject* self, PyObject* ) {
+   return answering( [ & ] {
+      py::object const pythonType = py::type::of( self );
+      return py::make_tuple( pythonType.attr( "fromString" ),
+                             py::make_tuple( textInto( formOf( self ) ) ) );
+   } );
+}
+
 PyMethodDef valueMethods[] = {
    { "fromString",
      valueFromString,
@@ -243,6 +252,7 @@ PyMethodDef valueMethods[] = {
      METH_O,
      "__deepcopy__($self, memo)\n--\n\nAs copy.copy: entities that a value refers to are never "
      "copied." },
+   { "__reduce__", reduceValue, METH_NOARGS, "__reduce__($self)\n--\n\nFor pickle: its text." },
    {},
 };
 
@@ -358,7 +368,7 @@ PyTypeObject* addBase( py::module_& module, PyType_Spec& layout, char const* nam
 } // namespace
 
 void addObjectTypes( py::module_& module ) {
-   unsigned const flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE;
+   unsigned const flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_IMMUTABLETYPE;
    PyType_Slot valueSlots[] = {
       { Py_tp_doc, valueDoc },
       typeSlot( Py_tp_new, makeValue ),

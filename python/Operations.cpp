@@ -47,10 +47,10 @@ Operation const& operationOf( PyObject* method ) {
 }
 
 [[noreturn]] void refuseRawPointers( Operation const& operation ) {
-   auto const* const instead = byteStringForm( operation.attribute );
-   std::string const hint =
-      instead ? "; call " + std::string( instead->name() ) + " with byte strings" : "";
-   throw Refusal( PyExc_TypeError, operation.name + "() takes raw pointers" + hint );
+   std::string const instead = formsForScripts( operation.attribute );
+   throw Refusal( PyExc_TypeError,
+                  operation.name + "() takes raw pointers" +
+                     ( instead.empty() ? "" : "; call " + instead ) );
 }
 
 py::object perform( Operation const& operation,
@@ -197,7 +197,7 @@ void assign( void* object, Property const& property, PyObject* value ) {
    if ( several ) {
       property.assignment.bind( frame, value, nullptr );
    } else {
-      frame.build( value );
+      buildNamed( frame, value, property.name );
    }
    performOn( object, property.attribute, Weft::Op::write, nullptr, frame.slots() );
 }
@@ -210,12 +210,7 @@ int setProperty( PyObject* self, PyObject* value, void* closure ) {
          performOn( object, property.attribute, Weft::Op::del, nullptr, nullptr );
          return 0;
       }
-      try {
-         assign( object, property, value );
-      } catch ( Refusal& refusal ) {
-         refusal.placeIs( property.name );
-         throw;
-      }
+      assign( object, property, value );
       return 0;
    } );
 }
@@ -261,7 +256,8 @@ void prepareOperations() {
                        sizeof( MethodObject ),
                        0,
                        Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_VECTORCALL |
-                          Py_TPFLAGS_METHOD_DESCRIPTOR | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+                          Py_TPFLAGS_METHOD_DESCRIPTOR | Py_TPFLAGS_DISALLOW_INSTANTIATION |
+                          Py_TPFLAGS_IMMUTABLETYPE,
                        slots };
    methodType = typeFrom( layout );
 }

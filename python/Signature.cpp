@@ -143,12 +143,7 @@ void Signature::bindOne( Frame& frame, std::size_t index, PyObject* given ) cons
       throw Refusal( PyExc_TypeError,
                      name_ + "() needs the argument '" + std::string( argument.name() ) + "'" );
    }
-   try {
-      frame.build( given );
-   } catch ( Refusal& refusal ) {
-      refusal.placeIs( name_ + "() argument '" + std::string( argument.name() ) + "'" );
-      throw;
-   }
+   buildNamed( frame, given, name_ + "() argument '" + std::string( argument.name() ) + "'" );
 }
 
 std::string Signature::plainText( std::string_view self ) const {

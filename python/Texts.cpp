@@ -62,7 +62,9 @@ std::string walkNote( Weft::TypeInfo const& type ) {
    std::string text = "Iterates as tuples (";
    char const* separator = "";
    for ( Weft::Attribute const* const part : walk.item ) {
-      text += separator + std::string( part->name() );
+      std::string_view const name = part->name();
+      text += separator + std::string( name.substr( 0, name.find( "_py" ) ) ) + ": " +
+              converterOf( *part ).annotation();
       separator = ", ";
    }
    return text + ").";
@@ -157,14 +159,29 @@ std::string operationDoc( Weft::Attribute const& operation ) {
    if ( !signature.takesRawPointers() ) {
       return text + paragraph( name + signature.annotatedText() );
    }
-   auto const* const instead = byteStringForm( operation );
+   std::string const instead = formsForScripts( operation );
    return text + paragraph( "Takes raw pointers, which scripts cannot give" +
-                            ( instead ? ": call " + std::string( instead->name() ) : "" ) + "." );
+                            ( instead.empty() ? "" : ": call " + instead ) + "." );
 }
 
-Weft::Attribute const* byteStringForm( Weft::Attribute const& operation ) {
-   auto const* const form = operation.owner().attribute( std::string( operation.name() ) + "_py" );
-   return form != nullptr && !form->hidden() ? form : nullptr;
+std::string formsForScripts( Weft::Attribute const& operation ) {
+   std::string const name( operation.name() );
+   auto const* const form = operation.owner().attribute( name + "_py" );
+   if ( form != nullptr && !form->hidden() ) {
+      return name + "_py with byte strings";
+   }
+   std::string forms;
+   for ( Weft::Attribute const& other : operation.owner().attributes() ) {
+      std::string_view const ending =
+         other.name().starts_with( name ) ? other.name().substr( name.size() ) : "";
+      bool const ofOneWidth = !ending.empty() && std::ranges::all_of( ending, []( char c ) {
+         return c >= '0' && c <= '9';
+      } );
+      if ( ofOneWidth && !other.hidden() ) {
+         forms += ( forms.empty() ? "" : " or " ) + std::string( other.name() );
+      }
+   }
+   return forms;
 }
 
 std::string_view kindName( Weft::AttributeKind kind ) {

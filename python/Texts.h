@@ -31,8 +31,10 @@ std::string classDoc( Weft::TypeInfo const& type );
 std::string propertyDoc( Weft::Attribute const& attribute );
 std::string operationDoc( Weft::Attribute const& operation );
 
-/// Of a raw-pointer operation `entry`: `entry_py`; null where the type has none.
-Weft::Attribute const* byteStringForm( Weft::Attribute const& operation );
+/// What scripts call in place of an operation that takes raw pointers: of `entry`, "entry_py with
+/// byte strings"; of `doReadVellum`, "doReadVellum64 or doReadVellum32 or …". Empty where
+/// the type has no such form.
+std::string formsForScripts( Weft::Attribute const& operation );
 
 /// "readOnly", "opConst": the kind's name.
 std::string_view kindName( Weft::AttributeKind kind );

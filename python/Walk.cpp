@@ -178,7 +178,8 @@ void prepareWalks() {
    PyType_Spec layout{ "tessel.Iterator",
                        sizeof( IteratorObject ),
                        0,
-                       Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+                       Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION |
+                          Py_TPFLAGS_IMMUTABLETYPE,
                        slots };
    iteratorType = typeFrom( layout );
 }

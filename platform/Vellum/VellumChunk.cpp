@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Vellum/VellumChunk.h"
 
+#include "Weft/CharRange.h"
 #include "Weft/Contract.h"
 #include "Weft/NamedSystemError.h"
 
@@ -29,7 +30,7 @@ constexpr mode_t ownerOnly = S_IRUSR | S_IWUSR;
 
 [[noreturn]] void refuse( std::error_code cause, Corvo::String const& name, std::string_view why ) {
    throw Weft::NamedSystemError(
-      cause, name, "shared memory \"" + name + "\" " + std::string( why ) );
+      cause, name, "shared memory " + Weft::quoted( name ) + " " + std::string( why ) );
 }
 
 [[noreturn]] void refuse( std::errc cause, Corvo::String const& name, std::string_view why ) {

@@ -49,13 +49,7 @@ template<class T>
    requires std::is_enum_v<T>
 struct SlotTraits<T> {
    using Slot = U32;
-   static T fromSlot( U32 slot ) {
-      if ( slot > EnumValues<T>::last ) {
-         throw std::out_of_range( std::to_string( slot ) + " is past the last value, " +
-                                  std::to_string( EnumValues<T>::last ) );
-      }
-      return static_cast<T>( slot );
-   }
+   static T fromSlot( U32 slot ) { return static_cast<T>( slot ); }
    static U32 toSlot( T value ) { return static_cast<U32>( value ); }
 };
 
@@ -109,14 +103,22 @@ Weft::TypeReference typeReference() {
 }
 
 /// Argument `index` as a function takes it that declares a `T`. std::invalid_argument when it is
-/// missing.
+/// missing, std::out_of_range when it is past the last value of an enumeration.
 template<class T>
 decltype( auto ) argument( void* const* arguments, std::size_t index ) {
    if ( arguments == nullptr || arguments[ index ] == nullptr ) {
       throw std::invalid_argument( "argument " + std::to_string( index + 1 ) + " is missing" );
    }
    using Value = std::remove_cvref_t<T>;
-   return SlotTraits<Value>::fromSlot( *static_cast<SlotOf<T>*>( arguments[ index ] ) );
+   auto& slot = *static_cast<SlotOf<T>*>( arguments[ index ] );
+   if constexpr ( std::is_enum_v<Value> ) {
+      if ( slot > EnumValues<Value>::last ) {
+         throw std::out_of_range( "argument " + std::to_string( index + 1 ) + " is " +
+                                  std::to_string( slot ) + ", past the last value, " +
+                                  std::to_string( EnumValues<Value>::last ) );
+      }
+   }
+   return SlotTraits<Value>::fromSlot( slot );
 }
 
 /// The key of a collection operation. std::invalid_argument when it is missing.

@@ -19,7 +19,8 @@ MemoryError; everything is then as it was before the call.
 """
 
 from tessel import _tessel
-from tessel._tessel import Collection, ContractError, Entity, Value, liveObjects, useCount
+from tessel._tessel import ContractError, Entity, Value, liveObjects, useCount
+from tessel.collection import Collection
 from tessel.registry import Argument, Attribute, Module, TypeInfo, modules, typeInfo
 
 __all__ = [

@@ -23,13 +23,18 @@ from typing import Any, ClassVar, Generic, NoReturn, TypeVar, overload
 from tessel.registry import Argument as Argument, Attribute as Attribute, Module as Module
 from tessel.registry import TypeInfo as TypeInfo, modules as modules, typeInfo as typeInfo
 
+Buffer = bytes | bytearray | memoryview
 K = TypeVar("K")
 V = TypeVar("V")
 Self = TypeVar("Self")
 
 class Value:
+    """A registered value: copied, compared and printed; it has no identity."""
+
     @classmethod
-    def fromString(cls: type[Self], text: str) -> Self: ...
+    def fromString(cls: type[Self], text: str) -> Self:
+        """The value whose str() the text is. ValueError says where a text is not one."""
+
     def __copy__(self: Self) -> Self: ...
     def __deepcopy__(self: Self, memo: Any) -> Self: ...
     def __bool__(self) -> bool: ...
@@ -38,11 +43,16 @@ class Value:
     def __gt__(self: Self, other: Self) -> bool: ...
     def __ge__(self: Self, other: Self) -> bool: ...
 
-class Entity: ...
+class Entity:
+    """A registered object, held by reference: two handles of one object are equal."""
 
 class Collection(MutableMapping[K, V], Generic[K, V]):
+    """A collection of an object, as a mapping. Assigning None removes a member."""
+
     @property
-    def capacity(self) -> int: ...
+    def capacity(self) -> int:
+        """Members held before the collection takes more memory."""
+
     def __getitem__(self, key: K) -> V: ...
     def __setitem__(self, key: K, value: V | None) -> None: ...
     def __delitem__(self, key: K) -> None: ...
@@ -73,11 +83,25 @@ def short(name: str) -> str:
     return name.rpartition(":")[2]
 
 
+def given(annotation: str) -> str:
+    """What a caller may give where the library holds what the annotation says."""
+    return "Buffer" if annotation == "bytes" else annotation
+
+
 def parameters(first: list[str], arguments: Iterable[Argument]) -> str:
     own = [
-        f"{a.name}: {a.annotation}" + (f" = {a.default!r}" if a.optional else "") for a in arguments
+        f"{a.name}: {given(a.annotation)}" + (f" = {a.default!r}" if a.optional else "")
+        for a in arguments
     ]
     return ", ".join(first + own)
+
+
+def function(signature: str, doc: str = "") -> Iterator[str]:
+    if not doc:
+        yield f"def {signature}: ..."
+        return
+    yield f"def {signature}:"
+    yield f'    """{doc}"""'
 
 
 def takesRawPointers(operation: Attribute) -> bool:
@@ -89,18 +113,21 @@ def operationLines(operation: Attribute) -> Iterator[str]:
     if static:
         yield "@staticmethod"
     result = "NoReturn" if takesRawPointers(operation) else operation.annotation
-    given = parameters([] if static else ["self"], operation.arguments)
-    yield f"def {operation.name}({given}) -> {result}: ..."
+    own = parameters([] if static else ["self"], operation.arguments)
+    yield from function(f"{operation.name}({own}) -> {result}", operation.doc)
 
 
 def propertyLines(attribute: Attribute) -> Iterator[str]:
     yield "@property"
-    yield f"def {attribute.name}(self) -> {attribute.annotation}: ..."
+    yield from function(f"{attribute.name}(self) -> {attribute.annotation}", attribute.doc)
     if attribute.kind == "state" and attribute.annotation != "None":
         yield f"@{attribute.name}.setter"
-        given = ", ".join(a.annotation for a in attribute.arguments)
-        value = f"tuple[{given}]" if given else attribute.annotation
-        yield f"def {attribute.name}(self, value: {value}) -> None: ..."
+        several = ", ".join(given(a.annotation) for a in attribute.arguments)
+        value = f"tuple[{several}]" if several else given(attribute.annotation)
+        yield from function(f"{attribute.name}(self, value: {value}) -> None")
+        if several:
+            yield f"@{attribute.name}.deleter"
+            yield from function(f"{attribute.name}(self) -> None")
 
 
 def attributeLines(attribute: Attribute) -> Iterator[str]:
@@ -111,7 +138,7 @@ def attributeLines(attribute: Attribute) -> Iterator[str]:
     elif attribute.kind == "collection":
         yield "@property"
         mapping = f"Collection[{attribute.keyAnnotation}, {attribute.annotation}]"
-        yield f"def {attribute.name}(self) -> {mapping}: ..."
+        yield from function(f"{attribute.name}(self) -> {mapping}", attribute.doc)
     elif attribute.kind in ("op", "opConst", "opStatic"):
         yield from operationLines(attribute)
     else:
@@ -119,21 +146,24 @@ def attributeLines(attribute: Attribute) -> Iterator[str]:
 
 
 def constructorLines(info: TypeInfo) -> Iterator[str]:
-    given = parameters(["self"], info.arguments)
+    own = parameters(["self"], info.arguments)
     if not info.constructible:
         yield "def __init__(self, *args: NoReturn) -> None: ..."
     elif info.kind == "entity" or not info.arguments:
-        yield f"def __init__({given}) -> None: ..."
+        yield from function(f"__init__({own}) -> None")
     else:
         yield "@overload"
         yield "def __init__(self) -> None: ..."
         yield "@overload"
-        yield f"def __init__({given}) -> None: ..."
+        yield from function(f"__init__({own}) -> None")
 
 
 def classLines(info: TypeInfo) -> Iterator[str]:
     base = short(info.base) if info.base else {"value": "Value", "entity": "Entity"}[info.kind]
     yield f"class {short(info.name)}({base}):"
+    if info.doc:
+        yield f'    """{info.doc}"""'
+        yield ""
     for line in constructorLines(info):
         yield f"    {inside(info, line)}"
     if info.walks:

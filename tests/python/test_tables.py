@@ -3,6 +3,7 @@
 
 import errno
 import os
+import pickle
 import subprocess
 import sys
 
@@ -184,3 +185,53 @@ for use in (lambda: tessel.VellumChunk.inProcess(0xffffffff),
     answer = subprocess.run([sys.executable, "-c", script], capture_output=True, check=True)
     assert answer.stdout.split() == [b"MemoryError"] * answer.stdout.count(b"\n")
     assert answer.stdout.count(b"\n") >= 2
+
+
+def test_collections_are_walked_while_members_come_and_go(agent):
+    for i in range(8):
+        agent.mac.entryIs_py(i % 2, bytes([i]) + KEY[1:], RESULT)
+    keys = agent.mac.keyToIndexList
+    walks = iter(keys.items()), iter(keys.values())
+    assert [next(walk) for walk in walks][0][0] in keys
+    agent.mac.clearTable()
+    assert [list(walk) for walk in walks] == [[], []]
+    agent.mac.entryIs_py(3, KEY, RESULT)
+    assert dict(agent.mac.numUsedEntriesByChipId.items()) == {0: 0, 1: 0, 3: 1}
+    assert [dict(slots.index.items()) for slots in keys.values()] == [{3: tessel.EmTableIndex(0)}]
+    impossible = 300, -1, "3", None, [], tessel.EntryKey(KEY)
+    assert not any(key in agent.mac.numUsedEntriesByChipId for key in impossible)
+
+
+def test_classes_stay_what_they_are(agent):
+    for name in ("bytes", "hash", "fromString", "extra"):
+        with pytest.raises(TypeError, match="immutable type"):
+            setattr(tessel.EntryKey, name, None)
+    with pytest.raises(TypeError):
+        tessel.EntryKey(KEY).__class__ = tessel.EntryResult
+
+
+def test_values_travel_as_text(agent):
+    agent.mac.entryIs_py(1, KEY, RESULT)
+    walk = agent.mac.managedTableIteratorConst()
+    for value in (tessel.EntryKey(KEY), walk, tessel.EmShadowTableIteratorConst(agent.mac)):
+        assert pickle.loads(pickle.dumps(value)) == value
+    with pytest.raises(TypeError, match="pickle"):
+        pickle.dumps(agent.mac)
+
+
+@pytest.mark.parametrize(
+    "use, message",
+    [
+        (lambda t: t.entry(0, 1, 2), "call entry_py with byte strings"),
+        (lambda t: t.doReadVellum(0, 1, 2), "call doReadVellum64 or doReadVellum32"),
+        (lambda t: t.entryHas_py(0, memoryview(KEY)[::2]), "'key': a buffer in one piece"),
+        (lambda t: setattr(t, "freeIndexBmp", 5), r"^freeIndexBmp takes a tuple \(id, size"),
+        (lambda t: setattr(t, "freeIndexBmp", (1, "x", 0)), r"^freeIndexBmp\(\) argument 'size'"),
+        (lambda t: setattr(t, "freeIndexBmp", (1, 64, 9)), "argument 3 is 9, past the last value"),
+        (lambda t: tessel.VellumChunk.open("/a\0b"), r'"/a\\x00b" is no name: .*'),
+        (lambda t: tessel.VellumChunk.open("/\ud800"), "argument 'name': text with lone surrog"),
+    ],
+)
+def test_a_refusal_says_what_is_wrong_and_where(agent, use, message):
+    with pytest.raises((TypeError, ValueError, OSError), match=message):
+        use(agent.mac)
