@@ -16,10 +16,8 @@ using Brine::HBitmap;
 
 constexpr U64 addressableBytes = U64{ 1 } << 32;
 
-/// Bytes of a slot: valid, chip, key, result, up to a multiple of 4. In 64 bits, so that lengths past
-/// the limits do not wrap into a slot that would fit.
 U64 slotLength( TableHelper const& geometry ) {
-   return ( U64{ geometry.keyLengthBytes() } + geometry.resultLengthBytes() + 5 ) & ~U64{ 3 };
+   return imageLength<U64>( geometry.keyLengthBytes(), geometry.resultLengthBytes() );
 }
 
 void traceWrite( char const* operation, EmTableIndex index, Brine::ChipId chipId ) {
@@ -102,11 +100,13 @@ void EmShadowTable::reconcile() {
 
 // ------------------------------------------------------------------------------------- entries
 
+EmShadowTable::Code const& EmShadowTable::tracedCode() const {
+   return *tracedCode_;
+}
+
 inline EmShadowTable::Code const& EmShadowTable::code() const {
-   if ( emTableTrace.enabled() ) [[unlikely]] {
-      return *tracedCode_;
-   }
-   return *code_;
+   // A call, so that the compiler makes no selection of it, for which every operation would wait.
+   return emTableTrace.enabled() ? tracedCode() : *code_;
 }
 
 bool EmShadowTable::isFull() const {
@@ -243,6 +243,7 @@ void EmShadowTable::updateTableIndex( Brine::ChipId chipId,
                                       EmTableIndex index ) {
    traceTableUpdate( chipId, index );
    sassert( index.valid(), "index.valid()" );
+   rangeIsShared(); // the slot that is named need not hold an image
    keyToSlot_->indexIs( chipId, key, index );
 }
 
@@ -273,12 +274,16 @@ EmShadowTable::freeIndexBmpIs( U64 id, U32 size, HBitmap::BitState initialBitSta
                         freeIndexBmp_->size() == size &&
                         freeIndexBmp_->initialBitState() == initialBitState;
    if ( !asAsked ) {
+      if ( freeIndexBmp_ ) {
+         rangeIsShared(); // slots that the map names may be given to others
+      }
       freeIndexBmp_ = Corvo::makePtr<HBitmap>( id, size, initialBitState );
    }
    return freeIndexBmp_;
 }
 
 Corvo::Ptr<HBitmap> EmShadowTable::freeIndexBmpDel() {
+   rangeIsShared();
    return std::move( freeIndexBmp_ );
 }
 
@@ -287,6 +292,7 @@ EmTableIndex EmShadowTable::alloc() {
 }
 
 void EmShadowTable::free( EmTableIndex index ) {
+   rangeIsShared(); // the map may still name the slot
    SlotWork<true, EmShadowTable>( *this ).giveBackSlot( index );
 }
 
@@ -320,6 +326,7 @@ void EmShadowTable::writeToShadowMemory( EmTableIndex index,
 }
 
 void EmShadowTable::invalidateVellumMemory( EmTableIndex index ) {
+   rangeIsShared();
    SlotWork<true, EmShadowTable>( *this ).wipeImage( index );
 }
 

@@ -450,9 +450,12 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    class [[gnu::visibility( "hidden" )]] SlotWork;
    template<bool traced, class KeyClass, class Table>
    class [[gnu::visibility( "hidden" )]] EntryWork;
+   template<bool traced, class KeyClass>
+   class [[gnu::visibility( "hidden" )]] WholeWork;
    struct Code;
    struct CodeChoice;
    Code const& code() const;
+   [[gnu::cold, gnu::noinline]] Code const& tracedCode() const;
 
    [[gnu::always_inline]] void checkSlot( EmTableIndex index,
                                           char const* operation = __builtin_FUNCTION() ) const {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Tessel/EmTableCode.h"
 
-#include "Tessel/EmTableWork.h"
+#include "Tessel/EmTableWholeWork.h"
 
 namespace Tessel {
 
@@ -11,63 +11,74 @@ struct EmShadowTable::CodeChoice {
    struct Functions {
       using Work = EntryWork<traced, Keys, EmShadowTable>;
       using Look = EntryWork<traced, Keys, EmShadowTable const>;
+      using Whole = WholeWork<traced, Keys>;
 
       static bool entryIs( EmShadowTable& table,
                            Brine::ChipId chipId,
                            Weft::CharPtrConst key,
                            Weft::CharPtrConst result ) {
-         return Work( table ).template set<Result>( chipId, key, result );
+         Work const work( table );
+         return work.template set<Result>( chipId, key, work.keyAt( key ).hash, result );
       }
       static void entryDel( EmShadowTable& table, Brine::ChipId chipId, Weft::CharPtrConst key ) {
-         Work( table ).del( chipId, key );
+         Work const work( table );
+         work.del( chipId, key, work.keyAt( key ).hash );
       }
       static bool
       entryHas( EmShadowTable const& table, Brine::ChipId chipId, Weft::CharPtrConst key ) {
-         return Look( table ).has( chipId, key );
+         Look const look( table );
+         return look.has( chipId, key, look.keyAt( key ).hash );
       }
       static bool entry( EmShadowTable const& table,
                          Brine::ChipId chipId,
                          Weft::CharPtrConst key,
                          Weft::CharPtr result ) {
-         return Look( table ).template get<Result>( chipId, key, result );
+         Look const look( table );
+         return look.template get<Result>( chipId, key, look.keyAt( key ).hash, result );
       }
       static U64
       entryIsBulk( EmShadowTable& table, std::span<EmPairAndResult const> pairs, bool* answers ) {
          Work const work( table );
-         return work.inBulk( pairs, answers, [ & ]( EmPairAndResult const& pair ) {
-            return work.template set<Result>( pair.chipId, pair.key, pair.result );
-         } );
+         auto const one = [ & ]( EmPairAndResult const& pair, U64 hash )
+            __attribute__( ( always_inline ) ) {
+            return work.template set<Result>( pair.chipId, pair.key, hash, pair.result );
+         };
+         return work.template inBulk<true>( pairs, answers, one );
       }
       static U64
       entryDelBulk( EmShadowTable& table, std::span<EmPair const> pairs, bool* answers ) {
          Work const work( table );
-         return work.inBulk( pairs, answers, [ & ]( EmPair const& pair ) {
-            return work.del( pair.chipId, pair.key );
-         } );
+         auto const one = [ & ]( EmPair const& pair, U64 hash ) __attribute__( ( always_inline ) ) {
+            return work.del( pair.chipId, pair.key, hash );
+         };
+         return work.template inBulk<true>( pairs, answers, one );
       }
       static U64
       entryHasBulk( EmShadowTable const& table, std::span<EmPair const> pairs, bool* answers ) {
          Look const look( table );
-         return look.inBulk( pairs, answers, [ & ]( EmPair const& pair ) {
-            return look.has( pair.chipId, pair.key );
-         } );
+         auto const one = [ & ]( EmPair const& pair, U64 hash ) __attribute__( ( always_inline ) ) {
+            return look.has( pair.chipId, pair.key, hash );
+         };
+         return look.template inBulk<false>( pairs, answers, one );
       }
       static U64 entryBulk( EmShadowTable const& table,
                             std::span<EmPairAndBuffer const> pairs,
                             bool* answers ) {
          Look const look( table );
-         return look.inBulk( pairs, answers, [ & ]( EmPairAndBuffer const& pair ) {
-            return look.template get<Result>( pair.chipId, pair.key, pair.result );
-         } );
+         auto const one = [ & ]( EmPairAndBuffer const& pair, U64 hash )
+            __attribute__( ( always_inline ) ) {
+            return look.template get<Result>( pair.chipId, pair.key, hash, pair.result );
+         };
+         return look.template inBulk<true>( pairs, answers, one );
       }
       static EmTableEntry readFromVellumMemory( EmShadowTable const& table, EmTableIndex index ) {
          return Look( table ).template entryAt<Result>( index );
       }
-      static void reconcile( EmShadowTable& table ) { Work( table ).reconcile(); }
+      static void reconcile( EmShadowTable& table ) { Whole( table ).reconcile(); }
       static void deleteAll( EmShadowTable& table, Brine::ChipId chipId ) {
-         Work( table ).deleteAll( chipId );
+         Whole( table ).deleteAll( chipId );
       }
-      static void clearTable( EmShadowTable& table ) { Work( table ).clear(); }
+      static void clearTable( EmShadowTable& table ) { Whole( table ).clear(); }
    };
 
    template<bool traced, class Keys, class Result>

@@ -28,6 +28,7 @@ struct ImageShape {
 class NoResult {
  public:
    static constexpr bool isOneUnit = true;
+   static constexpr bool isExact = false;
    static constexpr U32 exactly( U32 /*length*/ ) { return 0; }
 
    NoResult() = default;
@@ -41,6 +42,7 @@ class NoResult {
 class AnyResult {
  public:
    static constexpr bool isOneUnit = false;
+   static constexpr bool isExact = false;
    static constexpr U32 exactly( U32 length ) { return length; }
 
    AnyResult() = default;
@@ -90,39 +92,42 @@ class ImageFields {
    Result result_;
 };
 
-/// Reads the result of the image at `image` if it is that of `chip` and `key` and nobody is writing it:
-/// what Vellum::loadImageBy asks of an image and what the caller asks of it, in one test. False says
-/// only that loadImageBy must be asked. Who writes the images reads them once.
+/// How the image at `image` differs from one of `chip` and `key` that nobody is writing; 0 if it does
+/// not. Reads its result.
 template<std::size_t wordCount, class Result>
-[[gnu::always_inline]] inline bool readExpectedImage( U8 const* image,
+[[gnu::always_inline]] inline U64 readImageOf( U8 const* image,
+                                               ImageShape shape,
+                                               Brine::ChipId chip,
+                                               KeyWords<wordCount> const& key,
+                                               Result& result ) {
+   U16 const head = static_cast<U16>( 1U | U32{ chip.value() } << 8 );
+   auto const* const keyBytes = reinterpret_cast<char const*>( image + ImageShape::keyOffset );
+   U64 const difference =
+      differenceOf<wordCount>( keyWordsAt<wordCount>( keyBytes, shape.keyLength ), key );
+   result = Result( image + shape.resultOffset(), shape.resultLength );
+   return difference | ( Vellum::detail::loadUnit<U16>( image ) ^ head );
+}
+
+/// The same of an image that somebody else writes: what Vellum::loadImageBy asks of an image and what
+/// the caller asks of it, in one test. What is not 0 says only that loadImageBy must be asked.
+template<std::size_t wordCount, class Result>
+[[gnu::always_inline]] inline U64 readForeignImageOf( U8 const* image,
                                                       ImageShape shape,
                                                       Brine::ChipId chip,
                                                       KeyWords<wordCount> const& key,
-                                                      bool isWriter,
                                                       Result& result ) {
    using Vellum::detail::orderLoads;
    auto const firstWord = [ image ] { return Vellum::detail::loadUnit<U32>( image ); };
-   auto const keyDifference = [ & ] {
-      auto const* const bytes = reinterpret_cast<char const*>( image + ImageShape::keyOffset );
-      return differenceOf<wordCount>( keyWordsAt<wordCount>( bytes, shape.keyLength ), key );
-   };
-   U32 const head = 1U | U32{ chip.value() } << 8;
-
+   Result again;
    U32 const before = firstWord();
    orderLoads();
-   U64 difference = keyDifference() | ( ( before ^ head ) & 0xffff );
-   result = Result( image + shape.resultOffset(), shape.resultLength );
-   if ( isWriter ) [[likely]] {
-      return difference == 0;
-   }
+   U64 difference = readImageOf<wordCount>( image, shape, chip, key, result );
    orderLoads();
    difference |= firstWord() ^ before;
    orderLoads();
-   difference |= keyDifference();
-   Result const again( image + shape.resultOffset(), shape.resultLength );
+   difference |= readImageOf<wordCount>( image, shape, chip, key, again );
    orderLoads();
-   difference |= firstWord() ^ before;
-   return ( difference | differenceOf( again, result ) ) == 0;
+   return difference | ( firstWord() ^ before ) | differenceOf( again, result );
 }
 
 /// Copies `length` bytes, which need exactly `wordCount` words.
@@ -169,8 +174,11 @@ template<std::size_t wordCount>
    Vellum::storeImage( to, bytesOf( raw ), shape.length );
 }
 
+/// Whether an image that is about to be written is known to show itself.
+enum class Before { maybeNothing, anImage };
+
 /// Writes the image of an entry at `to`, in the order of Vellum/OrderedCopy.h.
-template<std::size_t wordCount, class Result>
+template<std::size_t wordCount, class Result, Before before = Before::maybeNothing>
 [[gnu::always_inline]] inline void storeEntryImage( U8* to,
                                                     ImageShape shape,
                                                     Brine::ChipId chip,
@@ -181,13 +189,19 @@ template<std::size_t wordCount, class Result>
    } else {
       // The result goes in one store, as the last bytes of an image must.
       Result const bytes( reinterpret_cast<U8 const*>( result ), shape.resultLength );
-      Vellum::storeImageBy( to, 1, [ & ]( U8* image, U8 /*meanwhile*/ ) {
+      auto const storeBody = [ & ]( U8 * image, U8 /*meanwhile*/ )
+         __attribute__( ( always_inline ) ) {
          bytes.store( image + shape.resultOffset(), shape.resultLength );
          Vellum::detail::orderStores();
          image[ 1 ] = chip.value();
          copyKey<wordCount>( image + ImageShape::keyOffset, key, shape.keyLength );
          storePadding( image, shape );
-      } );
+      };
+      if constexpr ( before == Before::anImage ) {
+         Vellum::rewriteImageBy( to, 1, storeBody );
+      } else {
+         Vellum::storeImageBy( to, 1, storeBody );
+      }
    }
 }
 

@@ -15,6 +15,13 @@ namespace Tessel {
 inline constexpr Weft::SassertHelper sassert{ "EmTable" };
 extern Weft::TraceHelper const emTableTrace;
 
+/// Bytes of a slot: valid, chip, key, result, up to a multiple of 4. In 64 bits, lengths past the
+/// limits do not wrap into a slot that would fit.
+template<class Number>
+constexpr Number imageLength( Number keyLength, Number resultLength ) {
+   return ( keyLength + resultLength + 5 ) & ~Number{ 3 };
+}
+
 /// What every making of a key or result from caller bytes traces and checks.
 inline void checkKeySize( U32 keySize ) {
    constexpr char const* operation = "makeEmTableKey";
@@ -71,6 +78,9 @@ inline void traceTableDelete( Brine::ChipId chip ) {
 /// How many entries a bulk operation works on at once: enough to hide the time of a cache miss behind
 /// the work on the others, few enough that what was fetched is still there.
 inline constexpr U32 bulkBlock = 32;
+/// How many entries a bulk call takes from one stage to the next at once: so long it takes, at the
+/// least, until what a stage has fetched is needed.
+inline constexpr std::size_t bulkStep = 16;
 /// A map of at most so many bytes is taken to be in a cache next to the processor: there fetching costs
 /// more than it saves.
 inline constexpr U64 cachedBytes = U64{ 256 } << 10;

@@ -83,6 +83,28 @@ class EmShadowTable::SlotWork {
       return image;
    }
 
+   // Removing an entry whose image can be wiped in place and whose slot the bitmap has: nothing about it
+   // can fail.
+
+   [[gnu::always_inline]] bool removesInPlace( EmTableIndex slot ) const {
+      Brine::HBitmap const* const bitmap = table_.freeIndexBmp_.get();
+      return slot.value() < table_.numEntries_ && table_.writableRange() != nullptr &&
+             bitmap != nullptr && slot.value() < bitmap->size();
+   }
+   bool removesAllInPlace() const {
+      Brine::HBitmap const* const bitmap = table_.freeIndexBmp_.get();
+      return table_.writableRange() != nullptr && bitmap != nullptr &&
+             bitmap->size() >= table_.numEntries_;
+   }
+   [[gnu::always_inline]] void removeInPlace( EmTableIndex slot, Brine::ChipId chip ) const {
+      table_.isWriter_ = true;
+      Vellum::storeNoImage( table_.writableRange() + table_.offsetOf( slot ),
+                            table_.entryLengthBytes_ );
+      table_.freeIndexBmp_->setBit( slot.value() );
+      table_.numUsedEntriesDec( 1 );
+      table_.numUsedEntriesByChipIdDec( chip, 1 );
+   }
+
    [[gnu::always_inline]] void countOneMore( Brine::ChipId chip ) const {
       table_.numUsedEntriesInc( 1 );
       table_.numUsedEntriesByChipIdInc( chip, 1 );
@@ -90,7 +112,9 @@ class EmShadowTable::SlotWork {
 
    [[gnu::always_inline]] void fetchImage( EmTableIndex index ) const {
       if ( U8 const* const range = table_.readableRange(); range != nullptr ) {
-         __builtin_prefetch( range + table_.offsetOf( index ) );
+         U8 const* const image = range + table_.offsetOf( index );
+         __builtin_prefetch( image );
+         __builtin_prefetch( image + table_.entryLengthBytes_ - 1 );
       }
    }
 

@@ -20,6 +20,8 @@ namespace Tessel {
 template<bool traced, class KeyClass, class Table>
 class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    using Slots = SlotWork<traced, Table>;
+
+ protected:
    using Slots::table_;
 
  public:
@@ -35,135 +37,181 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
          keyWordsAt<wordCount>( bytes, KeyClass::exactly( table_.keyLengthBytes_ ) ) );
    }
 
+   /// Whether an element holds the key whose bytes are at `bytes`.
+   [[gnu::always_inline]] auto holds( Weft::CharPtrConst bytes ) const {
+      return [ this, bytes ]( KeyElement<wordCount> const& element )
+                __attribute__( ( always_inline ) ) {
+                   return sameWords( element.words(), keyAt( readAgain( bytes ) ).words );
+                };
+   }
+
    // ---- single entries. Each first tries what nearly always does, in a few instructions and without
    // a stack frame, and starts again with the whole of it where that does not answer.
 
    template<class Result>
    [[gnu::always_inline]] bool
-   set( Brine::ChipId chip, Weft::CharPtrConst key, Weft::CharPtrConst result ) const {
-      if constexpr ( !traced ) {
-         U64 const slot = keys().glance( chip, keyAt( key ) );
-         U8* const range = table_.writableRange();
-         if ( slot < table_.numEntries_ && range != nullptr ) [[likely]] {
-            table_.isWriter_ = true;
-            storeEntryImage<wordCount, Result>(
-               range + offsetOf( slot ), shape<Result>(), chip, key, result );
-            return true;
-         }
-         if ( slot == Keys::absent ) {
-            return addAbsent<Result>( table_, chip, key, result );
-         }
+   set( Brine::ChipId chip, Weft::CharPtrConst key, U64 hash, Weft::CharPtrConst result ) const {
+      auto const fully = [ & ]() __attribute__( ( always_inline ) ) { return setFully<Result>( table_, chip, key, result ); };
+      if constexpr ( traced ) {
+         return fully();
+      } else {
+         return keys().glance(
+            chip,
+            hash,
+            holds( key ),
+            [ & ]( EmTableIndex slot, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
+               U64 const offset = offsetOf<Result>( slot );
+               if ( offset >= table_.ownSize() ) [[unlikely]] {
+                  return fully();
+               }
+               table_.isWriter_ = true;
+               // Of a mapped slot in a range of its own the table knows that it holds an image.
+               storeEntryImage<wordCount, Result, Before::anImage>(
+                  table_.writableRange() + offset, shape<Result>(), chip, key, result );
+               return true;
+            },
+            [ & ]() __attribute__( ( always_inline ) ) {
+               return addAbsent<Result>( table_, chip, key, hash, result );
+            },
+            fully );
       }
-      return setFully<Result>( table_, chip, key, result );
    }
 
-   [[gnu::always_inline]] bool has( Brine::ChipId chip, Weft::CharPtrConst key ) const {
-      if constexpr ( !traced ) {
-         U64 const slot = keys().glance( chip, keyAt( key ) );
-         if ( slot != Keys::unsure ) [[likely]] {
-            return slot != Keys::absent;
-         }
+   [[gnu::always_inline]] bool
+   has( Brine::ChipId chip, Weft::CharPtrConst key, U64 hash ) const {
+      auto const fully = [ & ]() __attribute__( ( always_inline ) ) { return hasFully( table_, chip, key ); };
+      if constexpr ( traced ) {
+         return fully();
+      } else {
+         return keys().glance(
+            chip,
+            hash,
+            holds( key ),
+            []( EmTableIndex, U64 ) { return true; },
+            [] { return false; },
+            fully );
       }
-      return hasFully( table_, chip, key );
    }
 
    template<class Result>
    [[gnu::always_inline]] bool
-   get( Brine::ChipId chip, Weft::CharPtrConst key, Weft::CharPtr result ) const {
-      if constexpr ( !traced ) {
-         Key const hashed = keyAt( key );
-         U64 const slot = keys().glance( chip, hashed );
-         U8 const* const range = table_.readableRange();
-         Result bytes;
-         if ( slot < table_.numEntries_ && range != nullptr &&
-              readExpectedImage<wordCount>( range + offsetOf( slot ),
+   get( Brine::ChipId chip, Weft::CharPtrConst key, U64 hash, Weft::CharPtr result ) const {
+      auto const fully = [ & ]() __attribute__( ( always_inline ) ) { return getFully<Result>( table_, chip, key, result ); };
+      if constexpr ( traced ) {
+         return fully();
+      } else {
+         return keys().glance(
+            chip,
+            hash,
+            holds( key ),
+            [ & ]( EmTableIndex slot, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
+               U64 const offset = offsetOf<Result>( slot );
+               if ( offset >= table_.readableSize() ) [[unlikely]] {
+                  return fully();
+               }
+               if ( !table_.isWriter_ ) [[unlikely]] {
+                  return getOfAnother<Result>( table_, offset, chip, key, result );
+               }
+               Result bytes;
+               if ( readImageOf<wordCount>( table_.readableRange() + offset,
                                             shape<Result>(),
                                             chip,
-                                            hashed.words,
-                                            table_.isWriter_,
-                                            bytes ) ) [[likely]] {
-            bytes.store( reinterpret_cast<U8*>( result ), shape<Result>().resultLength );
-            return true;
-         }
-         if ( slot == Keys::absent ) {
-            return false;
-         }
+                                            keyAt( readAgain( key ) ).words,
+                                            bytes ) != 0 ) [[unlikely]] {
+                  return fully();
+               }
+               bytes.store( reinterpret_cast<U8*>( result ), shape<Result>().resultLength );
+               return true;
+            },
+            []() __attribute__( ( always_inline ) ) { return false; },
+            fully );
       }
-      return getFully<Result>( table_, chip, key, result );
    }
 
    /// Whether the entry was there.
-   [[gnu::always_inline]] bool del( Brine::ChipId chip, Weft::CharPtrConst key ) const {
-      this->traceKey();
-      Key const hashed = keyAt( key );
-      KeyPlace const place = keys().find( chip, hashed );
-      this->traceLookup( chip, place.index );
-      if ( !place.index.valid() ) {
-         return false;
+   [[gnu::always_inline]] bool
+   del( Brine::ChipId chip, Weft::CharPtrConst key, U64 hash ) const {
+      auto const fully =
+         [ & ]() __attribute__( ( always_inline ) ) { return delFully( table_, chip, key ); };
+      if constexpr ( traced ) {
+         return fully();
+      } else {
+         return keys().glance(
+            chip,
+            hash,
+            holds( key ),
+            [ & ]( EmTableIndex slot, U64 position ) __attribute__( ( always_inline ) ) {
+               if ( !this->removesInPlace( slot ) ) [[unlikely]] {
+                  return fully();
+               }
+               keys().eraseGlanced( position );
+               this->removeInPlace( slot, chip );
+               return true;
+            },
+            []() __attribute__( ( always_inline ) ) { return false; },
+            fully );
       }
-      delAt( place, hashed, chip );
-      return true;
    }
 
    // ---- many entries
 
-   /// Calls `one` for each pair, in order, and counts what it answers. Before, what the calls of a
-   /// block will read is fetched, all of it at once instead of one thing after another.
-   template<class Pair, class One>
+   /// Calls `one( pair, hash of its key )` for each pair, in order, and counts what it answers. What the
+   /// calls will read is fetched ahead of them, in stages of which each needs what the one before it has
+   /// fetched: the tags, then the element, then, where `readsImages`, the image.
+   template<bool readsImages, class Pair, class One>
    U64 inBulk( std::span<Pair const> pairs, bool* answers, One const& one ) const {
-      bool const fetches = !traced && keys().bytes() > cachedBytes;
       U64 count = 0;
-      for ( std::size_t done = 0; done < pairs.size(); done += bulkBlock ) {
-         auto const block =
-            pairs.subspan( done, std::min<std::size_t>( bulkBlock, pairs.size() - done ) );
-         if ( fetches ) {
-            fetchBlock( block );
+      auto const perform = [ & ]( std::size_t at, U64 hash ) __attribute__( ( always_inline ) ) {
+         bool const answer = one( pairs[ at ], hash );
+         count += answer ? 1 : 0;
+         if ( answers != nullptr ) {
+            answers[ at ] = answer;
          }
-         for ( std::size_t i = 0; i < block.size(); ++i ) {
-            bool const answer = one( block[ i ] );
-            count += answer ? 1 : 0;
-            if ( answers != nullptr ) {
-               answers[ done + i ] = answer;
+      };
+      if ( traced || keys().bytes() <= cachedBytes ) {
+         for ( std::size_t at = 0; at < pairs.size(); ++at ) {
+            perform( at, keyAt( pairs[ at ].key ).hash );
+         }
+         return count;
+      }
+      constexpr std::size_t stages = readsImages ? 3 : 2;
+      std::array<U64, ( stages + 1 ) * bulkStep> hashes; // of pair n at n modulo the size
+      auto const hashOf = [ & ]( std::size_t at ) -> U64& { return hashes[ at % hashes.size() ]; };
+      // Those of the pairs that are in this stage at this turn.
+      auto const inStage = [ & ]( std::size_t turn, std::size_t stage, auto const& work )
+                              __attribute__( ( always_inline ) ) {
+                                 std::size_t const begin = ( turn - stage ) * bulkStep;
+                                 if ( turn >= stage && begin < pairs.size() ) {
+                                    std::size_t const end =
+                                       std::min( begin + bulkStep, pairs.size() );
+                                    for ( std::size_t at = begin; at < end; ++at ) {
+                                       work( at );
+                                    }
+                                 }
+                              };
+      std::size_t const turns = ( pairs.size() + bulkStep - 1 ) / bulkStep + stages;
+      for ( std::size_t turn = 0; turn < turns; ++turn ) {
+         inStage( turn, 0, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
+            hashOf( at ) = keyAt( pairs[ at ].key ).hash;
+            keys().fetchTags( hashOf( at ) );
+         } );
+         inStage( turn, 1, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
+            if constexpr ( std::is_same_v<Pair, EmPairAndResult> ) {
+               keys().fetchElementOrPlace( hashOf( at ) );
+            } else {
+               keys().fetchElement( hashOf( at ) );
             }
+         } );
+         if constexpr ( readsImages ) {
+            inStage( turn, 2, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
+               fetchImageOf( pairs[ at ], hashOf( at ) );
+            } );
          }
+         inStage( turn, stages, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
+            perform( at, hashOf( at ) );
+         } );
       }
       return count;
-   }
-
-   // ---- all entries
-
-   /// Takes every valid image into the bookkeeping, slot by slot.
-   void reconcile() const {
-      if constexpr ( !traced ) {
-         if ( table_.readableRange() != nullptr ) {
-            reconcileRange();
-            return;
-         }
-      }
-      for ( U32 slot = 0; slot < table_.numEntries_; ++slot ) {
-         takeOver( EmTableIndex( slot ) );
-      }
-   }
-
-   void deleteAll( Brine::ChipId chip ) const {
-      forEachKey( [ & ]( U64 position, SlotOrObject where ) {
-         EmTableIndex const index = where.indexOn( chip );
-         if ( index.valid() ) {
-            deletePair( { .position = position, .index = index }, chip );
-         }
-      } );
-      table_.keyToSlot_->indexDelOfStrays( chip );
-   }
-
-   void clear() const {
-      forEachKey( [ & ]( U64 position, SlotOrObject where ) {
-         if ( where.isObject() ) {
-            deleteObject( position, *where.object() );
-         } else {
-            deletePair( { .position = position, .index = where.slot() }, where.chip() );
-         }
-      } );
-      table_.keyToSlot_->delStrays();
    }
 
    template<class Result>
@@ -175,7 +223,21 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       return entry;
    }
 
- private:
+ protected:
+   [[gnu::noinline]] static bool
+   delFully( Table& table, Brine::ChipId chip, Weft::CharPtrConst key ) {
+      EntryWork const work( table );
+      work.traceKey();
+      Key const hashed = work.keyAt( key );
+      KeyPlace const place = work.keys().find( chip, hashed );
+      work.traceLookup( chip, place.index );
+      if ( !place.index.valid() ) {
+         return false;
+      }
+      work.delAt( place, hashed, chip );
+      return true;
+   }
+
    template<class Result>
    [[gnu::noinline]] static bool
    setFully( Table& table, Brine::ChipId chip, Weft::CharPtrConst key, Weft::CharPtrConst result ) {
@@ -197,9 +259,11 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    [[gnu::noinline]] static bool addAbsent( Table& table,
                                             Brine::ChipId chip,
                                             Weft::CharPtrConst key,
+                                            U64 hash,
                                             Weft::CharPtrConst result ) {
       EntryWork const work( table );
-      return work.template add<Result>( Keys::nowhere, work.keyAt( key ), chip, key, result );
+      Key const hashed{ .words = work.keyAt( key ).words, .hash = hash };
+      return work.template add<Result>( Keys::nowhere, hashed, chip, key, result );
    }
 
    [[gnu::noinline]] static bool
@@ -209,6 +273,25 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       EmTableIndex const index = work.keys().find( chip, work.keyAt( key ) ).index;
       work.traceLookup( chip, index );
       return index.valid();
+   }
+
+   /// For an image in place that this table does not write. Who writes the images reads them once.
+   template<class Result>
+   [[gnu::noinline]] static bool getOfAnother( Table& table,
+                                               U64 offset,
+                                               Brine::ChipId chip,
+                                               Weft::CharPtrConst key,
+                                               Weft::CharPtr result ) {
+      EntryWork const work( table );
+      ImageShape const shape = work.template shape<Result>();
+      Result bytes;
+      if ( readForeignImageOf<wordCount>(
+              table.readableRange() + offset, shape, chip, work.keyAt( key ).words, bytes ) != 0 )
+         [[unlikely]] {
+         return getFully<Result>( table, chip, key, result );
+      }
+      bytes.store( reinterpret_cast<U8*>( result ), shape.resultLength );
+      return true;
    }
 
    template<class Result>
@@ -235,14 +318,21 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       return true;
    }
 
-   /// Of a slot below numEntries: below 2^32.
-   U64 offsetOf( U64 slot ) const { return slot * table_.entryLengthBytes_; }
-
    template<class Result>
    ImageShape shape() const {
-      return { .keyLength = KeyClass::exactly( table_.keyLengthBytes_ ),
-               .resultLength = Result::exactly( table_.resultLengthBytes_ ),
-               .length = table_.entryLengthBytes_ };
+      U32 const keyLength = KeyClass::exactly( table_.keyLengthBytes_ );
+      U32 const resultLength = Result::exactly( table_.resultLengthBytes_ );
+      constexpr bool known = KeyClass::isExact && Result::isExact;
+      return { .keyLength = keyLength,
+               .resultLength = resultLength,
+               .length =
+                  known ? imageLength( keyLength, resultLength ) : table_.entryLengthBytes_ };
+   }
+
+   /// Of any slot that the map may name.
+   template<class Result>
+   U64 offsetOf( EmTableIndex slot ) const {
+      return U64{ slot.value() } * shape<Result>().length;
    }
 
    [[gnu::always_inline]] Keys& keys() const {
@@ -283,175 +373,16 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       table_.numUsedEntriesByChipIdDec( chip, 1 );
    }
 
-   /// Takes the image of a slot, if there is one, into the bookkeeping.
-   void takeOver( EmTableIndex index ) const {
-      readImage<NoResult>( index, [ & ]( auto const& image ) {
-         Key const hashed = Keys::hashed( image.key() );
-         KeyPlace const place = keys().find( image.chip(), hashed );
-         if ( !place.index.valid() ) {
-            keys().makeRoom( place );
-         }
-         // Counted by its bit, so that a slot is never counted twice, whatever the map says of its
-         // key.
-         bool const alreadyCounted = !table_.freeIndexBmp_->bit( index.value() );
-         this->markSlotUsed( index );
-         this->traceUpdate( image.chip(), index );
-         keys().set( place, image.chip(), hashed, index );
-         if ( !alreadyCounted ) {
-            this->countOneMore( image.chip() );
-         }
-      } );
-   }
-
-   /// Starts to fetch what the calls for these pairs will read, one step of all before the next step
-   /// of any. Inlined at any price, as FlatTable::fetchTags.
    template<class Pair>
-   [[gnu::always_inline]] void fetchBlock( std::span<Pair const> block ) const {
-      std::array<Key, bulkBlock> hashed;
-      for ( std::size_t i = 0; i < block.size(); ++i ) {
-         hashed[ i ] = keyAt( block[ i ].key );
-         keys().fetchTags( hashed[ i ] );
-      }
-      for ( std::size_t i = 0; i < block.size(); ++i ) {
-         keys().fetchElement( hashed[ i ] );
-      }
-      if constexpr ( !std::is_same_v<Pair, EmPair> ||
-                     !std::is_const_v<Table> ) { // else no image is read
-         for ( std::size_t i = 0; i < block.size(); ++i ) {
-            U64 const slot = keys().glance( block[ i ].chipId, hashed[ i ] );
-            if ( slot < table_.numEntries_ ) {
-               this->fetchImage( EmTableIndex( static_cast<U32>( slot ) ) );
-            }
-         }
-      }
-   }
-
-   /// reconcile() where the images can be looked at in place: counted first, so that the map grows
-   /// once, then taken over in blocks.
-   void reconcileRange() const {
-      U64 images = 0;
-      U64 end = 0;
-      forEachImage( table_.numEntries_, [ & ]( U32 slot ) {
-         ++images;
-         end = slot + 1;
-      } );
-      std::array<U32, bulkBlock> block;
-      U32 inBlock = 0;
-      U64 taken = 0;
-      auto const takeBlock = [ & ] {
-         makeRoomForRest( images, taken );
-         takeOverBlock( std::span( block ).first( inBlock ) );
-         taken += inBlock;
-         inBlock = 0;
-      };
-      forEachImage( end, [ & ]( U32 slot ) {
-         block[ inBlock++ ] = slot;
-         if ( inBlock == bulkBlock ) {
-            takeBlock();
-         }
-      } );
-      takeBlock();
-   }
-
-   /// Calls `visit( slot )` for every slot below `slots` whose image shows itself, in order.
-   template<class Visit>
-   void forEachImage( U64 slots, Visit const& visit ) const {
-      U8 const* const range = table_.readableRange();
-      Vellum::VellumChunk const& chunk = *table_.vellumChunk();
-      U64 const length = table_.entryLengthBytes_;
-      U64 const from = table_.vellumOffset();
-      U64 const to = from + length * slots;
-      auto const suppliedFrom = [ & ]( U64 offset ) {
-         // Asking about less costs more than looking.
-         constexpr U64 worthAsking = U64{ 256 } << 10;
-         return to - from < worthAsking ? Vellum::Stretch{ .begin = offset, .end = to }
-                                        : chunk.suppliedFrom( offset );
-      };
-      for ( Vellum::Stretch at = suppliedFrom( from ); at.begin < to;
-            at = suppliedFrom( at.end ) ) {
-         // The slots whose first bytes lie in the stretch.
-         U64 const first = ( at.begin - from + length - 1 ) / length;
-         U64 const end = ( std::min( at.end, to ) - from + length - 1 ) / length;
-         for ( U64 slot = first; slot < end; ++slot ) {
-            if ( Vellum::detail::loadFirst( range + slot * length ) != 0 ) {
-               visit( static_cast<U32>( slot ) );
-            }
-         }
-      }
-   }
-
-   /// Makes room for as many more keys as `images` will bring if they go on as the first `taken` did:
-   /// several chips may share a key.
-   void makeRoomForRest( U64 images, U64 taken ) const {
-      constexpr U64 sample = 1024; // before, it is too early to tell
-      U64 const held = keys().count();
-      if ( held + bulkBlock > keys().capacity() && ( taken >= sample || images < sample ) ) {
-         U64 const keysPerImage1024 =
-            taken == 0 ? 1024 : std::min<U64>( held * 1024 / taken, 1024 );
-         // A writer in another process may have added some since they were counted.
-         U64 const rest = images > taken ? images - taken : 0;
-         keys().makeRoomFor( rest * keysPerImage1024 / 1024 + 1 );
-      }
-   }
-
-   void takeOverBlock( std::span<U32 const> slots ) const {
-      std::array<Key, bulkBlock> hashed;
-      U8 const* const range = table_.readableRange();
-      for ( std::size_t i = 0; i < slots.size(); ++i ) {
-         // A hint, read without care: what counts is read again below.
-         hashed[ i ] = keyAt( reinterpret_cast<char const*>( range + offsetOf( slots[ i ] ) +
-                                                             ImageShape::keyOffset ) );
-         keys().fetchTags( hashed[ i ] );
-      }
-      for ( std::size_t i = 0; i < slots.size(); ++i ) {
-         keys().fetchElement( hashed[ i ] );
-      }
-      for ( U32 const slot : slots ) {
-         takeOver( EmTableIndex( slot ) );
-      }
-   }
-
-   /// Calls `visit( position, where )` for every key; the key may be removed meanwhile.
-   template<class Visit>
-   void forEachKey( Visit const& visit ) const {
-      std::array<U64, bulkBlock> block;
-      U64 at = keys().next( 0 );
-      while ( at != Keys::nowhere ) {
-         U32 count = 0;
-         for ( ; count < bulkBlock && at != Keys::nowhere; at = keys().next( at + 1 ) ) {
-            SlotOrObject const where = keys().whereOf( at );
-            if ( !where.isObject() ) {
-               this->fetchImage( where.slot() );
-            }
-            block[ count++ ] = at;
-         }
-         for ( U64 const position : std::span( block ).first( count ) ) {
-            visit( position, keys().whereOf( position ) );
-         }
-      }
-   }
-
-   void deletePair( KeyPlace const& place, Brine::ChipId chip ) const {
-      Key const hashed = keys().keyOf( place.position );
-      // A caller may have set an index that is no slot.
-      if ( place.index.value() >= std::min( table_.numEntries_, table_.bitmap().size() ) ) {
-         keys().erase( place, chip, hashed );
-         return;
-      }
-      this->traceKey();
-      this->traceLookup( chip, place.index );
-      delAt( place, hashed, chip );
-   }
-
-   void deleteObject( U64 position, EmTableFapIndices& object ) const {
-      Corvo::Ptr<EmTableFapIndices> const indices( &object ); // outlives the removals
-      for ( U32 at = indices->nextChip( 0 ); at < 256; at = indices->nextChip( at + 1 ) ) {
-         Brine::ChipId const chip( static_cast<U8>( at ) );
-         deletePair( { .position = position, .index = indices->index( chip ) }, chip );
-      }
-      if ( keys().next( position ) == position ) {
-         keys().eraseKey( position, keys().keyOf( position ) ); // an object that a caller emptied
-      }
+   [[gnu::always_inline]] void fetchImageOf( Pair const& pair, U64 hash ) const {
+      keys().glance(
+         pair.chipId,
+         hash,
+         holds( pair.key ),
+         [ & ]( EmTableIndex slot, U64 /*position*/ )
+            __attribute__( ( always_inline ) ) { this->fetchImage( slot ); },
+         []() __attribute__( ( always_inline ) ) {},
+         []() __attribute__( ( always_inline ) ) {} );
    }
 
    // ---- images

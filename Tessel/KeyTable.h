@@ -10,7 +10,7 @@
 ///    K <= 16     key 16 bytes, where 8 bytes
 ///    K <= 20     key 20 bytes, where 8 bytes
 ///
-///    where       bit 0 set: chip in bits 1 to 8, slot in bits 9 to 40
+///    where       bit 0 set: chip in bits 8 to 15, slot in bits 32 to 63
 ///                bit 0 clear: pointer to the object, on which the element holds a reference
 ///
 /// The object is made when the key gets a second chip or when somebody asks for it. From then on it
@@ -38,20 +38,18 @@ struct KeyPlace {
 class SlotOrObject {
  public:
    SlotOrObject( Brine::ChipId chip, EmTableIndex slot )
-         : bits_( U64{ slot.value() } << chipBits | tagOf( chip ) ) {}
+         : bits_( U64{ slot.value() } << slotBit | tagOf( chip ) ) {}
    /// Takes the reference over.
    explicit SlotOrObject( Corvo::Ptr<EmTableFapIndices> object )
          : bits_( reinterpret_cast<std::uintptr_t>( object.release() ) ) {}
 
    bool isObject() const { return ( bits_ & 1 ) == 0; }
    EmTableFapIndices* object() const { return reinterpret_cast<EmTableFapIndices*>( bits_ ); }
-   Brine::ChipId chip() const { return Brine::ChipId( static_cast<U8>( bits_ >> 1 ) ); }
-   EmTableIndex slot() const { return EmTableIndex( static_cast<U32>( bits_ >> chipBits ) ); }
+   Brine::ChipId chip() const { return Brine::ChipId( static_cast<U8>( bits_ >> chipBit ) ); }
+   EmTableIndex slot() const { return EmTableIndex( static_cast<U32>( bits_ >> slotBit ) ); }
 
    /// Whether the key has this one chip, and no object.
-   bool isOn( Brine::ChipId chip ) const {
-      return ( bits_ & ( ( 1U << chipBits ) - 1 ) ) == tagOf( chip );
-   }
+   bool isOn( Brine::ChipId chip ) const { return static_cast<U32>( bits_ ) == tagOf( chip ); }
    EmTableIndex indexOn( Brine::ChipId wanted ) const {
       if ( isOn( wanted ) ) [[likely]] {
          return slot();
@@ -60,9 +58,10 @@ class SlotOrObject {
    }
 
  private:
-   static constexpr U32 chipBits = 9;
-   /// Differs from the low bits of every pointer, and from those of every other chip.
-   static U64 tagOf( Brine::ChipId chip ) { return U64{ chip.value() } << 1 | 1; }
+   static constexpr U32 chipBit = 8;
+   static constexpr U32 slotBit = 32;
+   /// Differs from the low half of every pointer, and from that of every other chip.
+   static U32 tagOf( Brine::ChipId chip ) { return U32{ chip.value() } << chipBit | 1; }
 
    U64 bits_;
 };
@@ -185,9 +184,17 @@ struct HashedKey {
 template<std::size_t wordCount, U32 exactLength = 0>
 struct KeyClass {
    static constexpr std::size_t words = wordCount;
+   static constexpr bool isExact = exactLength != 0;
    /// `length`, as a constant where only one is possible.
-   static constexpr U32 exactly( U32 length ) { return exactLength != 0 ? exactLength : length; }
+   static constexpr U32 exactly( U32 length ) { return isExact ? exactLength : length; }
 };
+
+/// The same bytes through a pointer of which the compiler knows nothing: it reads them again where they
+/// are wanted. Kept in registers, the words of a key would cost every operation the saving of these.
+[[gnu::always_inline]] inline char const* readAgain( char const* bytes ) {
+   asm( "" : "+r"( bytes ) );
+   return bytes;
+}
 
 /// The keys of one exact-match table.
 template<std::size_t wordCount>
@@ -226,19 +233,26 @@ class KeyTable {
    }
 
    /// What the first look of find() says of a key that has no object, which nearly always decides:
-   /// the slot, `absent`, or `unsure`.
-   static constexpr U64 absent = EmTableIndex::invalid;
-   static constexpr U64 unsure = ~U64{ 0 };
-   [[gnu::always_inline]] U64 glance( Brine::ChipId chip, Key const& key ) const {
-      auto const* const element = elements_.glance( key.hash, Holds{ key.words } );
-      if ( element == nullptr ) {
-         return absent;
-      }
-      if ( element == elements_.unsure() ) [[unlikely]] {
-         return unsure;
-      }
-      SlotOrObject const where = element->where();
-      return where.isOn( chip ) ? where.slot().value() : unsure;
+   /// calls `onSlot( slot, position )`, `absent()`, or `unsure()`, and answers what that does.
+   template<class HoldsKey, class OnSlot, class Absent, class Unsure>
+   [[gnu::always_inline]] auto glance( Brine::ChipId chip,
+                                       U64 hash,
+                                       HoldsKey const& holdsKey,
+                                       OnSlot const& onSlot,
+                                       Absent const& absent,
+                                       Unsure const& unsure ) const {
+      return elements_.glance(
+         hash,
+         holdsKey,
+         [ & ]( auto const& found ) __attribute__( ( always_inline ) ) {
+            SlotOrObject const where = found.element->where();
+            if ( where.isOn( chip ) ) [[likely]] {
+               return onSlot( where.slot(), found.position );
+            }
+            return unsure();
+         },
+         absent,
+         unsure );
    }
 
    /// Makes sure that set() of a pair that find() did not find needs no memory. One allocation at
@@ -266,6 +280,14 @@ class KeyTable {
       }
    }
 
+   /// Adds a pair if the first look shows that its key is absent and that there is room for it. False,
+   /// and nothing added, otherwise.
+   [[gnu::always_inline]] bool
+   addAtFirstLook( Brine::ChipId chip, Key const& key, EmTableIndex slot ) {
+      return elements_.insertAtFirstLook(
+         key.hash, KeyElement<wordCount>( key.words, SlotOrObject( chip, slot ) ) );
+   }
+
    /// Removes a pair that find() found, and the key with its last pair.
    [[gnu::always_inline]] void erase( KeyPlace const& place, Brine::ChipId chip, Key const& key ) {
       SlotOrObject const where = elements_[ place.position ].where();
@@ -277,6 +299,11 @@ class KeyTable {
       }
       eraseKey( place.position, key );
    }
+
+   /// Removes the key at a position that glance() gave.
+   [[gnu::always_inline]] void eraseGlanced( U64 position ) { elements_.eraseGlanced( position ); }
+   /// Removes all keys, of which none has an object.
+   void eraseAll() { elements_.eraseAll(); }
 
    [[gnu::always_inline]] Corvo::Ptr<EmTableFapIndices> eraseKey( U64 position, Key const& key ) {
       SlotOrObject const where = elements_.erase( position, key.hash ).where();
@@ -314,6 +341,8 @@ class KeyTable {
       }
       elements_.clear();
    }
+   /// Keys that have an object.
+   U64 objects() const { return objects_; }
 
    /// The first position of a key at or after `position`, or nowhere. Positions stay good while
    /// keys are removed.
@@ -325,11 +354,10 @@ class KeyTable {
 
    // Steps on the way to a key, each of which starts to fetch what the next one reads.
 
-   [[gnu::always_inline]] void fetchTags( Key const& key ) const {
-      elements_.fetchTags( key.hash );
-   }
-   [[gnu::always_inline]] void fetchElement( Key const& key ) const {
-      elements_.fetchElement( key.hash );
+   [[gnu::always_inline]] void fetchTags( U64 hash ) const { elements_.fetchTags( hash ); }
+   [[gnu::always_inline]] void fetchElement( U64 hash ) const { elements_.fetchElement( hash ); }
+   [[gnu::always_inline]] void fetchElementOrPlace( U64 hash ) const {
+      elements_.fetchElementOrPlace( hash );
    }
    /// Bytes that a look-up may touch.
    U64 bytes() const { return elements_.bytes(); }

@@ -213,14 +213,17 @@ void ManagedTableBase::chooseMemory() {
    bool const holdsRange =
       chunkInUse_ && rangeSize_ != 0 && U64{ vellumOffset_ } + rangeSize_ <= chunkInUse_->size();
    readableRange_ = holdsRange ? chunkInUse_->readableAt( vellumOffset_, 0 ) : nullptr;
+   readableSize_ = holdsRange ? rangeSize_ : 0;
    bool const writable =
       holdsRange && chunkInUse_->access() == Vellum::VellumChunk::Access::readWrite;
    writableRange_ = writable ? chunkInUse_->writableAt( vellumOffset_, 0 ) : nullptr;
+   rangeIsShared(); // what was written elsewhere is not here
 }
 
 void ManagedTableBase::rangeSizeIs( U64 size ) {
    rangeSize_ = size;
    chooseMemory();
+   ownSize_ = writableRange_ ? size : 0;
 }
 
 bool ManagedTableBase::entryIs_py( Brine::ChipId chipId,

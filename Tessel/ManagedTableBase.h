@@ -288,6 +288,7 @@ class [[gnu::visibility( "default" )]] ManagedTableBase : public Corvo::Node {
    //    failures "vellumChunk()" when there is none, and those of VellumChunk::write and read.
 
    void doWriteVellum( U32 offset, Weft::BytePtr data, U32 size ) {
+      rangeIsShared();
       if ( chunkInUse_ ) [[likely]] {
          chunkInUse_->writeAt( U64{ vellumOffset_ } + offset, data, size );
       } else {
@@ -320,6 +321,12 @@ class [[gnu::visibility( "default" )]] ManagedTableBase : public Corvo::Node {
    /// are set.
    U8 const* readableRange() const { return readableRange_; }
    U8* writableRange() const { return writableRange_; }
+   /// How many bytes lie there: all of the range, or none where readableRange() is null.
+   U64 readableSize() const { return readableSize_; }
+   /// The same for writableRange() as long as the kind's bookkeeping is known to agree with what lies
+   /// there; none for good once somebody else has a hand in either.
+   U64 ownSize() const { return ownSize_; }
+   void rangeIsShared() { ownSize_ = 0; }
    /// Where the access to `size` bytes at `offset` goes, for the functions of Vellum/OrderedCopy.h.
    /// Contract failures as doWriteVellum and doReadVellum.
    [[gnu::always_inline]] U8* writableAt( U32 offset, U32 size ) {
@@ -363,6 +370,8 @@ class [[gnu::visibility( "default" )]] ManagedTableBase : public Corvo::Node {
    U64 rangeSize_ = 0;
    U8 const* readableRange_ = nullptr;
    U8* writableRange_ = nullptr;
+   U64 readableSize_ = 0;
+   U64 ownSize_ = 0;
    Weft::BytePtr buf_ = nullptr;
    Corvo::Ptr<LocalMem> localBuf_;
    U32 vellumOffset_;

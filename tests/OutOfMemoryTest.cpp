@@ -30,11 +30,25 @@ TEST( OutOfMemory, addingANewKeyLeavesTableAndChunkAsTheyWere ) {
    auto const table = newTable( { .entries = 200 } );
    auto const state = [ & ] { return stateOf( *table ); };
    U64 failures = 0;
-   for ( U32 i = 0; i < 200; ++i ) { // the map grows now and then
+   for ( U32 i = 0; i < 200; ++i ) {
       std::string const before = state();
       failures += failEachAllocation( [ & ] { add( table, chip3, keyNumber( i ), "r1" ); },
                                       [ & ] { ASSERT_EQ( state(), before ); } );
       ASSERT_EQ( table->numUsedEntries(), i + 1 );
+   }
+   EXPECT_GT( failures, 0U );
+}
+
+TEST( OutOfMemory, aLargeTableWhoseMapGrowsKeepsItsEntries ) {
+   auto const table =
+      tableOver( Vellum::VellumChunk::inProcess( 16 << 20 ), { .entries = 400'000 } );
+   U64 failures = 0;
+   for ( U32 i = 0; i < 200; ++i ) {
+      failures += failEachAllocation( [ & ] { add( table, chip3, keyNumber( i ), "r1" ); },
+                                      [ & ] {
+                                         ASSERT_EQ( table->numUsedEntries(), i );
+                                         ASSERT_EQ( table->keyToIndexListCount(), i );
+                                      } );
    }
    EXPECT_GT( failures, 2U );
 }

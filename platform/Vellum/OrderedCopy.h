@@ -144,6 +144,7 @@ template<class Unit, U32 count>
 class Reading {
  public:
    static constexpr bool isOneUnit = count == 1;
+   static constexpr bool isExact = isOneUnit;
    /// `length`, as a constant where only one is possible.
    static constexpr U32 exactly( U32 length ) { return count == 1 ? sizeof( Unit ) : length; }
 
@@ -339,6 +340,18 @@ inline bool equalShort( void const* a, void const* b, U32 length ) {
    return equal;
 }
 
+/// Writes one image at `to`, over one that is known to show itself: (3) alone. Nothing is read of the
+/// old image, so nothing waits for it to come from memory. `final` is not zero.
+template<class StoreBody>
+[[gnu::always_inline]] inline void rewriteImageBy( U8* to, U8 final, StoreBody const& storeBody ) {
+   U8 const meanwhile = detail::markFor( final );
+   detail::storeFirst( to, meanwhile ); // (3)
+   detail::orderStores();
+   storeBody( to, meanwhile ); // (4)
+   detail::orderStores();
+   detail::storeFirst( to, final ); // (3)
+}
+
 /// Writes one image at `to`, in the order given above. `final` is its first byte.
 /// `storeBody( to, meanwhile )` stores all bytes behind the first one, those of (4) first, and may
 /// store `meanwhile` in the first one.
@@ -350,15 +363,13 @@ template<class StoreBody>
       storeBody( to, U8{ 0 } );
       return;
    }
-   U8 meanwhile = 0;
    if ( detail::loadFirst( to ) != 0 ) {
-      meanwhile = detail::markFor( final ); // (3)
-      detail::storeFirst( to, meanwhile );
-      detail::orderStores();
+      rewriteImageBy( to, final, storeBody );
+      return;
    }
-   storeBody( to, meanwhile ); // (4)
+   storeBody( to, U8{ 0 } ); // (4)
    detail::orderStores();
-   detail::storeFirst( to, final ); // (1), (3)
+   detail::storeFirst( to, final ); // (1)
 }
 
 /// Writes `length` bytes at `from` as one image at `to`.
@@ -374,6 +385,11 @@ inline void storeImage( U8* to, U8 const* from, U32 length ) {
 /// Writes zeros over the image of `length` bytes, 1 to 48, at `to`.
 [[gnu::always_inline]] inline void storeNoImage( U8* to, U32 length ) {
    storeImageBy( to, 0, [ & ]( U8* image, U8 /*meanwhile*/ ) {
+      using Usual = detail::Reading<detail::Unit16, 2>;
+      if ( length - 16 <= 16 ) [[likely]] {
+         Usual::zeros().store( image, length );
+         return;
+      }
       detail::withReadingFor(
          length, [ & ]<class R>( std::type_identity<R> ) { R::zeros().store( image, length ); } );
    } );

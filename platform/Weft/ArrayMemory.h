@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-/// One block of zero bytes for the arrays of a large collection.
+/// One block of memory for the arrays of a large collection.
 ///
-/// Large blocks come straight from the system and ask for huge pages: a look-up in a table of many
-/// megabytes otherwise pays for an address translation beside every cache miss.
+/// From the heap it costs what is touched of it. Straight from the system it asks for huge pages, each of
+/// which costs two megabytes at its first touch: a look-up in a table of many megabytes otherwise pays
+/// for an address translation beside every cache miss.
 ///
 /// Threads: a plain owner of memory.
 
@@ -18,14 +19,20 @@ namespace Weft {
 class [[gnu::visibility( "default" )]] ArrayMemory {
  public:
    ArrayMemory() = default;
-   /// `size` zero bytes, aligned to 64. std::bad_alloc when there is no memory.
-   explicit ArrayMemory( std::size_t size );
+   // `size` bytes, aligned to 64. std::bad_alloc when there is no memory.
+
+   /// The first `zeros` bytes are zero.
+   static ArrayMemory fromHeap( std::size_t size, std::size_t zeros );
+   /// All bytes are zero.
+   static ArrayMemory fromSystem( std::size_t size );
+
    ArrayMemory( ArrayMemory&& other ) noexcept
          : bytes_( std::exchange( other.bytes_, nullptr ) ),
-           size_( std::exchange( other.size_, 0 ) ) {}
+           size_( std::exchange( other.size_, 0 ) ), mapped_( other.mapped_ ) {}
    ArrayMemory& operator=( ArrayMemory other ) noexcept {
       std::swap( bytes_, other.bytes_ );
       std::swap( size_, other.size_ );
+      std::swap( mapped_, other.mapped_ );
       return *this;
    }
    ~ArrayMemory();
@@ -34,8 +41,12 @@ class [[gnu::visibility( "default" )]] ArrayMemory {
    std::size_t size() const { return size_; }
 
  private:
+   ArrayMemory( U8* bytes, std::size_t size, bool mapped )
+         : bytes_( bytes ), size_( size ), mapped_( mapped ) {}
+
    U8* bytes_ = nullptr;
    std::size_t size_ = 0;
+   bool mapped_ = false;
 };
 
 } // namespace Weft

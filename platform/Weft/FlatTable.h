@@ -66,7 +66,7 @@ class FlatTable {
 
    U64 size() const { return size_; }
    /// Elements held before the table grows.
-   U64 capacity() const { return memory_.size() == 0 ? 0 : mostIn( groups_ ); }
+   U64 capacity() const { return capacity_; }
 
    Element& operator[]( Position position ) { return elements()[ elementOf( position ) ]; }
    Element const& operator[]( Position position ) const {
@@ -95,26 +95,32 @@ class FlatTable {
       return findFurther( hash, matches );
    }
 
-   /// What the first look of find() says, which nearly always decides: the element, null when there
-   /// is surely none, or unsure(). In one word, so that it stays in a register.
-   template<class Matches>
-   [[gnu::always_inline]] Element const* glance( U64 hash, Matches const& matches ) const {
+   /// What the first look of find() says, which nearly always decides: calls `onFound( found )`,
+   /// `absent()`, or `unsure()`, and answers what that does. (An answer that were to be looked at again
+   /// would cost a good part of the search.)
+   template<class Matches, class OnFound, class Absent, class Unsure>
+   [[gnu::always_inline]] auto glance( U64 hash,
+                                       Matches const& matches,
+                                       OnFound const& onFound,
+                                       Absent const& absent,
+                                       Unsure const& unsure ) const {
       U64 const group = homeOf( hash );
       U32 const lanes = lanesWith( group, fourTagsOf( hash ) );
-      if ( lanes != 0 ) [[likely]] {
-         Element const* const first = at( group, lanes ).element;
-         return matches( *first ) ? first : unsure();
+      if ( lanes != 0 ) {
+         Found const first = at( group, lanes );
+         if ( matches( *first.element ) ) [[likely]] {
+            return onFound( first );
+         }
+      } else if ( overflow( group ) == 0 ) [[likely]] {
+         return absent();
       }
-      return overflow( group ) == 0 ? nullptr : unsure();
-   }
-   static Element const* unsure() {
-      return reinterpret_cast<Element const*>( ~std::uintptr_t{ 0 } );
+      return unsure();
    }
 
    /// Makes sure that one more element can be inserted. std::bad_alloc leaves the table as it was.
    /// One allocation at most; positions taken before are void when the capacity changes.
    [[gnu::always_inline]] void makeRoom() {
-      if ( size_ < capacity() ) [[likely]] {
+      if ( size_ < capacity_ ) [[likely]] {
          return;
       }
       growTo( nextGroups() );
@@ -143,6 +149,22 @@ class FlatTable {
       return position;
    }
 
+   /// The same for an element that the table may hold and for which there may be no room, if the first
+   /// look decides both. False, and nothing added, otherwise.
+   [[gnu::always_inline]] bool insertAtFirstLook( U64 hash, Element const& element ) noexcept {
+      U64 const group = homeOf( hash );
+      U32 const empty = emptyLanes( group );
+      bool const decides = empty != 0 && size_ < capacity_ && overflow( group ) == 0 &&
+                           lanesWith( group, fourTagsOf( hash ) ) == 0;
+      if ( decides ) [[likely]] {
+         Found const place = at( group, empty );
+         tagAt( place.position ) = static_cast<U8>( fourTagsOf( hash ) );
+         std::construct_at( place.element, element );
+         ++size_;
+      }
+      return decides;
+   }
+
    /// Removes the element at `position`, which has this hash, and returns it.
    [[gnu::always_inline]] Element erase( Position position, U64 hash ) noexcept {
       Element& element = ( *this )[ position ];
@@ -158,19 +180,40 @@ class FlatTable {
       return erased;
    }
 
-   // Both start to fetch what a search for this hash will read: the tags of its first group, and,
-   // once these are there, the first element with the tag, or the place of a new one. Inlined at any price: GCC 12 takes a call
-   // of a function that does nothing else for one that does nothing.
+   /// The same for an element that glance() found.
+   [[gnu::always_inline]] void eraseGlanced( Position position ) noexcept {
+      static_assert( std::is_trivially_destructible_v<Element> );
+      tagAt( position ) = 0;
+      --size_;
+   }
+   /// The same for all elements. Keeps the memory.
+   void eraseAll() noexcept {
+      static_assert( std::is_trivially_destructible_v<Element> );
+      if ( size_ != 0 ) {
+         std::fill_n( tags_, groups_ * lanesPerGroup, U8{ 0 } );
+         size_ = 0;
+      }
+   }
+
+   // These start to fetch what a search for this hash will read: the tags of its first group and, once
+   // these are there, the first element with the tag; or the place that a new element will take. Inlined
+   // at any price: GCC 12 takes a call of a function that does nothing else for one that does nothing.
 
    [[gnu::always_inline]] void fetchTags( U64 hash ) const {
       __builtin_prefetch( tags_ + homeOf( hash ) * lanesPerGroup );
    }
    [[gnu::always_inline]] void fetchElement( U64 hash ) const {
       U64 const group = homeOf( hash );
-      U32 const alike = lanesWith( group, fourTagsOf( hash ) );
-      U32 const lanes = alike != 0 ? alike : emptyLanes( group );
+      U32 const lanes = lanesWith( group, fourTagsOf( hash ) );
+      if ( lanes != 0 ) {
+         fetchAt( group, lanes );
+      }
+   }
+   [[gnu::always_inline]] void fetchElementOrPlace( U64 hash ) const {
+      U64 const group = homeOf( hash );
+      U32 const lanes = lanesWith( group, fourTagsOf( hash ) );
       // In a full group there is no lane: what is then fetched is the next group's, or nothing.
-      __builtin_prefetch( at( group, lanes ).element );
+      fetchAt( group, lanes != 0 ? lanes : emptyLanes( group ) );
    }
 
    /// The first occupied position at or after `position`, or nowhere: a walk is
@@ -229,6 +272,12 @@ class FlatTable {
                .position = group * lanesPerGroup + lane };
    }
 
+   [[gnu::always_inline]] void fetchAt( U64 group, U32 lanes ) const {
+      auto const* const element = reinterpret_cast<char const*>( at( group, lanes ).element );
+      __builtin_prefetch( element );
+      __builtin_prefetch( element + sizeof( Element ) - 1 );
+   }
+
    template<class Matches>
    [[gnu::noinline]] Found findFurther( U64 hash, Matches matches ) const {
       U32 const tag = fourTagsOf( hash );
@@ -274,20 +323,41 @@ class FlatTable {
    }
    U32 emptyLanes( U64 group ) const { return lanesWith( group, 0 ); }
 
+   static constexpr U64 bytesOf( U64 groups ) {
+      return groups * ( lanesPerGroup + elementsPerGroup * sizeof( Element ) );
+   }
+   U64 groupsHeld() const { return memory_.size() == 0 ? 0 : groups_; }
+
+   // Up to here the expected elements get their room at once, from the heap: what nobody touches costs
+   // nothing. Larger tables grow, in huge pages once that pays.
+   static constexpr U64 mostAtOnce = U64{ 8 } << 20;
+   static constexpr U64 hugePagesFrom = U64{ 2 } << 20;
+
+   bool takesAllAtOnce( U64 groups ) const {
+      return groups <= expectedGroups_ && bytesOf( expectedGroups_ ) <= mostAtOnce;
+   }
+   ArrayMemory memoryFor( U64 groups ) const {
+      U64 const bytes = bytesOf( groups );
+      return bytes < hugePagesFrom || takesAllAtOnce( groups )
+                ? ArrayMemory::fromHeap( bytes, groups * lanesPerGroup )
+                : ArrayMemory::fromSystem( bytes );
+   }
+
    /// Four times the groups, but no more than the expected elements need while that is enough.
    U64 nextGroups() const {
-      U64 const now = memory_.size() == 0 ? 0 : groups_;
+      U64 const now = groupsHeld();
       U64 const larger = std::max<U64>( 1, now * 4 );
       return expectedGroups_ > now ? std::min( larger, expectedGroups_ ) : larger;
    }
 
-   [[gnu::cold, gnu::noinline]] void growTo( U64 groups ) {
+   [[gnu::cold, gnu::noinline]] void growTo( U64 wanted ) {
+      U64 const groups = takesAllAtOnce( wanted ) ? expectedGroups_ : wanted;
       FlatTable larger( 0, hashOf_ );
-      larger.memory_ =
-         ArrayMemory( groups * ( lanesPerGroup + elementsPerGroup * sizeof( Element ) ) );
+      larger.memory_ = memoryFor( groups );
       larger.tags_ = larger.memory_.bytes();
       larger.elements_ = reinterpret_cast<Element*>( larger.tags_ + groups * lanesPerGroup );
       larger.groups_ = groups;
+      larger.capacity_ = mostIn( groups );
       for ( Position at = next( 0 ); at != nowhere; at = next( at + 1 ) ) {
          Element& element = ( *this )[ at ];
          U64 const hash = hashOf_( element );
@@ -303,6 +373,7 @@ class FlatTable {
       tags_ = std::exchange( other.tags_, noTags.data() );
       elements_ = std::exchange( other.elements_, nullptr );
       groups_ = std::exchange( other.groups_, 1 );
+      capacity_ = std::exchange( other.capacity_, 0 );
       size_ = std::exchange( other.size_, 0 );
    }
 
@@ -323,6 +394,7 @@ class FlatTable {
    U8* tags_ = noTags.data();
    Element* elements_ = nullptr; ///< behind the groups
    U64 groups_ = 1;
+   U64 capacity_ = 0;
    U64 size_ = 0;
 };
 

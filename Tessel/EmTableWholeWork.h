@@ -1,0 +1,253 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+/// The operations on all entries of an exact-match table at once, as templates. Internal to EmTable.
+
+#include "Tessel/EmTableWork.h"
+
+namespace Tessel {
+
+/// What takes every image into the bookkeeping, or entries out by the many.
+template<bool traced, class KeyClass>
+class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTable> {
+   using Entries = EntryWork<traced, KeyClass, EmShadowTable>;
+   using Entries::keyAt;
+   using Entries::keys;
+   using Entries::table_;
+   using Entries::wordCount;
+   using typename Entries::Key;
+   using typename Entries::Keys;
+
+ public:
+   using Entries::Entries;
+
+   /// Takes every valid image into the bookkeeping, slot by slot.
+   void reconcile() const {
+      if constexpr ( !traced ) {
+         if ( table_.readableRange() != nullptr ) {
+            reconcileRange();
+            return;
+         }
+      }
+      for ( U32 slot = 0; slot < table_.numEntries_; ++slot ) {
+         takeOver( EmTableIndex( slot ) );
+      }
+   }
+
+   void deleteAll( Brine::ChipId chip ) const {
+      forEachKey( [ & ]( U64 position, SlotOrObject where ) {
+         if ( !traced && where.isOn( chip ) && this->removesInPlace( where.slot() ) ) [[likely]] {
+            keys().eraseKey( position, keys().keyOf( position ) );
+            this->removeInPlace( where.slot(), chip );
+            return;
+         }
+         EmTableIndex const index = where.indexOn( chip );
+         if ( index.valid() ) {
+            deletePair( { .position = position, .index = index }, chip );
+         }
+      } );
+      table_.keyToSlot_->indexDelOfStrays( chip );
+   }
+
+   void clear() const {
+      if ( !traced && keys().objects() == 0 && this->removesAllInPlace() ) [[likely]] {
+         clearInPlace();
+      } else {
+         clearOneByOne();
+      }
+      table_.keyToSlot_->delStrays();
+   }
+
+ private:
+   /// Takes the image of a slot, if there is one, into the bookkeeping.
+   void takeOver( EmTableIndex index ) const {
+      this->template readImage<NoResult>( index, [ & ]( auto const& image ) {
+         Key const hashed = Keys::hashed( image.key() );
+         KeyPlace const place = keys().find( image.chip(), hashed );
+         if ( !place.index.valid() ) {
+            keys().makeRoom( place );
+         }
+         // Counted by its bit, so that a slot is never counted twice, whatever the map says of its
+         // key.
+         bool const alreadyCounted = !table_.freeIndexBmp_->bit( index.value() );
+         this->markSlotUsed( index );
+         this->traceUpdate( image.chip(), index );
+         keys().set( place, image.chip(), hashed, index );
+         if ( !alreadyCounted ) {
+            this->countOneMore( image.chip() );
+         }
+      } );
+   }
+
+   /// reconcile() where the images can be looked at in place: counted first, so that the map grows
+   /// once, then taken over in blocks.
+   void reconcileRange() const {
+      U64 images = 0;
+      U64 end = 0;
+      forEachImage( table_.numEntries_, [ & ]( U32 slot ) {
+         ++images;
+         end = slot + 1;
+      } );
+      if ( images * sizeof( KeyElement<wordCount> ) <= cachedBytes ) {
+         keys().makeRoomFor( images );
+         forEachImage( end, [ & ]( U32 slot ) { takeOverInPlace( EmTableIndex( slot ) ); } );
+         return;
+      }
+      std::array<U32, bulkBlock> block;
+      U32 inBlock = 0;
+      U64 taken = 0;
+      auto const takeBlock = [ & ] {
+         makeRoomForRest( images, taken );
+         takeOverBlock( std::span( block ).first( inBlock ) );
+         taken += inBlock;
+         inBlock = 0;
+      };
+      forEachImage( end, [ & ]( U32 slot ) {
+         block[ inBlock++ ] = slot;
+         if ( inBlock == bulkBlock ) {
+            takeBlock();
+         }
+      } );
+      takeBlock();
+   }
+
+   /// Calls `visit( slot )` for every slot below `slots` whose image shows itself, in order.
+   template<class Visit>
+   void forEachImage( U64 slots, Visit const& visit ) const {
+      U8 const* const range = table_.readableRange();
+      Vellum::VellumChunk const& chunk = *table_.vellumChunk();
+      U64 const length = table_.entryLengthBytes_;
+      U64 const from = table_.vellumOffset();
+      U64 const to = from + length * slots;
+      auto const suppliedFrom = [ & ]( U64 offset ) {
+         // Asking about less costs more than looking.
+         constexpr U64 worthAsking = U64{ 256 } << 10;
+         return to - from < worthAsking ? Vellum::Stretch{ .begin = offset, .end = to }
+                                        : chunk.suppliedFrom( offset );
+      };
+      for ( Vellum::Stretch at = suppliedFrom( from ); at.begin < to;
+            at = suppliedFrom( at.end ) ) {
+         // The slots whose first bytes lie in the stretch.
+         U64 const first = ( at.begin - from + length - 1 ) / length;
+         U64 const end = ( std::min( at.end, to ) - from + length - 1 ) / length;
+         for ( U64 slot = first; slot < end; ++slot ) {
+            if ( Vellum::detail::loadFirst( range + slot * length ) != 0 ) {
+               visit( static_cast<U32>( slot ) );
+            }
+         }
+      }
+   }
+
+   /// Makes room for as many more keys as `images` will bring if they go on as the first `taken` did:
+   /// several chips may share a key.
+   void makeRoomForRest( U64 images, U64 taken ) const {
+      constexpr U64 sample = 1024; // before, it is too early to tell
+      U64 const held = keys().count();
+      bool const more = images > taken;
+      if ( more && held + bulkBlock > keys().capacity() &&
+           ( taken >= sample || images < sample ) ) {
+         U64 const keysPerImage1024 =
+            taken == 0 ? 1024 : std::min<U64>( held * 1024 / taken, 1024 );
+         keys().makeRoomFor( ( images - taken ) * keysPerImage1024 / 1024 + 1 );
+      }
+   }
+
+   void takeOverBlock( std::span<U32 const> slots ) const {
+      std::array<Key, bulkBlock> hashed;
+      U8 const* const range = table_.readableRange();
+      for ( std::size_t i = 0; i < slots.size(); ++i ) {
+         // A hint, read without care: what counts is read again below.
+         hashed[ i ] = keyAt( reinterpret_cast<char const*>(
+            range + table_.offsetOf( EmTableIndex( slots[ i ] ) ) + ImageShape::keyOffset ) );
+         keys().fetchTags( hashed[ i ].hash );
+      }
+      for ( std::size_t i = 0; i < slots.size(); ++i ) {
+         keys().fetchElementOrPlace( hashed[ i ].hash );
+      }
+      for ( U32 const slot : slots ) {
+         takeOverInPlace( EmTableIndex( slot ) );
+      }
+   }
+
+   /// takeOver() of a slot whose image showed itself in place, and whose key is most likely new.
+   [[gnu::always_inline]] void takeOverInPlace( EmTableIndex index ) const {
+      auto const image =
+         Vellum::loadImageBy( ImageFields<wordCount, NoResult>( this->template shape<NoResult>() ),
+                              table_.readableRange() + table_.offsetOf( index ),
+                              table_.entryLengthBytes_ );
+      Key const hashed = Keys::hashed( image.key() );
+      bool const isTaken = image.firstByte() != 0 && table_.freeIndexBmp_->bit( index.value() ) &&
+                           keys().addAtFirstLook( image.chip(), hashed, index );
+      if ( !isTaken ) [[unlikely]] {
+         takeOver( index );
+         return;
+      }
+      this->markSlotUsed( index );
+      this->countOneMore( image.chip() );
+   }
+
+   /// Calls `visit( position, where )` for every key; the key may be removed meanwhile.
+   template<class Visit>
+   void forEachKey( Visit const& visit ) const {
+      std::array<U64, bulkBlock> block;
+      U64 at = keys().next( 0 );
+      while ( at != Keys::nowhere ) {
+         U32 count = 0;
+         for ( ; count < bulkBlock && at != Keys::nowhere; at = keys().next( at + 1 ) ) {
+            SlotOrObject const where = keys().whereOf( at );
+            if ( !where.isObject() ) {
+               this->fetchImage( where.slot() );
+            }
+            block[ count++ ] = at;
+         }
+         for ( U64 const position : std::span( block ).first( count ) ) {
+            visit( position, keys().whereOf( position ) );
+         }
+      }
+   }
+
+   /// Nothing here can fail, so the keys may go all at once in the end.
+   void clearInPlace() const {
+      forEachKey( [ & ]( U64 /*position*/, SlotOrObject where ) {
+         if ( where.slot().value() < table_.numEntries_ ) [[likely]] { // else a caller has set it
+            this->removeInPlace( where.slot(), where.chip() );
+         }
+      } );
+      keys().eraseAll();
+   }
+
+   void clearOneByOne() const {
+      forEachKey( [ & ]( U64 position, SlotOrObject where ) {
+         if ( where.isObject() ) {
+            deleteObject( position, *where.object() );
+         } else {
+            deletePair( { .position = position, .index = where.slot() }, where.chip() );
+         }
+      } );
+   }
+
+   void deletePair( KeyPlace const& place, Brine::ChipId chip ) const {
+      Key const hashed = keys().keyOf( place.position );
+      // A caller may have set an index that is no slot.
+      if ( place.index.value() >= std::min( table_.numEntries_, table_.bitmap().size() ) ) {
+         keys().erase( place, chip, hashed );
+         return;
+      }
+      this->traceKey();
+      this->traceLookup( chip, place.index );
+      this->delAt( place, hashed, chip );
+   }
+
+   void deleteObject( U64 position, EmTableFapIndices& object ) const {
+      Corvo::Ptr<EmTableFapIndices> const indices( &object ); // outlives the removals
+      for ( U32 at = indices->nextChip( 0 ); at < 256; at = indices->nextChip( at + 1 ) ) {
+         Brine::ChipId const chip( static_cast<U8>( at ) );
+         deletePair( { .position = position, .index = indices->index( chip ) }, chip );
+      }
+      if ( keys().next( position ) == position ) {
+         keys().eraseKey( position, keys().keyOf( position ) ); // an object that a caller emptied
+      }
+   }
+};
+
+} // namespace Tessel
