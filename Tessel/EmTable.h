@@ -32,6 +32,7 @@
 #include "Weft/Contract.h"
 
 #include <array>
+#include <bit>
 #include <bitset>
 #include <cstddef>
 #include <limits>
@@ -141,6 +142,9 @@ class [[gnu::visibility( "default" )]] EmTableEntry {
 /// Writes the string form, which parses back to an equal value.
 [[gnu::visibility( "default" )]] std::ostream& operator<<( std::ostream&, EmTableEntry const& );
 
+template<std::size_t wordCount>
+class KeyTable;
+
 /// The slots of one key: one per chip that has it.
 class [[gnu::visibility( "default" )]] EmTableFapIndices : public Corvo::Node {
  public:
@@ -150,9 +154,15 @@ class [[gnu::visibility( "default" )]] EmTableFapIndices : public Corvo::Node {
    static Corvo::Ptr<EmTableFapIndices> EmTableFapIndicesIs();
 
    /// The chip's slot; the invalid index when it has none here.
-   EmTableIndex index( Brine::ChipId chip ) const;
+   EmTableIndex index( Brine::ChipId chip ) const {
+      U32 const place = more_ ? placeOf( chip ) : inlinePlaceOf( chip );
+      return place < count_ ? EmTableIndex( slots()[ place ] ) : EmTableIndex();
+   }
    /// Adds the member or replaces its slot. std::bad_alloc leaves the object as it was.
-   void indexIs( Brine::ChipId chip, EmTableIndex slot );
+   void indexIs( Brine::ChipId chip, EmTableIndex slot ) {
+      slotsAreGiven_ = true;
+      place( chip, slot );
+   }
    /// Removes the member and returns its slot; the invalid index when absent.
    EmTableIndex indexDel( Brine::ChipId chip );
    void indexDelAll() { count_ = 0; }
@@ -171,9 +181,25 @@ class [[gnu::visibility( "default" )]] EmTableFapIndices : public Corvo::Node {
    static Weft::AllocTrackTypeInfo memAllocationTracker_;
 
  private:
+   template<std::size_t wordCount>
+   friend class KeyTable;
+
    static constexpr U16 inlineMembers = 4; // most keys are programmed on a handful of chips
 
+   /// indexIs, for the table itself.
+   void place( Brine::ChipId chip, EmTableIndex slot );
+   /// Whether somebody but the table has set a slot, which then need not hold an image.
+   bool slotsAreGiven() const { return slotsAreGiven_; }
+
+   /// count_, or more, when the chip is no member.
    U32 placeOf( Brine::ChipId chip ) const;
+   /// The same while the members are inline: all of them looked at as one word.
+   U32 inlinePlaceOf( Brine::ChipId chip ) const {
+      U32 const difference = std::bit_cast<U32>( inlineChips_ ) ^ chip.value() * 0x01010101U;
+      // The lowest bit that is set lies in the lowest byte that is zero.
+      U32 const zeroBytes = ( difference - 0x01010101U ) & ~difference & 0x80808080U;
+      return static_cast<U32>( std::countr_zero( zeroBytes ) ) / 8;
+   }
    U32* slots() { return more_ ? more_.get() : inlineSlots_.data(); }
    U32 const* slots() const { return more_ ? more_.get() : inlineSlots_.data(); }
    U8* chips() { return more_ ? chipsBehind( more_.get() ) : inlineChips_.data(); }
@@ -182,6 +208,7 @@ class [[gnu::visibility( "default" )]] EmTableFapIndices : public Corvo::Node {
 
    U16 count_ = 0;
    U16 capacity_ = inlineMembers;
+   bool slotsAreGiven_ = false;
    std::array<U32, inlineMembers> inlineSlots_{};
    std::array<U8, inlineMembers> inlineChips_{};
    std::unique_ptr<U32[]> more_; ///< capacity_ slots, then as many chips; null while inline

@@ -81,19 +81,14 @@ U32 EmTableFapIndices::placeOf( Brine::ChipId chip ) const {
    return at ? static_cast<U32>( static_cast<U8 const*>( at ) - chips() ) : count_;
 }
 
-EmTableIndex EmTableFapIndices::index( Brine::ChipId chip ) const {
-   U32 const place = placeOf( chip );
-   return place < count_ ? EmTableIndex( slots()[ place ] ) : EmTableIndex();
-}
-
-void EmTableFapIndices::indexIs( Brine::ChipId chip, EmTableIndex slot ) {
-   U32 const place = placeOf( chip );
-   if ( place == count_ ) {
+void EmTableFapIndices::place( Brine::ChipId chip, EmTableIndex slot ) {
+   U32 const at = placeOf( chip );
+   if ( at == count_ ) {
       makeRoom();
-      chips()[ place ] = chip.value();
+      chips()[ at ] = chip.value();
       ++count_;
    }
-   slots()[ place ] = slot.value();
+   slots()[ at ] = slot.value();
 }
 
 EmTableIndex EmTableFapIndices::indexDel( Brine::ChipId chip ) {

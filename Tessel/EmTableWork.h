@@ -70,6 +70,9 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
                   table_.writableRange() + offset, shape<Result>(), chip, key, result );
                return true;
             },
+            [ & ]( SlotOrObject where, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
+               return setOther<Result>( table_, where, chip, key, result );
+            },
             [ & ]() __attribute__( ( always_inline ) ) {
                return addAbsent<Result>( table_, chip, key, hash, result );
             },
@@ -88,6 +91,9 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
             hash,
             holds( key ),
             []( EmTableIndex, U64 ) { return true; },
+            [ & ]( SlotOrObject where, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
+               return where.indexOn( chip ).valid();
+            },
             [] { return false; },
             fully );
       }
@@ -110,7 +116,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
                   return fully();
                }
                if ( !table_.isWriter_ ) [[unlikely]] {
-                  return getOfAnother<Result>( table_, offset, chip, key, result );
+                  return getInPlace<Result>( table_, offset, chip, key, result );
                }
                Result bytes;
                if ( readImageOf<wordCount>( table_.readableRange() + offset,
@@ -122,6 +128,9 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
                }
                bytes.store( reinterpret_cast<U8*>( result ), shape<Result>().resultLength );
                return true;
+            },
+            [ & ]( SlotOrObject where, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
+               return getOther<Result>( table_, where, chip, key, result );
             },
             []() __attribute__( ( always_inline ) ) { return false; },
             fully );
@@ -148,6 +157,9 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
                this->removeInPlace( slot, chip );
                return true;
             },
+            [ & ]( SlotOrObject where, U64 position ) __attribute__( ( always_inline ) ) {
+               return delOther( table_, where, position, chip, key );
+            },
             []() __attribute__( ( always_inline ) ) { return false; },
             fully );
       }
@@ -157,7 +169,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
 
    /// Calls `one( pair, hash of its key )` for each pair, in order, and counts what it answers. What the
    /// calls will read is fetched ahead of them, in stages of which each needs what the one before it has
-   /// fetched: the tags, then the element, then, where `readsImages`, the image.
+   /// fetched: the tags, then the element, then, where `readsImages`, the image, which a key with an
+   /// object has one stage later.
    template<bool readsImages, class Pair, class One>
    U64 inBulk( std::span<Pair const> pairs, bool* answers, One const& one ) const {
       U64 count = 0;
@@ -174,8 +187,10 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
          }
          return count;
       }
-      constexpr std::size_t stages = readsImages ? 3 : 2;
-      std::array<U64, ( stages + 1 ) * bulkStep> hashes; // of pair n at n modulo the size
+      constexpr std::size_t mostStages = 4;
+      bool const readsObjects = keys().objects() != 0;
+      std::size_t const stages = 2 + ( readsImages ? 1 : 0 ) + ( readsObjects ? 1 : 0 );
+      std::array<U64, ( mostStages + 1 ) * bulkStep> hashes; // of pair n at n modulo the size
       auto const hashOf = [ & ]( std::size_t at ) -> U64& { return hashes[ at % hashes.size() ]; };
       // Those of the pairs that are in this stage at this turn.
       auto const inStage = [ & ]( std::size_t turn, std::size_t stage, auto const& work )
@@ -202,8 +217,13 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
                keys().fetchElement( hashOf( at ) );
             }
          } );
-         if constexpr ( readsImages ) {
+         if ( readsObjects ) {
             inStage( turn, 2, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
+               fetchObjectOf( pairs[ at ], hashOf( at ) );
+            } );
+         }
+         if constexpr ( readsImages ) {
+            inStage( turn, stages - 1, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
                fetchImageOf( pairs[ at ], hashOf( at ) );
             } );
          }
@@ -254,6 +274,54 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       return true;
    }
 
+   /// For a key that has an object, or another chip.
+   template<class Result>
+   [[gnu::noinline]] static bool setOther( Table& table,
+                                           SlotOrObject where,
+                                           Brine::ChipId chip,
+                                           Weft::CharPtrConst key,
+                                           Weft::CharPtrConst result ) {
+      EmTableIndex const slot = where.indexOn( chip );
+      if ( !slot.valid() ) {
+         return setFully<Result>( table, chip, key, result );
+      }
+      EntryWork const work( table );
+      U64 const offset = work.template offsetOf<Result>( slot );
+      if ( offset < table.ownSize() && Keys::slotsAreOwn( where ) ) [[likely]] {
+         storeEntryImage<wordCount, Result, Before::anImage>(
+            table.writableRange() + offset, work.template shape<Result>(), chip, key, result );
+      } else {
+         work.template writeImage<Result>( slot, chip, key, result );
+      }
+      return true;
+   }
+   [[gnu::noinline]] static bool delOther( Table& table,
+                                           SlotOrObject where,
+                                           U64 position,
+                                           Brine::ChipId chip,
+                                           Weft::CharPtrConst key ) {
+      EntryWork const work( table );
+      KeyPlace const place{ .position = position, .index = where.indexOn( chip ) };
+      if ( place.index.valid() ) {
+         work.delAt( place, work.keyAt( key ), chip );
+      }
+      return place.index.valid();
+   }
+   template<class Result>
+   [[gnu::noinline]] static bool getOther( Table& table,
+                                           SlotOrObject where,
+                                           Brine::ChipId chip,
+                                           Weft::CharPtrConst key,
+                                           Weft::CharPtr result ) {
+      EmTableIndex const slot = where.indexOn( chip );
+      U64 const offset = EntryWork( table ).template offsetOf<Result>( slot );
+      if ( !slot.valid() ) {
+         return false;
+      }
+      return offset < table.readableSize() ? getInPlace<Result>( table, offset, chip, key, result )
+                                           : getFully<Result>( table, chip, key, result );
+   }
+
    /// For a key that is known to be absent.
    template<class Result>
    [[gnu::noinline]] static bool addAbsent( Table& table,
@@ -275,19 +343,22 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       return index.valid();
    }
 
-   /// For an image in place that this table does not write. Who writes the images reads them once.
+   /// For an image in place, whoever writes it.
    template<class Result>
-   [[gnu::noinline]] static bool getOfAnother( Table& table,
-                                               U64 offset,
-                                               Brine::ChipId chip,
-                                               Weft::CharPtrConst key,
-                                               Weft::CharPtr result ) {
+   [[gnu::noinline]] static bool getInPlace( Table& table,
+                                             U64 offset,
+                                             Brine::ChipId chip,
+                                             Weft::CharPtrConst key,
+                                             Weft::CharPtr result ) {
       EntryWork const work( table );
       ImageShape const shape = work.template shape<Result>();
+      U8 const* const image = table.readableRange() + offset;
+      auto const& words = work.keyAt( key ).words;
       Result bytes;
-      if ( readForeignImageOf<wordCount>(
-              table.readableRange() + offset, shape, chip, work.keyAt( key ).words, bytes ) != 0 )
-         [[unlikely]] {
+      U64 const difference =
+         table.isWriter_ ? readImageOf<wordCount>( image, shape, chip, words, bytes )
+                         : readForeignImageOf<wordCount>( image, shape, chip, words, bytes );
+      if ( difference != 0 ) [[unlikely]] {
          return getFully<Result>( table, chip, key, result );
       }
       bytes.store( reinterpret_cast<U8*>( result ), shape.resultLength );
@@ -374,6 +445,22 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    }
 
    template<class Pair>
+   [[gnu::always_inline]] void fetchObjectOf( Pair const& pair, U64 hash ) const {
+      keys().glance(
+         pair.chipId,
+         hash,
+         holds( pair.key ),
+         []( EmTableIndex, U64 ) __attribute__( ( always_inline ) ) {},
+         []( SlotOrObject where, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
+            if ( where.isObject() ) {
+               Keys::fetchObject( *where.object() );
+            }
+         },
+         []() __attribute__( ( always_inline ) ) {},
+         []() __attribute__( ( always_inline ) ) {} );
+   }
+
+   template<class Pair>
    [[gnu::always_inline]] void fetchImageOf( Pair const& pair, U64 hash ) const {
       keys().glance(
          pair.chipId,
@@ -381,6 +468,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
          holds( pair.key ),
          [ & ]( EmTableIndex slot, U64 /*position*/ )
             __attribute__( ( always_inline ) ) { this->fetchImage( slot ); },
+         [ & ]( SlotOrObject where, U64 /*position*/ )
+            __attribute__( ( always_inline ) ) { this->fetchImage( where.indexOn( pair.chipId ) ); },
          []() __attribute__( ( always_inline ) ) {},
          []() __attribute__( ( always_inline ) ) {} );
    }

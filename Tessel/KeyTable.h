@@ -232,13 +232,15 @@ class KeyTable {
       return { .position = found.position, .index = found.element->where().indexOn( chip ) };
    }
 
-   /// What the first look of find() says of a key that has no object, which nearly always decides:
-   /// calls `onSlot( slot, position )`, `absent()`, or `unsure()`, and answers what that does.
-   template<class HoldsKey, class OnSlot, class Absent, class Unsure>
+   /// What the first look of find() says, which nearly always decides: calls `onSlot( slot, position )`
+   /// when the key has this one chip and no object, `onOther( where, position )` when it has an
+   /// object or another chip, `absent()` when it is not there, or else `unsure()`; and answers what that does.
+   template<class HoldsKey, class OnSlot, class OnOther, class Absent, class Unsure>
    [[gnu::always_inline]] auto glance( Brine::ChipId chip,
                                        U64 hash,
                                        HoldsKey const& holdsKey,
                                        OnSlot const& onSlot,
+                                       OnOther const& onOther,
                                        Absent const& absent,
                                        Unsure const& unsure ) const {
       return elements_.glance(
@@ -249,7 +251,7 @@ class KeyTable {
             if ( where.isOn( chip ) ) [[likely]] {
                return onSlot( where.slot(), found.position );
             }
-            return unsure();
+            return onOther( where, found.position );
          },
          absent,
          unsure );
@@ -274,7 +276,7 @@ class KeyTable {
          elements_.insert( key.hash,
                            KeyElement<wordCount>( key.words, SlotOrObject( chip, slot ) ) );
       } else if ( auto& element = elements_[ place.position ]; element.where().isObject() ) {
-         element.where().object()->indexIs( chip, slot );
+         element.where().object()->place( chip, slot );
       } else {
          element.whereIs( SlotOrObject( chip, slot ) );
       }
@@ -341,6 +343,10 @@ class KeyTable {
       }
       elements_.clear();
    }
+   /// Whether every slot of the key was put there by set().
+   static bool slotsAreOwn( SlotOrObject where ) {
+      return !where.isObject() || !where.object()->slotsAreGiven();
+   }
    /// Keys that have an object.
    U64 objects() const { return objects_; }
 
@@ -358,6 +364,10 @@ class KeyTable {
    [[gnu::always_inline]] void fetchElement( U64 hash ) const { elements_.fetchElement( hash ); }
    [[gnu::always_inline]] void fetchElementOrPlace( U64 hash ) const {
       elements_.fetchElementOrPlace( hash );
+   }
+   static void fetchObject( EmTableFapIndices const& object ) {
+      __builtin_prefetch( &object );
+      __builtin_prefetch( reinterpret_cast<char const*>( &object + 1 ) - 1 );
    }
    /// Bytes that a look-up may touch.
    U64 bytes() const { return elements_.bytes(); }
@@ -390,7 +400,7 @@ class KeyTable {
          return *where.object();
       }
       auto object = EmTableFapIndices::EmTableFapIndicesIs();
-      object->indexIs( where.chip(), where.slot() );
+      object->place( where.chip(), where.slot() );
       auto& made = *object;
       element.whereIs( SlotOrObject( std::move( object ) ) );
       ++objects_;
