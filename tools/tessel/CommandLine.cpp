@@ -36,6 +36,7 @@ constexpr std::string_view footer =
    "  tessel update l2.json mac 0 02:00:5e:00:53:01 7\n"
    "  tessel show l2.json\n"
    "  tessel dump l2.json mac | tessel load l2.json mac -\n"
+   "  tessel map l2.json\n"
    "  tessel verify l2.json\n"
    "  tessel remove l2.json";
 

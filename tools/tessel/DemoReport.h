@@ -5,7 +5,7 @@
 ///
 /// Threads: one report per process.
 
-#include "Weft/Types.h"
+#include "tools/tessel/Style.h"
 
 #include <chrono>
 #include <iosfwd>
@@ -13,18 +13,6 @@
 #include <string_view>
 
 namespace TesselTool {
-
-struct Style {
-   bool colour = false;
-   bool unicode = false; ///< blocks and marks beyond ASCII
-};
-
-/// Colour when standard output is a terminal and NO_COLOR is not set; Unicode when the locale of
-/// the environment says UTF-8.
-Style styleOfTerminal();
-
-/// A bar `width` characters wide of which `value` of `full` is filled.
-std::string bar( U64 value, U64 full, U32 width, bool unicode );
 
 /// Time since it was made.
 class Stopwatch {
@@ -59,7 +47,6 @@ class DemoReport {
    void flush();
 
  private:
-   std::string coloured( std::string_view text, std::string_view code ) const;
    std::string mark( bool good ) const;
 
    std::ostream& out_;

@@ -21,14 +21,6 @@ struct Row {
    PlannedTable const& table() const { return inspected.table; }
 };
 
-std::string chipsJson( Occupancy const& occupancy ) {
-   JsonObject chips;
-   for ( auto const& [ chip, used ] : occupancy.byChip ) {
-      chips.number( std::to_string( chip ), used );
-   }
-   return chips.text();
-}
-
 std::string jsonOf( Row const& row, bool planned ) {
    PlannedTable const& table = row.table();
    JsonObject json;

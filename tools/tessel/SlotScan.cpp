@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/tessel/SlotScan.h"
 
+#include "tools/tessel/Json.h"
+
 namespace TesselTool {
 
 U32 slotBytes( U32 key, U32 result ) {
@@ -26,6 +28,14 @@ Occupancy occupancyOf( Vellum::VellumChunk const& chunk, PlannedTable const& tab
       }
    }
    return occupancy;
+}
+
+std::string chipsJson( Occupancy const& occupancy ) {
+   JsonObject chips;
+   for ( auto const& [ chip, used ] : occupancy.byChip ) {
+      chips.number( std::to_string( chip ), used );
+   }
+   return chips.text();
 }
 
 } // namespace TesselTool

@@ -84,6 +84,9 @@ struct Occupancy {
    std::map<U8, U32> byChip{}; ///< chips with entries
 };
 
+/// `{"0":2}`: entries by chip.
+std::string chipsJson( Occupancy const& occupancy );
+
 Occupancy occupancyOf( Vellum::VellumChunk const& chunk, PlannedTable const& table );
 
 } // namespace TesselTool

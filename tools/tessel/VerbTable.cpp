@@ -19,19 +19,22 @@ constexpr std::array<Word, 8> allWords{ {
    { "FILE", "Lines chip,key,result; - is standard input", &Arguments::file },
 } };
 
-constexpr std::array<Option, 9> allOptions{ {
+constexpr std::array<Option, 12> allOptions{ {
    { "TABLE", "", "This table alone", &Arguments::someTable },
    { "--table", "NAME", "This table alone", &Arguments::someTable },
    { "--chip", "N", "The chip to clear in every table", &Arguments::someChip },
    { "--key", "N", "Bytes of a key, where a chunk is given", &Arguments::keyLength },
    { "--result", "N", "Bytes of a result, where a chunk is given", &Arguments::resultLength },
    { "--as", "FORM", "csv, which load reads, json, or table", &Arguments::form },
+   { "--out", "FILE", "Write a picture: FILE.svg or FILE.html", &Arguments::out },
+   { "--interval", "SECONDS", "Between two looks; 1 unless given", &Arguments::interval },
+   { "--count", "N", "End after so many looks", &Arguments::count },
    { "--keep-going", "", "Load the good lines beside bad ones", &Arguments::keepGoing },
    { "--force", "", "Remove what does not look like a chunk of tables, too", &Arguments::force },
    { "--data", "FILE...", "Files of the registry of MAC address blocks, CSV", &Arguments::data },
 } };
 
-constexpr std::array<Verb, 11> allVerbs{ {
+constexpr std::array<Verb, 13> allVerbs{ {
    { "init", "Write a plan to start from", "NAME.json", "", "  tessel init l2.json", init },
    { "show",
      "Tables, their ranges and how full they are",
@@ -90,6 +93,20 @@ constexpr std::array<Verb, 11> allVerbs{ {
      "  tessel verify l2.json\n"
      "  tessel verify /l2",
      verify },
+   { "map",
+     "A picture of the tables' slots, by chip",
+     "PLAN|CHUNK",
+     "TABLE --out --key --result",
+     "  tessel map l2.json\n"
+     "  tessel map l2.json mac --out l2.html",
+     map },
+   { "watch",
+     "Occupancy, additions and removals as they come; q ends it",
+     "PLAN|CHUNK",
+     "TABLE --interval --count --key --result",
+     "  tessel watch l2.json --count 1\n"
+     "  tessel watch l2.json mac --interval 0.5 --count 2",
+     watch },
    { "remove",
      "Remove a chunk's name, and with its last user the chunk",
      "PLAN|CHUNK",
