@@ -29,29 +29,66 @@ std::string Stopwatch::rateOf( U64 count ) const {
 }
 
 void DemoReport::title( std::string_view text ) {
+   if ( json_ ) {
+      out_ << "{\"title\":" << jsonText( text ) << ",\"items\":[";
+      return;
+   }
    out_ << coloured( style_, text, bold ) << '\n';
 }
 
 void DemoReport::step( U32 number, std::string_view text ) {
+   if ( json_ ) {
+      item( JsonObject().number( "step", number ).text( "text", text ) );
+      return;
+   }
    out_ << '\n' << coloured( style_, joined( number, "  ", text ), bold ) << '\n' << std::flush;
 }
 
 void DemoReport::line( std::string_view text ) {
+   if ( json_ ) {
+      item( JsonObject().text( "line", text ) );
+      return;
+   }
    out_ << "     " << text << '\n';
 }
 
 void DemoReport::proof( bool holds, std::string_view claim ) {
    allHeld_ = allHeld_ && holds;
+   if ( json_ ) {
+      item( JsonObject().text( "proof", claim ).flag( "holds", holds ) );
+      return;
+   }
    line( joined( mark( holds ), ' ', claim, holds ? "" : ": this does NOT hold" ) );
 }
 
 void DemoReport::barLine( std::string_view label, U64 value, U64 full ) {
    constexpr U32 width = 32;
+   if ( json_ ) {
+      item( JsonObject().text( "bar", label ).number( "value", value ).number( "full", full ) );
+      return;
+   }
    line( joined( label, "  ", bar( value, full, width, style_.unicode ), "  ", grouped( value ) ) );
 }
 
 void DemoReport::verdict( bool good, std::string_view text ) {
+   if ( json_ ) {
+      out_ << "],\"verdict\":" << jsonText( text ) << ",\"held\":" << ( good ? "true" : "false" )
+           << "}\n";
+      return;
+   }
    out_ << '\n' << mark( good ) << ' ' << coloured( style_, text, good ? bold : red ) << '\n';
+}
+
+void DemoReport::item( JsonObject const& item ) {
+   out_ << ( anyItem_ ? ",\n" : "\n" ) << item.text();
+   anyItem_ = true;
+}
+
+void DemoReport::failed( std::string_view why ) {
+   if ( json_ ) {
+      verdict( false, why );
+      flush();
+   }
 }
 
 void DemoReport::flush() {

@@ -153,10 +153,22 @@ void addFramesWithin( Problems& problems, VellumChunk const& chunk, Frame const&
    }
 }
 
+/// Of a damaged frame the header alone is sure.
 bool belongs( std::vector<Frame> const& frames, U64 offset ) {
    return std::any_of( frames.begin(), frames.end(), [ & ]( Frame const& frame ) {
-      return startOf( frame ) <= offset && offset < endOf( frame );
+      U64 const end = frame.intact ? endOf( frame ) : U64{ frame.offset };
+      return startOf( frame ) <= offset && offset < end;
    } );
+}
+
+/// A trailer holds the first bytes of a header.
+bool isWithinTrailer( VellumChunk const& chunk, U64 offset ) {
+   constexpr U64 within = 3;
+   if ( offset < within ) {
+      return false;
+   }
+   auto const trailer = recordAt<EmTableTrailer>( chunk, offset - within );
+   return trailer && trailer->trailerMagic == EmTableTrailer::magic;
 }
 
 void addLooseTrailers( Problems& problems,
@@ -188,7 +200,8 @@ void addBrokenHeaders( Problems& problems,
    MagicSearch search( chunk, headerMagic );
    for ( auto at = search.next( 0 ); at; at = search.next( *at + 1 ) ) {
       auto const header = recordAt<EmTableHeader>( chunk, *at );
-      if ( header && !belongs( frames, *at ) && isNearlyHeader( *header, *at ) ) {
+      if ( header && !belongs( frames, *at ) && !isWithinTrailer( chunk, *at ) &&
+           isNearlyHeader( *header, *at ) ) {
          bool const misplaced = header->tableOffset != *at + headerBytes;
          problems.push_back(
             { *at,

@@ -59,7 +59,7 @@ U32 cellsFor( TerminalSize const& terminal, U32 rows );
 /// What a drawing shows: the chunk to scale, and below it every table.
 struct Drawing {
    std::string chunk;
-   std::string agent; ///< empty when it is not known
+   std::string agent{}; ///< empty when it is not known
    U32 chunkSize = 0;
    std::vector<Picture> tables{};
 };
