@@ -57,8 +57,11 @@ Flaw flawOf( Slot const& slot ) {
 /// Slots that looked wrong, to be looked at again: one that a writer had begun is finished by then.
 class Suspects {
  public:
-   Suspects( VellumChunk const& chunk, PlannedTable const& table, ReportProblem const& report )
-         : chunk_( chunk ), table_( table ), report_( report ) {}
+   Suspects( VellumChunk const& chunk,
+             PlannedTable const& table,
+             ReportProblem const& report,
+             std::function<void()> const& pause )
+         : chunk_( chunk ), table_( table ), report_( report ), pause_( pause ) {}
 
    void add( U32 index ) {
       constexpr std::size_t most = 4096;
@@ -74,7 +77,7 @@ class Suspects {
       constexpr std::size_t few = 8;
       U32 const tries = indices_.size() > few ? 1 : 20;
       for ( U32 i = 0; i < tries && !indices_.empty(); ++i ) {
-         std::this_thread::sleep_for( 10ms );
+         pause_();
          std::erase_if( indices_, [ & ]( U32 index ) { return flawAt( index ).text.empty(); } );
       }
       for ( U32 const index : indices_ ) {
@@ -95,6 +98,7 @@ class Suspects {
    VellumChunk const& chunk_;
    PlannedTable const& table_;
    ReportProblem const& report_;
+   std::function<void()> const& pause_;
    std::vector<U32> indices_;
 };
 
@@ -158,10 +162,15 @@ void verifyPairs( VellumChunk const& chunk,
 
 } // namespace
 
+void pauseBriefly() {
+   std::this_thread::sleep_for( 10ms );
+}
+
 void verifySlots( VellumChunk const& chunk,
                   PlannedTable const& table,
-                  ReportProblem const& report ) {
-   Suspects suspects( chunk, table, report );
+                  ReportProblem const& report,
+                  std::function<void()> const& pause ) {
+   Suspects suspects( chunk, table, report, pause );
    std::vector<HashedPair> pairs;
    forEachSlot( chunk, table, [ & ]( Slot const& slot ) {
       if ( !flawOf( slot ).text.empty() ) {
