@@ -317,6 +317,7 @@ TEST_F( Tool, wrongUsageIsOneLineAndStatusTwo ) {
    expectError( run( {} ), 2, "a verb is missing" );
    expectError( run( { "shwo", plan } ), 2, "no verb \"shwo\"; the nearest is show" );
    expectError( run( { "show" } ), 2, "PLAN is required" );
+   expectError( run( { "show", "" } ), 2, "names no plan" );
    expectError( run( { "show", plan, "more" } ), 2, "not expected: more" );
    expectError( run( { "--jsno", "show", plan } ), 2, "no option \"--jsno\"" );
    expectError( run( { "show", plan, "--json" } ), 2, "--json comes before the verb" );
@@ -353,6 +354,8 @@ TEST_F( Tool, helpIsNoError ) {
    EXPECT_THAT( run( { "--help" } ).out, HasSubstr( "Exit status: 0 done" ) );
    EXPECT_THAT( run( { "load", "--help" } ).out, HasSubstr( "--keep-going" ) );
    EXPECT_EQ( run( { "load", "--help" } ).status, 0 );
+   EXPECT_EQ( run( { "help", "load" } ).out, run( { "load", "--help" } ).out );
+   EXPECT_EQ( run( { "help" } ).out, run( { "--help" } ).out );
 }
 
 } // namespace

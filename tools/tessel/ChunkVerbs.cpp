@@ -95,7 +95,8 @@ void printRemoved( Context const& context,
                   << '\n';
       return;
    }
-   context.out << "removed chunk " << printable( chunk ) << ", " << grouped( bytes ) << " bytes, "
+   context.out << "removed chunk " << printable( chunk ) << ", "
+               << counted( bytes, "byte", "bytes" ) << ", "
                << counted( frames.size(), "table", "tables" ) << list << '\n';
 }
 

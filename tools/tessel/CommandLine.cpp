@@ -145,10 +145,19 @@ std::string adviceFor( std::vector<std::string_view> const& words ) {
    throw Failure( text, ExitStatus::usage );
 }
 
-ExitStatus runWords( int argc, char const* const* argv, std::ostream& out ) {
-   std::span<char const* const> const typed( argv, static_cast<std::size_t>( argc ) );
-   if ( typed.size() > 1 && typed[ 1 ] == completionVerb ) {
-      return complete( { typed.begin() + 2, typed.end() }, out );
+/// The words behind the tool's name; `help VERB` stands for `VERB --help`.
+std::vector<std::string> wordsTyped( int argc, char const* const* argv ) {
+   std::vector<std::string> typed( argv + std::min( argc, 1 ), argv + argc );
+   if ( !typed.empty() && typed.front() == "help" ) {
+      typed.erase( typed.begin() );
+      typed.emplace_back( "--help" );
+   }
+   return typed;
+}
+
+ExitStatus runWords( std::vector<std::string> const& typed, std::ostream& out ) {
+   if ( !typed.empty() && typed.front() == completionVerb ) {
+      return complete( { typed.begin() + 1, typed.end() }, out );
    }
    CLI::App app{ std::string( description ), "tessel" };
    bool json = false;
@@ -158,7 +167,8 @@ ExitStatus runWords( int argc, char const* const* argv, std::ostream& out ) {
    app.add_flag( "--json", json, "Answer as one JSON document; comes before the verb" );
    addVerbs( app, arguments );
    try {
-      app.parse( argc, argv );
+      std::vector<std::string> lastFirst( typed.rbegin(), typed.rend() );
+      app.parse( std::move( lastFirst ) );
    } catch ( CLI::CallForHelp const& ) {
       out << app.help();
       return ExitStatus::done;
@@ -166,7 +176,7 @@ ExitStatus runWords( int argc, char const* const* argv, std::ostream& out ) {
       out << version.what() << '\n';
       return ExitStatus::done;
    } catch ( CLI::ParseError const& error ) {
-      refuseUsage( { argv + std::min( argc, 1 ), argv + argc }, app, error );
+      refuseUsage( { typed.begin(), typed.end() }, app, error );
    }
    Verb const* const verb = verbNamed( app.get_subcommands().front()->get_name() );
    return verb->action( arguments, { .out = out, .err = std::cerr, .json = json } );
@@ -237,7 +247,7 @@ int run( int argc, char const* const* argv ) {
    OutputStream out( STDOUT_FILENO );
    try {
       return static_cast<int>( answering( std::cerr, [ & ] {
-         ExitStatus const status = runWords( argc, argv, out );
+         ExitStatus const status = runWords( wordsTyped( argc, argv ), out );
          out.flush();
          return status;
       } ) );

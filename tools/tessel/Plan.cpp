@@ -212,6 +212,9 @@ Plan parsePlan( std::string_view json, std::string_view source ) {
 
 Plan readPlan( std::string const& path ) {
    constexpr std::streamsize largest = 16 << 20;
+   if ( path.empty() ) {
+      throw Failure( "an empty word names no plan: name its file", ExitStatus::usage );
+   }
    std::ifstream file( path, std::ios::binary );
    if ( !file ) {
       throw Failure(

@@ -69,7 +69,8 @@ std::string chipList( Row const& row ) {
 
 void printPlan( std::ostream& out, Plan const& plan, std::vector<Row> const& rows ) {
    out << "agent " << inQuotes( plan.agent ) << ", chunk " << printable( plan.chunk ) << ", "
-       << grouped( plan.size ) << " bytes, " << counted( rows.size(), "table", "tables" ) << '\n';
+       << counted( plan.size, "byte", "bytes" ) << ", " << counted( rows.size(), "table", "tables" )
+       << '\n';
    Columns columns( { { "table" },
                       { "kind" },
                       { "entries", Align::right },
@@ -100,8 +101,8 @@ void printPlan( std::ostream& out, Plan const& plan, std::vector<Row> const& row
 void printChunk( std::ostream& out,
                  Vellum::VellumChunk const& chunk,
                  std::vector<Row> const& rows ) {
-   out << "chunk " << printable( chunk.name() ) << ", " << grouped( chunk.size() ) << " bytes, "
-       << counted( rows.size(), "table", "tables" ) << '\n';
+   out << "chunk " << printable( chunk.name() ) << ", " << counted( chunk.size(), "byte", "bytes" )
+       << ", " << counted( rows.size(), "table", "tables" ) << '\n';
    std::vector<Columns::Heading> headings{
       { "table" }, { "offset", Align::right }, { "bytes", Align::right }, { "frame" }
    };
