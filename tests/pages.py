@@ -47,7 +47,8 @@ class Bench:
         return os.path.join(self.folder.name, name)
 
     def run(self, *words: str, text: str = "") -> None:
-        subprocess.run([self.tool, *words], input=text, text=True, check=True, stdout=subprocess.DEVNULL)
+        subprocess.run([self.tool, *words], input=text, text=True, check=True,
+                       stdout=subprocess.DEVNULL)
 
     def drawn(self, name: str) -> str:
         self.run("map", self.plan, "--out", self.path(name))
@@ -73,8 +74,9 @@ def browser(bench: Bench) -> int:
         return SKIPPED
     address = "file://" + bench.drawn("map.html") + "#a%20%3Cb%3E%20%26%20c/7"
     shown = subprocess.run(
-        [program, "--headless", "--no-sandbox", "--disable-gpu", "--user-data-dir=" + bench.path("profile"),
-         "--dump-dom", address], capture_output=True, text=True, timeout=240, check=True).stdout
+        [program, "--headless", "--no-sandbox", "--disable-gpu", "--dump-dom",
+         "--user-data-dir=" + bench.path("profile"), address],
+        capture_output=True, text=True, timeout=240, check=True).stdout
     told = shown[shown.index('<div id="told"'):]
     told = told[told.index(">") + 1:told.index("</div>")]
     assert told == "a &lt;b&gt; &amp; c slot 7\nslot 7  chip 9  02:00:5e:00:53:07 → 7", told

@@ -10,8 +10,8 @@
 ///    ipv6     16         2001:db8::1         hex digits, with ':' between bytes
 ///    uint     1 to 8     4094                0xffe
 ///
-/// A number's bytes are high byte first. A '.' in an ipv4 always stands between decimal numbers, and
-/// digits of a uint without 0x are decimal.
+/// A number's bytes are high byte first. A '.' in an ipv4 always stands between decimal numbers,
+/// and digits of a uint without 0x are decimal.
 ///
 /// Threads: functions of their arguments alone.
 

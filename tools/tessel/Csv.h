@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-/// Entries as lines: chip,key,result with a decimal chip, 0 to 255, and bytes in the table's formats.
+/// Entries as lines: chip,key,result with a decimal chip, 0 to 255, and bytes in the formats of
+/// their table.
 ///
 /// Blank lines are skipped, and so is everything from a '#' on. Blanks around fields, carriage
 /// returns at line ends, a byte-order mark in front, and a last line without an end are accepted.
@@ -50,9 +51,9 @@ struct CsvInput {
 std::optional<U8> parseChip( std::string_view text );
 
 /// Reads to the end of the stream. A line is bad when it is no entry of a table with keys of
-/// `keyBytes` bytes and results of `resultBytes`, both within the limits and the formats'. Lines of any length are
-/// taken without holding more than 4096 bytes of them. Whether the stream itself failed is for the
-/// caller to ask it.
+/// `keyBytes` bytes and results of `resultBytes`, both within the limits and the formats'. Lines of
+/// any length are taken without holding more than 4096 bytes of them. Whether the stream itself
+/// failed is for the caller to ask it.
 CsvInput
 readCsv( std::istream& stream, U32 keyBytes, U32 resultBytes, CsvFormats const& formats = {} );
 

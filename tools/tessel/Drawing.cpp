@@ -21,7 +21,7 @@ constexpr U32 columns = 128;
 constexpr double pitch = inner / columns;
 constexpr double cellSide = pitch - 1;
 constexpr double barHeight = 36;
-constexpr U32 legendColumns = 8;
+constexpr U32 legendColumns = 6;
 
 /// A length as SVG has it, to a hundredth.
 std::string px( double value ) {

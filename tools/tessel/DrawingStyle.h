@@ -10,8 +10,8 @@
 
 namespace TesselTool {
 
-/// Chips are coloured c0, c1 and so on, and from the front again; hues that people with colour-blind
-/// eyes tell apart.
+/// Chips are coloured c0, c1 and so on, and from the front again; hues that colour-blind people tell
+/// apart.
 inline constexpr std::size_t chipColours = 8;
 
 inline constexpr std::string_view drawingStyle = R"(:root, svg {
@@ -29,7 +29,8 @@ svg { font-family: system-ui, "Segoe UI", "DejaVu Sans", sans-serif; fill: var(-
 .range { fill: var(--range); } .filled { fill: var(--filled); } .frame, .axis { fill: var(--line); }
 .title { font-size: 24px; font-weight: 650; } .name { font-size: 18px; font-weight: 650; }
 .meta, .legend { font-size: 13px; fill: var(--soft); } .onbar { font-size: 12px; }
-.tick { font-size: 11px; fill: var(--soft); } .mid { text-anchor: middle; } .end { text-anchor: end; }
+.tick { font-size: 11px; fill: var(--soft); }
+.mid { text-anchor: middle; } .end { text-anchor: end; }
 .c0 { fill: #2f81d6; } .c1 { fill: #f0a020; } .c2 { fill: #12a37c; } .c3 { fill: #d678ab; }
 .c4 { fill: #5cc3ee; } .c5 { fill: #dd5f1c; } .c6 { fill: #8f73d9; } .c7 { fill: #8d96a3; }
 )";
@@ -59,7 +60,8 @@ function tell(tip, x, y) {
   if (!tip) return;
   told.textContent = tip.dataset.told;
   told.style.left = Math.min(x + 14, innerWidth - told.offsetWidth - 8) + "px";
-  told.style.top = (y + told.offsetHeight + 24 > innerHeight ? y - told.offsetHeight - 12 : y + 16) + "px";
+  const below = y + told.offsetHeight + 24 <= innerHeight;
+  told.style.top = (below ? y + 16 : y - told.offsetHeight - 12) + "px";
 }
 addEventListener("mousemove", e => tell(e.target.closest(".tip"), e.clientX, e.clientY));
 addEventListener("click", e => {

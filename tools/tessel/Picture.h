@@ -64,7 +64,7 @@ struct Drawing {
    std::vector<Picture> tables{};
 };
 
-inline constexpr PictureSize drawingSize{ .cells = 4096, .entriesPerCell = 12 };
+inline constexpr PictureSize drawingSize{ .cells = 4096, .entriesPerCell = 16 };
 
 /// A picture by itself; what lies under the pointer is told by its titles.
 std::string svgOf( Drawing const& drawing );

@@ -9,8 +9,9 @@
 ///      "tables": [ { "name": "vlan", "kind": "direct", "entries": 4096, "key": 2, "result": 2 },
 ///                  { "name": "mac", "kind": "exact", "entries": 65536, "key": 8, "result": 4 } ] }
 ///
-/// Every field is required, but for a table's "keyFormat" and "resultFormat": "hex", which they are
-/// without, "mac", "ipv4", "ipv6" or "uint" (ByteFormat.h). Sizes, offsets and lengths are in bytes, 0 to 4294967295.
+/// Every field is required, but for a table's "keyFormat" and "resultFormat", which are "mac",
+/// "ipv4", "ipv6", "uint" or, as without them, "hex" (ByteFormat.h). Sizes, offsets and lengths are
+/// in bytes, 0 to 4294967295.
 ///
 /// A plan that was read is sound: the chunk's name is well-formed, table names are unique and fit
 /// into a frame, lengths are within the limits, and every frame lies within the allowed size and

@@ -48,6 +48,15 @@ timespec until( std::chrono::steady_clock::time_point deadline ) {
             .tv_nsec = duration_cast<nanoseconds>( left - whole ).count() };
 }
 
+TerminalState stateNow() {
+   TerminalState state{ .descriptor = STDIN_FILENO, .settings = {}, .farewell = farewell };
+   if ( ::tcgetattr( STDIN_FILENO, &state.settings ) != 0 ) {
+      throw Failure( joined( "the terminal does not tell its settings: ",
+                             std::generic_category().message( errno ) ) );
+   }
+   return state;
+}
+
 } // namespace
 
 SignalWait::SignalWait() {
@@ -112,11 +121,8 @@ bool Screen::isThere() {
    return ::isatty( STDIN_FILENO ) == 1 && ::isatty( STDOUT_FILENO ) == 1;
 }
 
-Screen::Screen() : former_{ .descriptor = STDIN_FILENO, .settings = {}, .farewell = farewell } {
-   if ( ::tcgetattr( STDIN_FILENO, &former_.settings ) != 0 ) {
-      throw Failure( joined( "the terminal does not tell its settings: ",
-                             std::generic_category().message( errno ) ) );
-   }
+// From the other constructor on there is a Screen, which leaves when entering fails.
+Screen::Screen() : Screen( stateNow() ) {
    enter();
 }
 

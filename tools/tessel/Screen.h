@@ -16,8 +16,8 @@
 
 namespace TesselTool {
 
-/// While it exists, signals come only while wait() waits, so that none is missed before it. Those of
-/// CatchInterrupts end the wait with Interrupted.
+/// While it exists, signals come only while wait() waits, so that none is missed before it. Those
+/// of CatchInterrupts end the wait with Interrupted.
 class SignalWait {
  public:
    SignalWait();
@@ -66,6 +66,8 @@ class Screen {
    void enter();
 
  private:
+   explicit Screen( TerminalState const& former ) : former_( former ) {}
+
    TerminalState former_;
 };
 

@@ -3,8 +3,8 @@
 
 /// The slots of an exact-match table's range, straight from the chunk (Tessel/EmTable.h draws one).
 ///
-/// Threads: the chunk is read; its writer may be at work in another process meanwhile. Each image is
-/// whole, but two are of two moments.
+/// Threads: the chunk is read; its writer may be at work in another process meanwhile. Each image
+/// is whole, but two are of two moments.
 
 #include "Tessel/EmTable.h"
 #include "tools/tessel/Plan.h"

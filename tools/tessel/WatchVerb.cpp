@@ -59,10 +59,11 @@ class Watch {
 
    void run() {
       Look look = lookNow();
-      if ( context_.json || !Screen::isThere() ) {
+      // A count asks for something to keep, which the other page of a terminal is not.
+      if ( context_.json || arguments_.count || !Screen::isThere() ) {
          runInLines( std::move( look ) );
       } else {
-         runOnScreen( std::move( look ) );
+         runOnScreen( look );
       }
    }
 
@@ -130,11 +131,10 @@ class Watch {
       SignalWait const waiting;
       Screen screen;
       std::vector<std::string> lines = linesOf( first, style_ );
-      while ( left_-- > 0 ) {
-         lines.emplace_back();
-         lines.emplace_back( "q ends" );
+      for ( ;; ) {
+         lines.insert( lines.end(), { "", "q ends" } );
          Screen::show( lines );
-         if ( left_ == 0 || !waitOnScreen( waiting, screen, lines ) ) {
+         if ( !waitOnScreen( waiting, screen, lines ) ) {
             return;
          }
          lines = linesNow();
@@ -168,12 +168,12 @@ class Watch {
       }
    }
 
+   /// Also when there is nobody any more who could type.
    static bool endIsTyped() {
       std::array<char, 64> keys{};
       ssize_t const count = ::read( STDIN_FILENO, keys.data(), keys.size() );
-      std::string_view const typed( keys.data(),
-                                    static_cast<std::size_t>( std::max<ssize_t>( count, 0 ) ) );
-      return count == 0 || typed.find_first_of( "qQ" ) != std::string_view::npos;
+      return count <= 0 || std::string_view( keys.data(), static_cast<std::size_t>( count ) )
+                                 .find_first_of( "qQ" ) != std::string_view::npos;
    }
 
    Arguments const& arguments_;
