@@ -55,8 +55,8 @@ std::string parseNumber( std::string_view text, std::span<char> target ) {
    if ( error != std::errc() || number > largestIn( target.size() ) ) {
       return joined( "passes ", largestIn( target.size() ), ", the largest number here" );
    }
-   for ( auto byte = target.rbegin(); byte != target.rend(); ++byte ) {
-      *byte = static_cast<char>( number & 0xFFU );
+   for ( std::size_t i = target.size(); i > 0; --i ) {
+      target[ i - 1 ] = static_cast<char>( number & 0xFFU );
       number >>= 8;
    }
    return {};

@@ -225,8 +225,9 @@ class TableDrawing {
          drawn += titled( joined( "chip ", U32{ chip }, ": ", grouped( used ) ),
                           rect( left, y_, wide, 8, chipClass( picture_, chip ) ) );
          left += wide;
+         U32 const row = place / legendColumns;
          double const x = margin + inner / legendColumns * ( place % legendColumns );
-         double const y = y_ + 20 + 20 * ( place / legendColumns );
+         double const y = y_ + 20 + 20 * row;
          drawn += rect( x, y, 10, 10, chipClass( picture_, chip ) );
          drawn += TesselTool::text(
             x + 15, y + 9, "legend", joined( "chip ", U32{ chip }, " · ", grouped( used ) ) );
@@ -237,9 +238,9 @@ class TableDrawing {
    }
 
    std::string grid() {
-      std::string drawn = joined( "<g class=\"grid\" data-table=\"",
+      std::string drawn = joined( R"(<g class="grid" data-table=")",
                                   safe( picture_.table.name ),
-                                  "\" data-slots=\"",
+                                  R"(" data-slots=")",
                                   picture_.slotsPerCell,
                                   "\">\n" );
       for ( std::size_t i = 0; i < picture_.cells.size(); ++i ) {
@@ -253,8 +254,9 @@ class TableDrawing {
    /// A square, filled from below: a chip's share of its height for each.
    std::string cell( std::size_t index ) const {
       Cell const& cell = picture_.cells[ index ];
+      std::size_t const row = index / columns;
       double const x = margin + pitch * static_cast<double>( index % columns );
-      double const y = y_ + 4 + pitch * static_cast<double>( index / columns );
+      double const y = y_ + 4 + pitch * static_cast<double>( row );
       std::string drawn;
       if ( cell.used < picture_.slotsIn( index ) ) {
          drawn += rect( x, y, cellSide, cellSide, "free" );
@@ -313,7 +315,7 @@ std::string contentOf( Drawing const& drawing, double& y ) {
 std::string svgWith( Drawing const& drawing, std::string_view style ) {
    double height = 0;
    std::string const content = contentOf( drawing, height );
-   return joined( "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 ",
+   return joined( R"(<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 )",
                   px( width ),
                   ' ',
                   px( height ),

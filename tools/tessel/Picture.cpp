@@ -28,6 +28,10 @@ std::string entryText( PlannedTable const& table, Slot const& slot ) {
 
 // ------------------------------------------------------------------------- in a terminal
 
+char letterOf( std::size_t place, std::string_view letters = "abcdefghijklmnopqrstuvwxyz" ) {
+   return place < letters.size() ? letters[ place ] : '#';
+}
+
 /// How full a cell is, in a letter of its own for each chip when it cannot be coloured.
 std::string cellText( Picture const& picture, std::size_t index, Style style ) {
    constexpr std::array<std::string_view, 9> levels{ "·", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█" };
@@ -40,9 +44,10 @@ std::string cellText( Picture const& picture, std::size_t index, Style style ) {
    if ( cell.used == 0 ) {
       return ".";
    }
-   std::size_t const place = picture.chipPlace( cell.mainChip() );
-   char const letter = cell.used == slots ? 'A' : 'a';
-   return std::string( 1, place < 26 ? static_cast<char>( letter + place ) : '#' );
+   return std::string( 1,
+                       letterOf( picture.chipPlace( cell.mainChip() ),
+                                 cell.used == slots ? "ABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                                    : "abcdefghijklmnopqrstuvwxyz" ) );
 }
 
 std::string cellInColour( Picture const& picture, std::size_t index, Style style ) {
@@ -58,8 +63,7 @@ void printChips( std::ostream& out, Picture const& picture, Style style ) {
    for ( auto const& [ chip, used ] : picture.occupancy.byChip ) {
       std::size_t const place = picture.chipPlace( chip );
       std::string const letter =
-         style.unicode ? std::string( "■" )
-                       : std::string( 1, place < 26 ? static_cast<char>( 'a' + place ) : '#' );
+         style.unicode ? std::string( "■" ) : std::string( 1, letterOf( place ) );
       out << "  " << coloured( style, letter, chipColour( place ) ) << " chip " << std::left
           << std::setw( 3 ) << U32{ chip } << std::right << "  "
           << coloured( style,

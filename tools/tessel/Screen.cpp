@@ -65,7 +65,7 @@ SignalWait::SignalWait() {
    for ( int const signal : { SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGCONT, SIGWINCH } ) {
       ::sigaddset( &held, signal );
    }
-   ::sigprocmask( SIG_BLOCK, &held, &formerMask_ );
+   ::pthread_sigmask( SIG_BLOCK, &held, &formerMask_ );
    struct sigaction action {};
    action.sa_handler = rememberTerminalSignal;
    ::sigemptyset( &action.sa_mask );
@@ -78,7 +78,7 @@ SignalWait::~SignalWait() {
    for ( std::size_t i = 0; i < signals.size(); ++i ) {
       ::sigaction( signals[ i ], &former_[ i ], nullptr );
    }
-   ::sigprocmask( SIG_SETMASK, &formerMask_, nullptr );
+   ::pthread_sigmask( SIG_SETMASK, &formerMask_, nullptr );
 }
 
 SignalWait::Event SignalWait::wait( std::chrono::steady_clock::time_point deadline,
@@ -112,8 +112,8 @@ void SignalWait::stopHere() {
    ::sigemptyset( &stop );
    ::sigaddset( &stop, SIGTSTP );
    ::raise( SIGTSTP );
-   ::sigprocmask( SIG_UNBLOCK, &stop, nullptr ); // here the process stops
-   ::sigprocmask( SIG_BLOCK, &stop, nullptr );
+   ::pthread_sigmask( SIG_UNBLOCK, &stop, nullptr ); // here the process stops
+   ::pthread_sigmask( SIG_BLOCK, &stop, nullptr );
    ::sigaction( SIGTSTP, &ours, nullptr );
 }
 

@@ -45,6 +45,7 @@ std::string jsonOf( Row const& row, bool planned ) {
 
 void printJson( Context const& context, std::vector<Row> const& rows, bool planned ) {
    std::vector<std::string> tables;
+   tables.reserve( rows.size() );
    for ( Row const& row : rows ) {
       tables.push_back( jsonOf( row, planned ) );
    }

@@ -5,6 +5,7 @@
 #include "tools/tessel/Json.h"
 #include "tools/tessel/Text.h"
 
+#include <cmath>
 #include <iomanip>
 #include <sstream>
 
@@ -29,7 +30,7 @@ std::string perSecond( U64 count, double seconds ) {
    double const rate = static_cast<double>( count ) / seconds;
    constexpr double large = 100; // where a digit behind the point says nothing
    return rate < large ? joined( std::fixed, std::setprecision( 1 ), rate )
-                       : grouped( static_cast<U64>( rate + 0.5 ) );
+                       : grouped( static_cast<U64>( std::llround( rate ) ) );
 }
 
 std::string share( U32 used, U32 entries ) {

@@ -58,10 +58,10 @@ class Watch {
                             std::numeric_limits<U64>::max() ) ) {}
 
    void run() {
-      Look look = lookNow();
+      Look const look = lookNow();
       // A count asks for something to keep, which the other page of a terminal is not.
       if ( context_.json || arguments_.count || !Screen::isThere() ) {
-         runInLines( std::move( look ) );
+         runInLines( look );
       } else {
          runOnScreen( look );
       }
@@ -112,9 +112,9 @@ class Watch {
       context_.out.flush();
    }
 
-   void runInLines( Look look ) {
+   void runInLines( Look const& first ) {
       SignalWait const waiting;
-      print( look );
+      print( first );
       while ( --left_ > 0 ) {
          auto const deadline =
             Clock::now() + std::chrono::duration_cast<Clock::duration>( interval_ );
