@@ -9,6 +9,7 @@ name=tessel-test-$$
 scratch=$(mktemp -d)
 readonly tool sources name scratch
 trap 'rm -rf "$scratch" "/dev/shm/$name"' EXIT
+trap 'echo "$0:$LINENO failed" >&2' ERR
 export PATH=${tool%/*}:$PATH
 cd "$scratch"
 
@@ -45,7 +46,7 @@ expect_completion() {
    local wanted=$1
    shift
    COMP_WORDS=(tessel "$@") COMP_CWORD=$# COMPREPLY=()
-   _tessel
+   _tessel || fail "completion of '$*' failed" # and compopt may fail outside of completion
    [ "${COMPREPLY[*]}" = "$wanted" ] || fail "completion of '$*': '${COMPREPLY[*]}', not '$wanted'"
 }
 
