@@ -21,4 +21,10 @@ endif()
 if( EXISTS ${scratch}/moved/bin/tessel )
    execute_process( COMMAND ${scratch}/moved/bin/tessel --help
       OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY )
+   foreach( file IN ITEMS man/man1/tessel.1 man/man5/tessel-plan.5 man/man5/tessel-chunk.5
+         bash-completion/completions/tessel )
+      if( NOT EXISTS ${scratch}/moved/share/${file} )
+         message( FATAL_ERROR "share/${file} is not installed" )
+      endif()
+   endforeach()
 endif()

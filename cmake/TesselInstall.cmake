@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# `cmake --install`: headers under include/tessel, the library, the tool, find_package( Tessel ).
+# `cmake --install`: headers under include/tessel, the library, find_package( Tessel ), the tool
+# with its man pages and completion.
 
 include( CMakePackageConfigHelpers )
 
@@ -18,6 +19,12 @@ if( TARGET tessel )
       ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR} )
    set_target_properties( tessel PROPERTIES INSTALL_RPATH $ORIGIN/${libraryFromTool} )
    install( TARGETS tessel RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} )
+   set( toolFolder ${PROJECT_SOURCE_DIR}/tools/tessel )
+   install( FILES ${toolFolder}/man/tessel.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 )
+   install( FILES ${toolFolder}/man/tessel-plan.5 ${toolFolder}/man/tessel-chunk.5
+      DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 )
+   install( FILES ${toolFolder}/completion/tessel.bash RENAME tessel
+      DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions )
 endif()
 
 configure_package_config_file( cmake/TesselConfig.cmake.in

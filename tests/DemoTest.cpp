@@ -3,6 +3,8 @@
 
 #include "tools/tessel/DemoScript.h"
 
+#include <nlohmann/json.hpp>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -55,6 +57,20 @@ TEST( Demo, provesThatNothingIsLostAndLeavesNothingBehind ) {
                        HasSubstr( "Nothing that was acknowledged was lost" ),
                        Not( HasSubstr( "NOT" ) ) ) );
    EXPECT_FALSE( std::filesystem::exists( chunkOf( demo ) ) );
+}
+
+TEST( Demo, isADocumentForPrograms ) {
+   TestSupport::ToolBench const bench;
+   std::string const data = bench.file( "blocks.csv", registry( 9000 ) );
+   auto const told = nlohmann::json::parse( bench.run( { "--json", "demo", "--data", data } ).out );
+   EXPECT_TRUE( told.at( "held" ).get<bool>() );
+   EXPECT_EQ( told.at( "items" ).front().at( "step" ), 1 );
+   EXPECT_EQ( std::count_if( told.at( "items" ).begin(),
+                             told.at( "items" ).end(),
+                             []( auto const& item ) { return item.contains( "step" ); } ),
+              7 );
+   auto const failed = bench.run( { "--json", "demo", "--data", bench.file( "none.csv", "" ) } );
+   EXPECT_FALSE( nlohmann::json::parse( failed.out ).at( "held" ).get<bool>() );
 }
 
 TEST( Demo, leavesNothingBehindWhenItIsInterrupted ) {

@@ -10,7 +10,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 #include <filesystem>
+#include <map>
+#include <sstream>
 
 namespace {
 
@@ -130,6 +134,33 @@ TEST_F( Tool, whatWasDumpedLoadsIntoTheSameBytes ) {
    EXPECT_EQ( bench.bytes(), bytes );
 }
 
+TEST_F( Tool, aLoadOfManyLinesIsAsOneLineAfterAnother ) {
+   std::string const large = bench.file(
+      "large.json",
+      bench.plan(
+         R"({ "name": "mac", "kind": "exact", "entries": 1500, "key": 6, "result": 2 })" ) );
+   std::string lines;
+   std::map<std::string, std::string> last; // by chip and key
+   for ( unsigned i = 0; i < 4000; ++i ) {  // pairs come back within a block and behind it
+      std::array<char, 32> pair{};
+      std::array<char, 8> result{};
+      std::snprintf( pair.data(), pair.size(), "%u,%012x", i % 3, i * 7919 % 450 );
+      std::snprintf( result.data(), result.size(), "%04x", i % 5 == 0 ? 0 : i );
+      lines += std::string( pair.data() ) + ',' + result.data() + '\n';
+      last[ pair.data() ] = result.data();
+   }
+   EXPECT_EQ( run( { "load", large, "mac", "-" }, lines ).out,
+              std::to_string( last.size() ) + " added, " +
+                 "3,550 replaced, 0 refused (table full), "
+                 "0 bad lines\n" );
+   std::map<std::string, std::string> found;
+   std::istringstream dumped( run( { "dump", large, "mac" } ).out );
+   for ( std::string line; std::getline( dumped, line ); ) {
+      found[ line.substr( 0, line.rfind( ',' ) ) ] = line.substr( line.rfind( ',' ) + 1 );
+   }
+   EXPECT_EQ( found, last );
+}
+
 TEST_F( Tool, linesAreAppliedInTheirOrder ) {
    EXPECT_EQ( load( "0,000000000001,0001\n0,000000000002,0002\n0,000000000001,0003\n" ).out,
               "2 added, 1 replaced, 0 refused (table full), 0 bad lines\n" );
@@ -178,7 +209,12 @@ TEST_F( Tool, onlyLoadAndUpdateCreateAChunk ) {
                                 Words{ "dump", plan, "mac" },
                                 Words{ "lookup", plan, "mac", "0", "000000000001" },
                                 Words{ "delete", plan, "mac", "0", "000000000001" },
-                                Words{ "clear", plan, "mac" } } ) {
+                                Words{ "clear", plan, "mac" },
+                                Words{ "verify", plan },
+                                Words{ "verify", bench.chunk() },
+                                Words{ "map", plan },
+                                Words{ "watch", plan },
+                                Words{ "remove", plan } } ) {
       expectError( run( words ), 1, "chunk \"" + bench.chunk() + "\" does not exist" );
       EXPECT_EQ( bench.bytes(), "(missing)" ) << words[ 0 ];
    }
@@ -220,6 +256,9 @@ TEST_F( Tool, readingVerbsChangeNoByte ) {
    for ( Words const& words : { Words{ "show", plan },
                                 Words{ "show", bench.chunk() },
                                 Words{ "dump", plan, "mac" },
+                                Words{ "verify", plan },
+                                Words{ "map", plan },
+                                Words{ "watch", plan, "--count", "1" },
                                 Words{ "lookup", plan, "mac", "5", "000000000001" } } ) {
       EXPECT_EQ( run( words ).status, 0 ) << words[ 0 ];
       EXPECT_EQ( bench.bytes(), bytes ) << words[ 0 ];
@@ -250,6 +289,9 @@ TEST_F( Tool, jsonHasTheDocumentedFields ) {
    EXPECT_EQ( json( { "show", bench.chunk() } ),
               Json::parse( R"({"tables":[{"name":"mac","offset":44,"shadowSize":48,"intact":true},
                  {"name":"set","offset":144,"shadowSize":400,"intact":true}]})" ) );
+   EXPECT_EQ( json( { "show", bench.chunk(), "--table", "mac", "--key", "6", "--result", "2" } ),
+              Json::parse( R"({"tables":[{"name":"mac","entries":4,"key":6,"result":2,"offset":44,
+                 "shadowSize":48,"intact":true,"used":3,"chips":{"0":1,"5":2}}]})" ) );
    EXPECT_EQ( json( { "dump", plan, "mac" } ),
               Json::parse( R"([{"chip":0,"key":"000000000001","result":"0001"},
                  {"chip":5,"key":"000000000001","result":"0002"},
@@ -275,6 +317,7 @@ TEST_F( Tool, wrongUsageIsOneLineAndStatusTwo ) {
    expectError( run( {} ), 2, "a verb is missing" );
    expectError( run( { "shwo", plan } ), 2, "no verb \"shwo\"; the nearest is show" );
    expectError( run( { "show" } ), 2, "PLAN is required" );
+   expectError( run( { "show", "" } ), 2, "names no plan" );
    expectError( run( { "show", plan, "more" } ), 2, "not expected: more" );
    expectError( run( { "--jsno", "show", plan } ), 2, "no option \"--jsno\"" );
    expectError( run( { "show", plan, "--json" } ), 2, "--json comes before the verb" );
@@ -282,7 +325,11 @@ TEST_F( Tool, wrongUsageIsOneLineAndStatusTwo ) {
    expectError( run( { "clear", plan, "mac", "--chip", "1" } ), 2, "either a TABLE or --chip" );
    expectError( run( { "lookup", plan, "mac", "256", "000000000001" } ), 2, "chip \"256\"" );
    expectError( run( { "lookup", plan, "mac", "0", "01" } ), 2, "has 1 byte, 6 are needed" );
-   expectError( run( { "--json", "demo" } ), 2, "no --json form" );
+   expectError( run( { "show", plan, "--tabel", "mac" } ), 2, "the nearest is --table" );
+   expectError( run( { "show", bench.chunk(), "--key", "6" } ), 2, "come together" );
+   expectError( run( { "show", plan, "--key", "6", "--result", "2" } ), 2, "are for a chunk" );
+   expectError( run( { "show", "/x", "--key", "21", "--result", "2" } ), 2, "from 0 to 20" );
+   expectError( run( { "dump", plan, "mac", "--as", "tabel" } ), 2, "the nearest is table" );
 }
 
 TEST_F( Tool, whatIsAbsentIsOneLineAndStatusOne ) {
@@ -294,10 +341,21 @@ TEST_F( Tool, whatIsAbsentIsOneLineAndStatusOne ) {
       run( { "show", bench.file( "bad.json", "{" ) } ), 1, "bad.json: is no JSON: line 1" );
 }
 
+TEST_F( Tool, initWritesAPlanThatWorksAndKeepsWhatIsThere ) {
+   std::string const file = bench.path( bench.chunk().substr( 1 ) + ".json" );
+   EXPECT_EQ( run( { "init", file } ).status, 0 );
+   EXPECT_EQ( run( { "load", file, "host", "-" }, "0,192.0.2.1,02:00:5e:00:53:01\n" ).status, 0 );
+   EXPECT_EQ( run( { "show", bench.chunk() } ).status, 0 );
+   expectError( run( { "init", file } ), 1, "nothing was changed" );
+   expectError( run( { "init", bench.path( "" ) } ), 2, "names no chunk" );
+}
+
 TEST_F( Tool, helpIsNoError ) {
    EXPECT_THAT( run( { "--help" } ).out, HasSubstr( "Exit status: 0 done" ) );
    EXPECT_THAT( run( { "load", "--help" } ).out, HasSubstr( "--keep-going" ) );
    EXPECT_EQ( run( { "load", "--help" } ).status, 0 );
+   EXPECT_EQ( run( { "help", "load" } ).out, run( { "load", "--help" } ).out );
+   EXPECT_EQ( run( { "help" } ).out, run( { "--help" } ).out );
 }
 
 } // namespace

@@ -30,18 +30,6 @@ void redirect( int descriptor, std::string const& path, int flags ) {
    }
 }
 
-[[noreturn]] void become( std::vector<std::string> const& words ) {
-   std::vector<char*> arguments;
-   static std::string tool = TESSEL_TOOL_PATH;
-   arguments.push_back( tool.data() );
-   for ( std::string const& word : words ) {
-      arguments.push_back( const_cast<char*>( word.c_str() ) );
-   }
-   arguments.push_back( nullptr );
-   ::execv( tool.c_str(), arguments.data() );
-   ::_exit( 127 );
-}
-
 } // namespace
 
 ToolBench::ToolBench()
@@ -87,7 +75,7 @@ pid_t ToolBench::start( std::vector<std::string> const& words, std::string const
       redirect( STDIN_FILENO, path( "in" ), O_RDONLY );
       redirect( STDOUT_FILENO, path( "out" ), O_WRONLY | O_CREAT | O_TRUNC );
       redirect( STDERR_FILENO, path( "err" ), O_WRONLY | O_CREAT | O_TRUNC );
-      become( words );
+      becomeTool( words );
    }
    return tool;
 }
@@ -100,6 +88,18 @@ Answer ToolBench::finish( pid_t tool ) const {
    return { .status = WIFEXITED( status ) ? WEXITSTATUS( status ) : 128 + WTERMSIG( status ),
             .out = contentsOf( path( "out" ) ),
             .err = contentsOf( path( "err" ) ) };
+}
+
+void becomeTool( std::vector<std::string> const& words ) {
+   std::vector<char*> arguments;
+   static std::string tool = TESSEL_TOOL_PATH;
+   arguments.push_back( tool.data() );
+   for ( std::string const& word : words ) {
+      arguments.push_back( const_cast<char*>( word.c_str() ) );
+   }
+   arguments.push_back( nullptr );
+   ::execv( tool.c_str(), arguments.data() );
+   ::_exit( 127 );
 }
 
 std::string contentsOf( std::string const& path ) {

@@ -55,6 +55,9 @@ class ToolBench {
    std::string chunk_;
 };
 
+/// Replaces this process by the tool.
+[[noreturn]] void becomeTool( std::vector<std::string> const& words );
+
 std::string contentsOf( std::string const& path );
 
 } // namespace TestSupport

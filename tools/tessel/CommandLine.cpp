@@ -2,19 +2,18 @@
 #include "tools/tessel/CommandLine.h"
 
 #include "Weft/Contract.h"
+#include "tools/tessel/Completion.h"
+#include "tools/tessel/Crash.h"
 #include "tools/tessel/Interrupts.h"
 #include "tools/tessel/Output.h"
 #include "tools/tessel/Text.h"
-#include "tools/tessel/Verbs.h"
+#include "tools/tessel/VerbTable.h"
 
 #include <CLI/CLI.hpp>
 
-#include <array>
 #include <csignal>
-#include <cstring>
 #include <iostream>
 #include <new>
-#include <optional>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -23,111 +22,90 @@ namespace TesselTool {
 
 namespace {
 
-using Action = ExitStatus ( * )( Arguments const&, Context const& );
-
-struct Verb {
-   std::string_view name;
-   std::string_view summary;
-   std::string_view words; ///< the positional ones, in order
-   Action action;
-};
-
-constexpr std::array<Verb, 8> verbs{ {
-   { "show", "Tables, their ranges and how full they are", "PLAN|CHUNK", show },
-   { "dump",
-     "The entries of a table in slot order, in the form that load reads",
-     "PLAN TABLE",
-     dump },
-   { "lookup", "The result of one entry", "PLAN TABLE CHIP KEY", lookup },
-   { "update", "Add an entry, or replace its result", "PLAN TABLE CHIP KEY RESULT", update },
-   { "delete", "Remove an entry", "PLAN TABLE CHIP KEY", deleteEntry },
-   { "load", "Add or replace many entries", "PLAN TABLE FILE", load },
-   { "clear", "Remove the entries of a table, or of a chip in every table", "PLAN", clear },
-   { "demo", "Kill an agent, and watch its tables survive", "", demo },
-} };
-
 constexpr std::string_view description =
    "Looks into and changes the tables that an agent keeps in shared memory.\n"
    "A PLAN is a JSON file that says which chunk and which tables the agent has.";
 
 constexpr std::string_view footer =
-   "Keys and results are hex bytes, with ':' or '.' between bytes as you like.\n"
+   "Keys and results are hex bytes, with ':' or '.' between bytes as you like, or what the plan's\n"
+   "keyFormat and resultFormat say: mac, ipv4, ipv6, uint.\n"
    "Exit status: 0 done; 1 something asked for was absent, refused or wrong in the data;\n"
    "2 wrong usage.\n\n"
    "Examples:\n"
+   "  tessel init l2.json\n"
+   "  tessel update l2.json mac 0 02:00:5e:00:53:01 7\n"
    "  tessel show l2.json\n"
-   "  tessel update l2.json mac 0 02:00:5e:00:53:01:00:0a 00000007\n"
-   "  tessel dump l2.json mac | tessel load copy.json mac -";
+   "  tessel dump l2.json mac | tessel load l2.json mac -\n"
+   "  tessel map l2.json\n"
+   "  tessel verify l2.json\n"
+   "  tessel remove l2.json";
 
-struct Word {
-   std::string_view name;
-   std::string_view meaning;
-   std::string Arguments::*place;
-};
-
-constexpr std::array<Word, 7> positionals{ {
-   { "PLAN", "The agent's plan, a JSON file", &Arguments::plan },
-   { "PLAN|CHUNK", "An agent's plan, or the name of a chunk with its slash", &Arguments::plan },
-   { "TABLE", "The table's name in the plan", &Arguments::table },
-   { "CHIP", "A number from 0 to 255", &Arguments::chip },
-   { "KEY", "Hex bytes, with ':' or '.' between them as you like", &Arguments::key },
-   { "RESULT", "Hex bytes, as KEY", &Arguments::result },
-   { "FILE", "Lines chip,key,result; - is standard input", &Arguments::file },
-} };
-
-void addWord( CLI::App& command, std::string_view name, Arguments& arguments ) {
-   for ( Word const& word : positionals ) {
-      if ( word.name == name ) {
-         command
-            .add_option( std::string( name.substr( 0, name.find( '|' ) ) ),
-                         arguments.*word.place,
-                         std::string( word.meaning ) )
-            ->required()
-            ->type_name( "" );
-      }
-   }
+void addWord( CLI::App& command, Word const& word, Arguments& arguments ) {
+   command
+      .add_option( std::string( word.name.substr( 0, word.name.find( '|' ) ) ),
+                   arguments.*word.place,
+                   std::string( word.meaning ) )
+      ->required()
+      ->type_name( "" );
 }
 
-void addWords( CLI::App& command, std::string_view words, Arguments& arguments ) {
-   while ( !words.empty() ) {
-      std::string_view const word = words.substr( 0, words.find( ' ' ) );
-      words.remove_prefix( std::min( words.size(), word.size() + 1 ) );
-      addWord( command, word, arguments );
-   }
-}
-
-void addOptions( CLI::App& command, Arguments& arguments ) {
-   std::string const name = command.get_name();
-   if ( name == "load" ) {
-      command.add_flag(
-         "--keep-going", arguments.keepGoing, "Load the good lines beside bad ones" );
-   } else if ( name == "clear" ) {
-      command.add_option( "TABLE", arguments.table, "The table to clear" )->type_name( "" );
-      command.add_option( "--chip", arguments.chip, "The chip to clear in every table" )
-         ->type_name( "N" );
-   } else if ( name == "demo" ) {
-      command
-         .add_option( "--data", arguments.data, "Files of the registry of MAC address blocks, CSV" )
-         ->type_name( "FILE..." );
-   }
+void addOption( CLI::App& command, Option const& option, Arguments& arguments ) {
+   std::string const name( option.name );
+   std::string const meaning( option.meaning );
+   std::string const value( option.value );
+   std::visit(
+      [ & ]( auto place ) {
+         using Value = std::remove_reference_t<decltype( arguments.*place )>;
+         if constexpr ( std::is_same_v<Value, bool> ) {
+            command.add_flag( name, arguments.*place, meaning );
+         } else if constexpr ( std::is_same_v<Value, std::optional<std::string>> ) {
+            auto const take = [ &arguments, place ]( std::string const& text ) {
+               arguments.*place = text;
+            };
+            command.add_option_function<std::string>( name, take, meaning )->type_name( value );
+         } else {
+            command.add_option( name, arguments.*place, meaning )->type_name( value );
+         }
+      },
+      option.place );
 }
 
 void addVerbs( CLI::App& app, Arguments& arguments ) {
-   for ( Verb const& verb : verbs ) {
+   for ( Verb const& verb : verbs() ) {
       CLI::App* const command =
          app.add_subcommand( std::string( verb.name ), std::string( verb.summary ) );
-      command->footer( "" );
-      addWords( *command, verb.words, arguments );
-      addOptions( *command, arguments );
+      command->footer( joined( "Examples:\n", verb.examples ) );
+      forEachName( verb.words,
+                   [ & ]( auto name ) { addWord( *command, named( words(), name ), arguments ); } );
+      forEachName( verb.options, [ & ]( auto name ) {
+         addOption( *command, named( options(), name ), arguments );
+      } );
    }
    app.require_subcommand( 1 );
+}
+
+/// What is wrong with the options behind a verb; empty when nothing is.
+std::string adviceForOptions( Verb const& verb, std::vector<std::string_view> const& words ) {
+   std::vector<std::string_view> names{ "--help" };
+   forEachName( verb.options, [ & ]( auto name ) { names.push_back( name ); } );
+   for ( std::string_view const word : words ) {
+      std::string_view const name = word.substr( 0, word.find( '=' ) );
+      bool const known = std::find( names.begin(), names.end(), name ) != names.end();
+      if ( name.starts_with( "--" ) && name.size() > 2 && !known ) {
+         return joined( verb.name,
+                        " has no option ",
+                        inQuotes( name ),
+                        "; the nearest is ",
+                        nearest( name, names ) );
+      }
+   }
+   return {};
 }
 
 /// What is wrong with the words, better than the parser can say it; empty when it should speak.
 std::string adviceFor( std::vector<std::string_view> const& words ) {
    std::vector<std::string_view> names;
-   names.reserve( verbs.size() );
-   for ( Verb const& verb : verbs ) {
+   for ( Verb const& verb : verbs() ) {
       names.push_back( verb.name );
    }
    auto const verb =
@@ -148,7 +126,7 @@ std::string adviceFor( std::vector<std::string_view> const& words ) {
    if ( std::find( verb, words.end(), "--json" ) != words.end() ) {
       return joined( "--json comes before the verb: tessel --json ", *verb );
    }
-   return {};
+   return adviceForOptions( *verbNamed( *verb ), { verb + 1, words.end() } );
 }
 
 [[noreturn]] void refuseUsage( std::vector<std::string_view> const& words,
@@ -167,34 +145,41 @@ std::string adviceFor( std::vector<std::string_view> const& words ) {
    throw Failure( text, ExitStatus::usage );
 }
 
-ExitStatus runVerb( CLI::App const& app, Arguments& arguments, Context const& context ) {
-   CLI::App const* const command = app.get_subcommands().front();
-   arguments.hasTable = command->get_name() == "clear" && command->count( "TABLE" ) > 0;
-   arguments.hasChip = command->get_name() == "clear" && command->count( "--chip" ) > 0;
-   for ( Verb const& verb : verbs ) {
-      if ( verb.name == command->get_name() ) {
-         return verb.action( arguments, context );
-      }
+/// The words behind the tool's name; `help VERB` stands for `VERB --help`.
+std::vector<std::string> wordsTyped( int argc, char const* const* argv ) {
+   std::vector<std::string> typed( argv + std::min( argc, 1 ), argv + argc );
+   if ( !typed.empty() && typed.front() == "help" ) {
+      typed.erase( typed.begin() );
+      typed.emplace_back( "--help" );
    }
-   throw Failure( "no verb", ExitStatus::usage );
+   return typed;
 }
 
-ExitStatus runWords( int argc, char const* const* argv, std::ostream& out ) {
+ExitStatus runWords( std::vector<std::string> const& typed, std::ostream& out ) {
+   if ( !typed.empty() && typed.front() == completionVerb ) {
+      return complete( { typed.begin() + 1, typed.end() }, out );
+   }
    CLI::App app{ std::string( description ), "tessel" };
    bool json = false;
    Arguments arguments;
    app.footer( std::string( footer ) );
+   app.set_version_flag( "--version", "tessel " TESSEL_VERSION );
    app.add_flag( "--json", json, "Answer as one JSON document; comes before the verb" );
    addVerbs( app, arguments );
    try {
-      app.parse( argc, argv );
+      std::vector<std::string> lastFirst( typed.rbegin(), typed.rend() );
+      app.parse( std::move( lastFirst ) );
    } catch ( CLI::CallForHelp const& ) {
       out << app.help();
       return ExitStatus::done;
+   } catch ( CLI::CallForVersion const& version ) {
+      out << version.what() << '\n';
+      return ExitStatus::done;
    } catch ( CLI::ParseError const& error ) {
-      refuseUsage( { argv + std::min( argc, 1 ), argv + argc }, app, error );
+      refuseUsage( { typed.begin(), typed.end() }, app, error );
    }
-   return runVerb( app, arguments, { .out = out, .err = std::cerr, .json = json } );
+   Verb const* const verb = verbNamed( app.get_subcommands().front()->get_name() );
+   return verb->action( arguments, { .out = out, .err = std::cerr, .json = json } );
 }
 
 /// A chunk or a pipe opened later must not become standard output or standard error.
@@ -257,11 +242,12 @@ int run( int argc, char const* const* argv ) {
    Weft::onContractFailureIs( Weft::OnContractFailure::raise );
    // NOLINTNEXTLINE(concurrency-mt-unsafe): as above
    std::signal( SIGPIPE, SIG_IGN );
+   answerCutChunks();
    std::ios::sync_with_stdio( false );
    OutputStream out( STDOUT_FILENO );
    try {
       return static_cast<int>( answering( std::cerr, [ & ] {
-         ExitStatus const status = runWords( argc, argv, out );
+         ExitStatus const status = runWords( wordsTyped( argc, argv ), out );
          out.flush();
          return status;
       } ) );

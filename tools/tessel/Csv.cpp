@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/tessel/Csv.h"
 
-#include "tools/tessel/HexText.h"
 #include "tools/tessel/Text.h"
 
 #include <charconv>
@@ -77,8 +76,15 @@ Fields split( std::string_view line ) {
    return fields;
 }
 
+/// What the fields of a line have to hold.
+struct LineShape {
+   U32 keyBytes;
+   U32 resultBytes;
+   CsvFormats formats;
+};
+
 /// What is wrong with a line; empty when it has become `entry`.
-std::string problemOf( std::string_view line, U32 keyBytes, U32 resultBytes, CsvEntry& entry ) {
+std::string problemOf( std::string_view line, LineShape const& shape, CsvEntry& entry ) {
    auto const [ field, count ] = split( line );
    if ( count != field.size() ) {
       return joined(
@@ -89,11 +95,13 @@ std::string problemOf( std::string_view line, U32 keyBytes, U32 resultBytes, Csv
       return joined( "chip ", inQuotes( field[ 0 ] ), " is no number from 0 to 255" );
    }
    entry.chip = *chip;
-   std::string problem = parseHex( field[ 1 ], std::span( entry.key ).first( keyBytes ) );
+   std::string problem =
+      parseBytes( shape.formats.key, field[ 1 ], std::span( entry.key ).first( shape.keyBytes ) );
    if ( !problem.empty() ) {
       return joined( "key ", inQuotes( field[ 1 ] ), ' ', problem );
    }
-   problem = parseHex( field[ 2 ], std::span( entry.result ).first( resultBytes ) );
+   problem = parseBytes(
+      shape.formats.result, field[ 2 ], std::span( entry.result ).first( shape.resultBytes ) );
    return problem.empty() ? problem : joined( "result ", inQuotes( field[ 2 ] ), ' ', problem );
 }
 
@@ -111,7 +119,8 @@ std::optional<U8> parseChip( std::string_view text ) {
    return error == std::errc() && stop == end ? std::optional( chip ) : std::nullopt;
 }
 
-CsvInput readCsv( std::istream& stream, U32 keyBytes, U32 resultBytes ) {
+CsvInput readCsv( std::istream& stream, U32 keyBytes, U32 resultBytes, CsvFormats const& formats ) {
+   LineShape const shape{ keyBytes, resultBytes, formats };
    CsvInput input;
    Lines lines( stream );
    std::string line;
@@ -125,7 +134,7 @@ CsvInput readCsv( std::istream& stream, U32 keyBytes, U32 resultBytes ) {
       }
       CsvEntry entry;
       std::string problem = cut ? joined( "is longer than ", longestLine, " bytes" )
-                                : problemOf( content, keyBytes, resultBytes, entry );
+                                : problemOf( content, shape, entry );
       if ( problem.empty() ) {
          input.entries.push_back( entry );
       } else if ( ++input.badLines <= CsvInput::shownBadLines ) {
@@ -135,12 +144,16 @@ CsvInput readCsv( std::istream& stream, U32 keyBytes, U32 resultBytes ) {
    return input;
 }
 
-void appendCsvLine( std::string& text, U8 chip, std::string_view key, std::string_view result ) {
+void appendCsvLine( std::string& text,
+                    U8 chip,
+                    std::string_view key,
+                    std::string_view result,
+                    CsvFormats const& formats ) {
    text += std::to_string( chip );
    text += ',';
-   appendHex( text, key );
+   appendText( text, formats.key, key );
    text += ',';
-   appendHex( text, result );
+   appendText( text, formats.result, result );
    text += '\n';
 }
 

@@ -132,10 +132,20 @@ class Agent {
 
 class Demo {
  public:
-   Demo( std::vector<std::string> files, std::ostream& out )
-         : files_( std::move( files ) ), report_( out, styleOfTerminal() ) {}
+   Demo( std::vector<std::string> files, Context const& context )
+         : files_( std::move( files ) ), report_( context.out, styleOfTerminal(), context.json ) {}
 
    ExitStatus run() {
+      try {
+         return tell();
+      } catch ( Failure const& failure ) {
+         report_.failed( failure.what() );
+         throw;
+      }
+   }
+
+ private:
+   ExitStatus tell() {
       report_.title( "An agent keeps its tables in shared memory. It is killed. What is lost?" );
       readData();
       checkSize();
@@ -151,8 +161,6 @@ class Demo {
       report_.verdict( good && report_.allHeld(), verdict( good && report_.allHeld() ) );
       return good && report_.allHeld() ? ExitStatus::done : ExitStatus::refused;
    }
-
- private:
    void readData();
    void checkSize() const;
    void describeChunk();
@@ -395,11 +403,8 @@ std::string Demo::verdict( bool good ) {
 } // namespace
 
 ExitStatus demo( Arguments const& arguments, Context const& context ) {
-   if ( context.json ) {
-      throw Failure( "demo is a story for people: it has no --json form", ExitStatus::usage );
-   }
    auto const files = arguments.data.empty() ? installedRegistryFiles() : arguments.data;
-   return Demo( files, context.out ).run();
+   return Demo( files, context ).run();
 }
 
 } // namespace TesselTool

@@ -1,11 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-/// What the demo tells, for a person to enjoy.
+/// What the demo tells, for a person to enjoy; or, for a program, the same as one JSON document:
+///
+///    {"title":…,"items":[{"step":1,"text":…},{"line":…},{"proof":…,"holds":true},
+///       {"bar":…,"value":7,"full":9},…],"verdict":…,"held":true}
 ///
 /// Threads: one report per process.
 
-#include "Weft/Types.h"
+#include "tools/tessel/Json.h"
+#include "tools/tessel/Style.h"
 
 #include <chrono>
 #include <iosfwd>
@@ -13,18 +17,6 @@
 #include <string_view>
 
 namespace TesselTool {
-
-struct Style {
-   bool colour = false;
-   bool unicode = false; ///< blocks and marks beyond ASCII
-};
-
-/// Colour when standard output is a terminal and NO_COLOR is not set; Unicode when the locale of
-/// the environment says UTF-8.
-Style styleOfTerminal();
-
-/// A bar `width` characters wide of which `value` of `full` is filled.
-std::string bar( U64 value, U64 full, U32 width, bool unicode );
 
 /// Time since it was made.
 class Stopwatch {
@@ -42,7 +34,8 @@ class Stopwatch {
 
 class DemoReport {
  public:
-   DemoReport( std::ostream& out, Style style ) : out_( out ), style_( style ) {}
+   DemoReport( std::ostream& out, Style style, bool json )
+         : out_( out ), style_( style ), json_( json ) {}
 
    void title( std::string_view text );
    /// Shown at once, with everything before it.
@@ -52,6 +45,8 @@ class DemoReport {
    void proof( bool holds, std::string_view claim );
    void barLine( std::string_view label, U64 value, U64 full );
    void verdict( bool good, std::string_view text );
+   /// Ends a document whose demo could not go on.
+   void failed( std::string_view why );
 
    /// Whether every proof so far held.
    bool allHeld() const { return allHeld_; }
@@ -59,11 +54,14 @@ class DemoReport {
    void flush();
 
  private:
-   std::string coloured( std::string_view text, std::string_view code ) const;
    std::string mark( bool good ) const;
+
+   void item( JsonObject const& item );
 
    std::ostream& out_;
    Style style_;
+   bool json_;
+   bool anyItem_ = false;
    bool allHeld_ = true;
 };
 

@@ -1,49 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tools/tessel/Csv.h"
-#include "tools/tessel/HexText.h"
+#include "tools/tessel/EntryText.h"
 #include "tools/tessel/Tables.h"
 #include "tools/tessel/Text.h"
-#include "tools/tessel/Verbs.h"
 
-#include <nlohmann/json.hpp>
+#include <optional>
+#include <ostream>
 
 namespace TesselTool {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
-
-U8 chipArgument( std::string_view text ) {
-   auto const chip = parseChip( text );
-   if ( !chip ) {
-      throw Failure( joined( "chip ", inQuotes( text ), " is no number from 0 to 255" ),
-                     ExitStatus::usage );
-   }
-   return *chip;
-}
-
-std::string bytesArgument( std::string_view what, std::string_view text, U32 length ) {
-   std::string bytes( length, '\0' );
-   std::string const problem = parseHex( text, bytes );
-   if ( !problem.empty() ) {
-      throw Failure( joined( what, ' ', inQuotes( text ), ' ', problem ), ExitStatus::usage );
-   }
-   return bytes;
-}
-
-/// The entry that the words of a command name.
-struct NamedEntry {
-   NamedEntry( Arguments const& arguments, PlannedTable const& table )
-         : table( table ), chip( chipArgument( arguments.chip ) ),
-           key( bytesArgument( "key", arguments.key, table.key ) ) {}
-
-   Brine::ChipId chipId() const { return Brine::ChipId( chip ); }
-   Json json() const { return { { "chip", chip }, { "key", hexOf( key ) } }; }
-
-   PlannedTable const& table;
-   U8 chip;
-   std::string key;
-};
 
 [[noreturn]] void refuseAbsent( NamedEntry const& entry ) {
    bool const direct = entry.table.kind == TableKind::direct;
@@ -52,42 +17,12 @@ struct NamedEntry {
                           " has no entry for chip ",
                           U32{ entry.chip },
                           ", key ",
-                          hexOf( entry.key ),
+                          entry.keyText(),
                           direct ? ": it is a direct table, which keeps none" : "" ) );
 }
 
-void printJson( Context const& context, Json const& json ) {
-   context.out << json.dump() << '\n';
-}
-
-void printEntries( Tessel::EmShadowTable const& table, Context const& context ) {
-   std::string line;
-   bool first = true;
-   for ( Tessel::EmTableEntry const& entry : table.entries() ) {
-      if ( !entry.valid() ) {
-         continue; // its agent has removed it since the walk began
-      }
-      auto const chip = entry.chipId().value();
-      std::string_view const key( entry.key().bytes() );
-      std::string_view const result( entry.result().bytes() );
-      line.clear();
-      if ( context.json ) {
-         // By hand: a document of millions of entries is never held as a whole.
-         line = joined( first ? "" : ",",
-                        '\n',
-                        R"({"chip":)",
-                        U32{ chip },
-                        R"(,"key":")",
-                        hexOf( key ),
-                        R"(","result":")",
-                        hexOf( result ),
-                        R"("})" );
-      } else {
-         appendCsvLine( line, chip, key, result );
-      }
-      context.out << line;
-      first = false;
-   }
+void printJson( Context const& context, JsonObject const& json ) {
+   context.out << json.text() << '\n';
 }
 
 /// Entries of the chip, or all of them, in every table.
@@ -106,18 +41,6 @@ U64 usedIn( Tessel::TableManager const& manager, Plan const& plan, std::optional
 
 } // namespace
 
-ExitStatus dump( Arguments const& arguments, Context const& context ) {
-   Plan const plan = readPlan( arguments.plan );
-   PlannedTable const& table = plannedTable( plan, arguments.table );
-   auto const chunk = openForReading( plan );
-   context.out << ( context.json ? "[" : "" );
-   if ( table.kind == TableKind::exact ) {
-      printEntries( *tableForReading( chunk, table ), context );
-   }
-   context.out << ( context.json ? "]\n" : "" );
-   return ExitStatus::done;
-}
-
 ExitStatus lookup( Arguments const& arguments, Context const& context ) {
    Plan const plan = readPlan( arguments.plan );
    NamedEntry const entry( arguments, plannedTable( plan, arguments.table ) );
@@ -131,11 +54,9 @@ ExitStatus lookup( Arguments const& arguments, Context const& context ) {
       refuseAbsent( entry );
    }
    if ( context.json ) {
-      Json json = entry.json();
-      json[ "result" ] = hexOf( result );
-      printJson( context, json );
+      printJson( context, entryJson( entry.table, entry.chip, entry.key, result ) );
    } else {
-      context.out << hexOf( result ) << '\n';
+      context.out << textOf( entry.table.resultFormat, result ) << '\n';
    }
    return ExitStatus::done;
 }
@@ -143,12 +64,9 @@ ExitStatus lookup( Arguments const& arguments, Context const& context ) {
 ExitStatus update( Arguments const& arguments, Context const& context ) {
    Plan const plan = readPlan( arguments.plan );
    NamedEntry const entry( arguments, plannedTable( plan, arguments.table ) );
-   std::string const result = bytesArgument( "result", arguments.result, entry.table.result );
-   if ( entry.table.kind == TableKind::direct ) {
-      throw Failure( joined( "table ",
-                             inQuotes( entry.table.name ),
-                             " is a direct table, which keeps no entries: name an exact one" ) );
-   }
+   std::string const result =
+      bytesArgument( "result", arguments.result, entry.table.resultFormat, entry.table.result );
+   refuseDirect( entry.table );
    auto const manager = openForWriting( plan, IfMissing::create );
    auto const table = manager->managedTable( entry.table.name );
    if ( !table->entryIs( entry.chipId(), entry.key.data(), result.data() ) ) {
@@ -159,9 +77,7 @@ ExitStatus update( Arguments const& arguments, Context const& context ) {
                              ": delete some first" ) );
    }
    if ( context.json ) {
-      Json json = entry.json();
-      json[ "result" ] = hexOf( result );
-      printJson( context, json );
+      printJson( context, entryJson( entry.table, entry.chip, entry.key, result ) );
    }
    return ExitStatus::done;
 }
@@ -176,32 +92,32 @@ ExitStatus deleteEntry( Arguments const& arguments, Context const& context ) {
    }
    table->entryDel( entry.chipId(), entry.key.data() );
    if ( context.json ) {
-      printJson( context, entry.json() );
+      printJson( context, entryJson( entry.table, entry.chip, entry.key ) );
    }
    return ExitStatus::done;
 }
 
 ExitStatus clear( Arguments const& arguments, Context const& context ) {
-   if ( arguments.hasTable == arguments.hasChip ) {
+   if ( arguments.someTable.has_value() == arguments.someChip.has_value() ) {
       throw Failure( "clear takes either a TABLE or --chip N", ExitStatus::usage );
    }
    Plan const plan = readPlan( arguments.plan );
    std::optional<U8> chip;
-   if ( arguments.hasChip ) {
-      chip = chipArgument( arguments.chip );
+   if ( arguments.someChip ) {
+      chip = chipArgument( *arguments.someChip );
    } else {
-      plannedTable( plan, arguments.table );
+      plannedTable( plan, *arguments.someTable );
    }
    auto const manager = openForWriting( plan, IfMissing::refuse );
    U64 const before = usedIn( *manager, plan, chip );
    if ( chip ) {
       manager->deleteAll( Brine::ChipId( *chip ) );
    } else {
-      manager->clearTable( arguments.table );
+      manager->clearTable( *arguments.someTable );
    }
    U64 const removed = before - usedIn( *manager, plan, chip );
    if ( context.json ) {
-      printJson( context, { { "removed", removed } } );
+      printJson( context, JsonObject().number( "removed", removed ) );
    } else {
       context.out << "removed " << counted( removed, "entry", "entries" ) << '\n';
    }

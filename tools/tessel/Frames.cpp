@@ -59,43 +59,160 @@ std::optional<Frame> frameAt( VellumChunk const& chunk, U64 offset ) {
                  .intact = trailer && trailer->trailerMagic == EmTableTrailer::magic };
 }
 
-U64 endOf( Frame const& frame ) {
-   return U64{ frame.offset } + frame.shadowSize + trailerBytes;
+U64 startOf( Frame const& frame ) {
+   return U64{ frame.offset } - headerBytes;
 }
 
-/// The chunk offsets, from one on, at which the first bytes of a header stand.
+U64 trailerOf( Frame const& frame ) {
+   return U64{ frame.offset } + frame.shadowSize;
+}
+
+U64 endOf( Frame const& frame ) {
+   return trailerOf( frame ) + trailerBytes;
+}
+
+constexpr std::string_view headerMagic( "\x12\xef\xcd\xab", 4 );
+constexpr std::string_view trailerMagic( "\x78\x56\x34\x12\xef\xcd\xab\x90", 8 );
+
+/// The chunk offsets, from one on, at which the first bytes of a header or of a trailer stand.
 class MagicSearch {
  public:
-   explicit MagicSearch( VellumChunk const& chunk ) : chunk_( chunk ) {}
+   MagicSearch( VellumChunk const& chunk, std::string_view magic )
+         : chunk_( chunk ), magic_( magic ) {}
 
    std::optional<U64> next( U64 from ) {
-      constexpr std::string_view magic( "\x12\xef\xcd\xab", 4 );
-      while ( from + magic.size() <= chunk_.size() ) {
+      while ( enterStretch( from ) ) {
          std::string_view const block = blockAt( from );
-         if ( auto const at = block.find( magic ); at != std::string_view::npos ) {
+         if ( auto const at = block.find( magic_ ); at != std::string_view::npos ) {
             return from + at;
          }
-         from += block.size() - ( magic.size() - 1 ); // one may begin at the block's end
+         // One may begin at the block's end, but none at the stretch's: its last byte is not zero.
+         from += block.size() < magic_.size() ? block.size() : block.size() - magic_.size() + 1;
       }
       return std::nullopt;
    }
 
  private:
+   /// Moves on to where the system has pages; what lies between is zero.
+   bool enterStretch( U64& from ) {
+      if ( from >= stretch_.end ) {
+         stretch_ = chunk_.suppliedFrom( from );
+      }
+      from = std::max( from, stretch_.begin );
+      return from < stretch_.end;
+   }
    /// The bytes at `from`, up to the end of the block that was read last where that is enough.
    std::string_view blockAt( U64 from ) {
-      if ( from < start_ || from + 4 > start_ + length_ ) {
+      if ( from < start_ || from + magic_.size() > start_ + length_ ) {
          start_ = from;
-         length_ = static_cast<U32>( std::min<U64>( block_.size(), chunk_.size() - from ) );
+         length_ = static_cast<U32>( std::min<U64>( block_.size(), stretch_.end - from ) );
          chunk_.readAt( start_, block_.data(), length_ );
       }
       return std::string_view( block_.data(), length_ ).substr( from - start_ );
    }
 
    VellumChunk const& chunk_;
+   std::string_view magic_;
+   Vellum::Stretch stretch_{ .begin = 0, .end = 0 };
    std::array<char, 512> block_{}; // small: a read starts again when a writer was in its bytes
    U64 start_ = 0;
    U32 length_ = 0;
 };
+
+// ------------------------------------------------------------------------- verifying
+
+using Problems = std::vector<FrameProblem>;
+
+void addBroken( Problems& problems, VellumChunk const& chunk, Frame const& frame ) {
+   if ( endOf( frame ) > chunk.size() ) {
+      problems.push_back( { startOf( frame ),
+                            frame.name,
+                            joined( "the header says ",
+                                    frame.shadowSize,
+                                    " bytes, which do not fit into the chunk" ) } );
+   } else if ( !frame.intact ) {
+      problems.push_back( { trailerOf( frame ), frame.name, "the trailer is missing or damaged" } );
+   }
+}
+
+void addOverlap( Problems& problems, Frame const& outer, Frame const& inner ) {
+   problems.push_back(
+      { startOf( inner ),
+        inner.name,
+        joined( "the frame lies within that of table ", inQuotes( outer.name ) ) } );
+}
+
+/// A whole frame among an intact one's entries is more than entries can look like by chance.
+void addFramesWithin( Problems& problems, VellumChunk const& chunk, Frame const& outer ) {
+   MagicSearch search( chunk, headerMagic );
+   for ( auto at = search.next( outer.offset ); at && *at < trailerOf( outer ); ) {
+      if ( auto const inner = frameAt( chunk, *at ); inner && inner->intact ) {
+         addOverlap( problems, outer, *inner );
+      }
+      at = search.next( *at + 1 );
+   }
+}
+
+/// Of a damaged frame the header alone is sure.
+bool belongs( std::vector<Frame> const& frames, U64 offset ) {
+   return std::any_of( frames.begin(), frames.end(), [ & ]( Frame const& frame ) {
+      U64 const end = frame.intact ? endOf( frame ) : U64{ frame.offset };
+      return startOf( frame ) <= offset && offset < end;
+   } );
+}
+
+/// A trailer holds the first bytes of a header.
+bool isWithinTrailer( VellumChunk const& chunk, U64 offset ) {
+   constexpr U64 within = 3;
+   if ( offset < within ) {
+      return false;
+   }
+   auto const trailer = recordAt<EmTableTrailer>( chunk, offset - within );
+   return trailer && trailer->trailerMagic == EmTableTrailer::magic;
+}
+
+void addLooseTrailers( Problems& problems,
+                       VellumChunk const& chunk,
+                       std::vector<Frame> const& frames ) {
+   MagicSearch search( chunk, trailerMagic );
+   for ( auto at = search.next( 0 ); at; at = search.next( *at + 1 ) ) {
+      if ( !belongs( frames, *at ) ) {
+         problems.push_back(
+            { *at, "", "a trailer without a header: the table's header is missing or damaged" } );
+      }
+   }
+}
+
+/// A header but for one of its fields, which another's bytes hardly are.
+bool isNearlyHeader( EmTableHeader const& header, U64 offset ) {
+   EmTableHeader moved = header;
+   moved.tableOffset = static_cast<U32>( offset + headerBytes );
+   EmTableHeader unnamed = header;
+   unnamed.tableName = {};
+   bool const placed = isHeader( unnamed, offset );
+   bool const named = isHeader( moved, offset ) && header.tableName[ 0 ] != '\0';
+   return placed != named;
+}
+
+void addBrokenHeaders( Problems& problems,
+                       VellumChunk const& chunk,
+                       std::vector<Frame> const& frames ) {
+   MagicSearch search( chunk, headerMagic );
+   for ( auto at = search.next( 0 ); at; at = search.next( *at + 1 ) ) {
+      auto const header = recordAt<EmTableHeader>( chunk, *at );
+      if ( header && !belongs( frames, *at ) && !isWithinTrailer( chunk, *at ) &&
+           isNearlyHeader( *header, *at ) ) {
+         bool const misplaced = header->tableOffset != *at + headerBytes;
+         problems.push_back(
+            { *at,
+              nameIn( *header ),
+              misplaced ? joined( "the header says that its table lies at offset ",
+                                  header->tableOffset,
+                                  ", not behind it" )
+                        : std::string( "the name in the header is no text that ends in zeros" ) } );
+      }
+   }
+}
 
 // ------------------------------------------------------------------------- checking
 
@@ -225,7 +342,7 @@ void checkNobodyElse( VellumChunk const& chunk, Plan const& plan ) {
          std::any_of( plan.tables.begin(), plan.tables.end(), [ & ]( PlannedTable const& table ) {
             return table.kind == TableKind::exact && table.offset == frame.offset;
          } );
-      if ( !planned && frame.offset - headerBytes < last && endOf( frame ) > first ) {
+      if ( !planned && startOf( frame ) < last && endOf( frame ) > first ) {
          refuse( chunk,
                  joined( "table ",
                          inQuotes( frame.name ),
@@ -240,7 +357,7 @@ void checkNobodyElse( VellumChunk const& chunk, Plan const& plan ) {
 
 std::vector<Frame> findFrames( VellumChunk const& chunk ) {
    std::vector<Frame> frames;
-   MagicSearch search( chunk );
+   MagicSearch search( chunk, headerMagic );
    for ( auto at = search.next( 0 ); at; ) {
       U64 from = *at + 1;
       if ( auto frame = frameAt( chunk, *at ) ) {
@@ -250,6 +367,53 @@ std::vector<Frame> findFrames( VellumChunk const& chunk ) {
       at = search.next( from );
    }
    return frames;
+}
+
+Problems problemsOf( VellumChunk const& chunk, std::vector<Frame> const& frames ) {
+   Problems problems;
+   for ( std::size_t i = 0; i < frames.size(); ++i ) {
+      addBroken( problems, chunk, frames[ i ] );
+      if ( i > 0 && startOf( frames[ i ] ) < endOf( frames[ i - 1 ] ) ) {
+         addOverlap( problems, frames[ i - 1 ], frames[ i ] );
+      }
+      if ( frames[ i ].intact ) {
+         addFramesWithin( problems, chunk, frames[ i ] );
+      }
+   }
+   addLooseTrailers( problems, chunk, frames );
+   addBrokenHeaders( problems, chunk, frames );
+   return problems;
+}
+
+Problems
+problemsWith( VellumChunk const& chunk, std::vector<Frame> const& frames, Plan const& plan ) {
+   Problems problems;
+   std::vector<U64> planned;
+   for ( PlannedTable const& table : plan.tables ) {
+      if ( table.kind == TableKind::direct ) {
+         continue;
+      }
+      U64 const start = U64{ table.offset } - headerBytes;
+      planned.push_back( table.offset );
+      auto const there = recordAt<EmTableHeader>( chunk, start );
+      if ( !there || *there != headerOf( table ) ) {
+         problems.push_back( { start,
+                               table.name,
+                               joined( "where its header with ",
+                                       table.shadowSize,
+                                       " bytes belongs, stands ",
+                                       otherThan( chunk, table ) ) } );
+      }
+   }
+   for ( Frame const& frame : frames ) {
+      bool const within = endOf( frame ) > plan.startOffset &&
+                          startOf( frame ) < U64{ plan.startOffset } + plan.allowedSize;
+      if ( within && std::find( planned.begin(), planned.end(), frame.offset ) == planned.end() ) {
+         problems.push_back(
+            { startOf( frame ), frame.name, "the plan has no table with a frame here" } );
+      }
+   }
+   return problems;
 }
 
 void checkFrames( VellumChunk const& chunk, Plan const& plan, FrameUse use ) {

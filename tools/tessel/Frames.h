@@ -25,6 +25,24 @@ struct Frame {
 /// bytes and no frame.
 std::vector<Frame> findFrames( Vellum::VellumChunk const& chunk );
 
+/// Something that stands where it should not, or does not where it should.
+struct FrameProblem {
+   U64 offset = 0;
+   std::string table{};
+   std::string problem{};
+};
+
+/// What is wrong with the frames by themselves: a trailer that is not there, a range out of the
+/// chunk, a frame within another, headers and trailers that belong to none of the frames.
+std::vector<FrameProblem> problemsOf( Vellum::VellumChunk const& chunk,
+                                      std::vector<Frame> const& frames );
+
+/// What stands in the way of the plan: other headers than planned, and tables it does not have
+/// among its own.
+std::vector<FrameProblem> problemsWith( Vellum::VellumChunk const& chunk,
+                                        std::vector<Frame> const& frames,
+                                        Plan const& plan );
+
 enum class FrameUse {
    reading, ///< each header has to be the planned one or not there yet
    writing  ///< so has each trailer, and the manager's writes must destroy nothing

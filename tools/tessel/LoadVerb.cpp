@@ -1,25 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/tessel/Csv.h"
+#include "tools/tessel/EntryText.h"
+#include "tools/tessel/Interrupts.h"
+#include "tools/tessel/Progress.h"
 #include "tools/tessel/Tables.h"
 #include "tools/tessel/Text.h"
-#include "tools/tessel/Verbs.h"
-
-#include <nlohmann/json.hpp>
 
 #include <cerrno>
-#include <chrono>
-#include <cstring>
 #include <fstream>
 #include <iostream>
-
-#include <unistd.h>
+#include <span>
+#include <string_view>
+#include <system_error>
 
 namespace TesselTool {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
-using Clock = std::chrono::steady_clock;
+using Entries = std::span<CsvEntry const>;
 
 struct Counts {
    U64 added = 0;
@@ -28,40 +26,9 @@ struct Counts {
    U64 bad = 0;     ///< lines
 };
 
-/// One line that is written again and again on a terminal, once a load has taken half a second.
-class Progress {
- public:
-   Progress( std::ostream& err, U64 total )
-         : err_( err ), total_( total ), shown_( ::isatty( STDERR_FILENO ) == 1 ) {}
-   Progress( Progress const& ) = delete;
-   Progress& operator=( Progress const& ) = delete;
-   ~Progress() {
-      if ( drawn_ ) {
-         err_ << "\r\x1b[K" << std::flush;
-      }
-   }
-
-   void doneIs( U64 done ) {
-      constexpr U64 between = 4096; // looking at the clock takes as long as an entry
-      if ( !shown_ || done % between != 0 || Clock::now() < next_ ) {
-         return;
-      }
-      next_ = Clock::now() + std::chrono::milliseconds( 100 );
-      drawn_ = true;
-      err_ << '\r' << grouped( done ) << " of " << grouped( total_ ) << " entries, "
-           << done * 100 / total_ << " %" << std::flush;
-   }
-
- private:
-   std::ostream& err_;
-   U64 total_;
-   bool shown_;
-   bool drawn_ = false;
-   Clock::time_point next_ = Clock::now() + std::chrono::milliseconds( 500 );
-};
-
 CsvInput readFrom( std::istream& stream, std::string const& name, PlannedTable const& table ) {
-   CsvInput input = readCsv( stream, table.key, table.result );
+   CsvFormats const formats{ .key = table.keyFormat, .result = table.resultFormat };
+   CsvInput input = readCsv( stream, table.key, table.result, formats );
    if ( stream.bad() ) {
       throw Failure( joined( name, ": cannot be read to its end; nothing was loaded" ) );
    }
@@ -95,44 +62,137 @@ void printBadLines( CsvInput const& input, std::string const& file, std::ostream
    }
 }
 
-void apply( CsvEntry const& entry, Tessel::ManagedTableBase& table, Counts& counts ) {
-   Brine::ChipId const chip( entry.chip );
-   std::array<char, Tessel::MAX_RESULT_LENGTH_IN_BYTE> present{};
-   bool const there = table.entry( chip, entry.key.data(), present.data() );
-   // An entry that is there already is not rewritten, so that its readers need not wait.
-   if ( there && present == entry.result ) {
-      ++counts.replaced;
-   } else if ( !table.entryIs( chip, entry.key.data(), entry.result.data() ) ) {
-      ++counts.refused;
-   } else {
-      ++( there ? counts.replaced : counts.added );
+/// Entries of different pairs, one after another, for the calls that take many at once.
+class Block {
+ public:
+   static constexpr std::size_t capacity = 512;
+
+   Block( Tessel::EmShadowTable& table, PlannedTable const& planned )
+         : table_( table ), keyBytes_( planned.key ) {}
+
+   /// Takes as many of the first entries as are of different pairs; returns how many.
+   std::size_t take( Entries entries ) {
+      count_ = 0;
+      places_.fill( 0 );
+      while ( count_ < std::min( capacity, entries.size() ) && isNew( entries, count_ ) ) {
+         ++count_;
+      }
+      entries_ = entries.first( count_ );
+      return count_;
    }
-}
+
+   void apply( Counts& counts ) {
+      present_.fill( {} );
+      lookups_.clear();
+      for ( std::size_t i = 0; i < count_; ++i ) {
+         CsvEntry const& entry = entries_[ i ];
+         lookups_.push_back(
+            { Brine::ChipId( entry.chip ), entry.key.data(), present_[ i ].data() } );
+      }
+      Answers there{};
+      table_.entryBulk( lookups_, std::span( there ).first( count_ ) );
+      write( there, counts );
+   }
+
+ private:
+   using Answers = std::array<bool, capacity>;
+
+   /// An entry that is there already is not rewritten, so that its readers need not wait.
+   void write( Answers const& there, Counts& counts ) {
+      changes_.clear();
+      Answers replaces{};
+      for ( std::size_t i = 0; i < count_; ++i ) {
+         CsvEntry const& entry = entries_[ i ];
+         if ( there[ i ] && present_[ i ] == entry.result ) {
+            ++counts.replaced;
+         } else {
+            replaces[ changes_.size() ] = there[ i ];
+            changes_.push_back(
+               { Brine::ChipId( entry.chip ), entry.key.data(), entry.result.data() } );
+         }
+      }
+      Answers held{};
+      table_.entryIsBulk( changes_, std::span( held ).first( changes_.size() ) );
+      for ( std::size_t i = 0; i < changes_.size(); ++i ) {
+         ++( !held[ i ] ? counts.refused : replaces[ i ] ? counts.replaced : counts.added );
+      }
+   }
+
+   static bool samePair( CsvEntry const& a, CsvEntry const& b ) {
+      return a.chip == b.chip && a.key == b.key;
+   }
+   /// Whether none of the entries before the one at `at` is of its pair. Remembers it.
+   bool isNew( Entries entries, std::size_t at ) {
+      CsvEntry const& entry = entries[ at ];
+      std::string_view const key( entry.key.data(), keyBytes_ );
+      std::size_t place = ( std::hash<std::string_view>()( key ) + entry.chip ) % places_.size();
+      while ( places_[ place ] != 0 ) {
+         if ( samePair( entries[ places_[ place ] - 1U ], entry ) ) {
+            return false;
+         }
+         place = ( place + 1 ) % places_.size();
+      }
+      places_[ place ] = static_cast<U16>( at + 1 );
+      return true;
+   }
+
+   Tessel::EmShadowTable& table_;
+   U32 keyBytes_;
+   Entries entries_;
+   std::size_t count_ = 0;
+   std::array<decltype( CsvEntry::result ), capacity> present_{};
+   std::vector<Tessel::EmPairAndBuffer> lookups_;
+   std::vector<Tessel::EmPairAndResult> changes_;
+   std::array<U16, 2 * capacity> places_{}; ///< by hash: one more than an entry's index
+};
 
 void loadEntries( Plan const& plan,
                   PlannedTable const& planned,
-                  std::vector<CsvEntry> const& entries,
+                  Entries entries,
                   Counts& counts,
                   std::ostream& err ) {
    auto const manager = openForWriting( plan, IfMissing::create );
-   auto const table = manager->managedTable( planned.name );
+   auto const table =
+      Corvo::dynamicPtr<Tessel::EmShadowTable>( manager->managedTable( planned.name ) );
+   CatchInterrupts const catching;
    Progress progress( err, entries.size() );
-   U64 done = 0;
-   for ( CsvEntry const& entry : entries ) {
-      apply( entry, *table, counts );
-      progress.doneIs( ++done );
+   Block block( *table, planned );
+   for ( std::size_t done = 0; done < entries.size(); progress.doneIs( done ) ) {
+      CatchInterrupts::check();
+      done += block.take( entries.subspan( done ) );
+      block.apply( counts );
+   }
+}
+
+/// Interrupted, it says how far it came: every entry so far is whole.
+void loadOrSayHowFar( Plan const& plan,
+                      PlannedTable const& planned,
+                      Entries entries,
+                      Counts& counts,
+                      std::ostream& err ) {
+   try {
+      loadEntries( plan, planned, entries, counts, err );
+   } catch ( Interrupted const& ) {
+      printError( err,
+                  joined( "interrupted: ",
+                          grouped( counts.added + counts.replaced ),
+                          " of ",
+                          counted( entries.size(), "entry is", "entries are" ),
+                          " loaded, each of them whole; load the same again for the rest" ) );
+      throw;
    }
 }
 
 void printCounts( Counts const& counts, bool keptGoing, Context const& context ) {
    if ( context.json ) {
-      context.out << Json{
-         { "loaded", counts.added + counts.replaced },
-         { "added", counts.added },
-         { "replaced", counts.replaced },
-         { "refused", counts.refused },
-         { "bad", counts.bad }
-      }.dump() << '\n';
+      context.out << JsonObject()
+                        .number( "loaded", counts.added + counts.replaced )
+                        .number( "added", counts.added )
+                        .number( "replaced", counts.replaced )
+                        .number( "refused", counts.refused )
+                        .number( "bad", counts.bad )
+                        .text()
+                  << '\n';
       return;
    }
    context.out << grouped( counts.added ) << " added, " << grouped( counts.replaced )
@@ -148,16 +208,12 @@ void printCounts( Counts const& counts, bool keptGoing, Context const& context )
 ExitStatus load( Arguments const& arguments, Context const& context ) {
    Plan const plan = readPlan( arguments.plan );
    PlannedTable const& table = plannedTable( plan, arguments.table );
-   if ( table.kind == TableKind::direct ) {
-      throw Failure( joined( "table ",
-                             inQuotes( table.name ),
-                             " is a direct table, which keeps no entries: name an exact one" ) );
-   }
+   refuseDirect( table );
    CsvInput const input = readInput( arguments.file, table );
    printBadLines( input, arguments.file, context.err );
    Counts counts{ .bad = input.badLines };
    if ( counts.bad == 0 || arguments.keepGoing ) {
-      loadEntries( plan, table, input.entries, counts, context.err );
+      loadOrSayHowFar( plan, table, input.entries, counts, context.err );
    }
    printCounts( counts, arguments.keepGoing, context );
    if ( counts.refused > 0 ) {

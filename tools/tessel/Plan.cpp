@@ -98,10 +98,7 @@ std::string tableNameIn( Fields& fields ) {
 
 std::string chunkNameIn( Fields& fields ) {
    std::string name = fields.text( "chunk" );
-   bool const wellFormed = name.size() >= 2 && name.size() <= NAME_MAX && name.front() == '/' &&
-                           name.find( '/', 1 ) == std::string::npos &&
-                           name.find( '\0' ) == std::string::npos && name != "/." && name != "/..";
-   if ( !wellFormed ) {
+   if ( !isChunkName( name ) ) {
       fields.refuse( "chunk",
                      joined( inQuotes( name ),
                              " is no chunk name: a slash and 1 to ",
@@ -111,14 +108,35 @@ std::string chunkNameIn( Fields& fields ) {
    return name;
 }
 
+/// How bytes are shown, as the field says, which may be left out.
+ByteFormat formatIn( Fields& fields, std::string_view field, U32 bytes ) {
+   std::string const name = fields.textOr( field, nameOf( ByteFormat::hex ) );
+   auto const format = byteFormatOf( name );
+   if ( !format ) {
+      fields.refuse( field,
+                     joined( "unknown format ",
+                             inQuotes( name ),
+                             "; the nearest is ",
+                             nearest( name, byteFormatNames() ) ) );
+   }
+   if ( std::string const problem = lengthProblem( *format, bytes ); !problem.empty() ) {
+      fields.refuse( field, joined( name, ' ', problem ) );
+   }
+   return *format;
+}
+
 PlannedTable tableIn( Json const& json, std::size_t index ) {
-   constexpr std::array<std::string_view, 5> known{ "name", "kind", "entries", "key", "result" };
+   constexpr std::array<std::string_view, 7> known{ "name",   "kind",      "entries",     "key",
+                                                    "result", "keyFormat", "resultFormat" };
    Fields fields( json, pathOf( index ), known );
-   return { .name = tableNameIn( fields ),
-            .kind = kindIn( fields ),
-            .entries = fields.number( "entries" ),
-            .key = fields.number( "key" ),
-            .result = fields.number( "result" ) };
+   PlannedTable table{ .name = tableNameIn( fields ),
+                       .kind = kindIn( fields ),
+                       .entries = fields.number( "entries" ),
+                       .key = fields.number( "key" ),
+                       .result = fields.number( "result" ) };
+   table.keyFormat = formatIn( fields, "keyFormat", table.key );
+   table.resultFormat = formatIn( fields, "resultFormat", table.result );
+   return table;
 }
 
 std::vector<PlannedTable> tablesIn( Fields& fields ) {
@@ -156,6 +174,12 @@ Plan planIn( Json const& json ) {
 
 } // namespace
 
+bool isChunkName( std::string_view name ) {
+   return name.size() >= 2 && name.size() <= NAME_MAX && name.front() == '/' &&
+          name.find( '/', 1 ) == std::string_view::npos &&
+          name.find( '\0' ) == std::string_view::npos && name != "/." && name != "/..";
+}
+
 std::string_view nameOf( TableKind kind ) {
    return kind == TableKind::direct ? "direct" : "exact";
 }
@@ -188,6 +212,9 @@ Plan parsePlan( std::string_view json, std::string_view source ) {
 
 Plan readPlan( std::string const& path ) {
    constexpr std::streamsize largest = 16 << 20;
+   if ( path.empty() ) {
+      throw Failure( "an empty word names no plan: name its file", ExitStatus::usage );
+   }
    std::ifstream file( path, std::ios::binary );
    if ( !file ) {
       throw Failure(

@@ -9,7 +9,9 @@
 ///      "tables": [ { "name": "vlan", "kind": "direct", "entries": 4096, "key": 2, "result": 2 },
 ///                  { "name": "mac", "kind": "exact", "entries": 65536, "key": 8, "result": 4 } ] }
 ///
-/// Every field is required. Sizes, offsets and lengths are in bytes, 0 to 4294967295.
+/// Every field is required, but for a table's "keyFormat" and "resultFormat", which are "mac",
+/// "ipv4", "ipv6", "uint" or, as without them, "hex" (ByteFormat.h). Sizes, offsets and lengths are
+/// in bytes, 0 to 4294967295.
 ///
 /// A plan that was read is sound: the chunk's name is well-formed, table names are unique and fit
 /// into a frame, lengths are within the limits, and every frame lies within the allowed size and
@@ -17,7 +19,7 @@
 ///
 /// Threads: plain values.
 
-#include "Weft/Types.h"
+#include "tools/tessel/ByteFormat.h"
 
 #include <string>
 #include <string_view>
@@ -36,6 +38,8 @@ struct PlannedTable {
    U32 entries = 0;
    U32 key = 0;    ///< bytes of a key
    U32 result = 0; ///< bytes of a result
+   ByteFormat keyFormat = ByteFormat::hex;
+   ByteFormat resultFormat = ByteFormat::hex;
 
    // Where the table manager puts it; see placeTables.
    U32 offset = 0;     ///< chunk offset of the table's own range, behind its header
@@ -60,6 +64,9 @@ Plan parsePlan( std::string_view json, std::string_view source );
 
 /// The plan in the file. Failure as parsePlan, and when the file cannot be read.
 Plan readPlan( std::string const& path );
+
+/// Whether this can be the name of a chunk.
+bool isChunkName( std::string_view name );
 
 /// The table of this name. Failure, naming the nearest, when the plan has none.
 PlannedTable const& plannedTable( Plan const& plan, std::string_view name );

@@ -130,6 +130,10 @@ std::string Fields::text( std::string_view field ) const {
    return found.get<std::string>();
 }
 
+std::string Fields::textOr( std::string_view field, std::string_view absent ) const {
+   return json_.contains( field ) ? text( field ) : std::string( absent );
+}
+
 U32 Fields::number( std::string_view field ) const {
    constexpr U64 largest = std::numeric_limits<U32>::max();
    Json const& found = value( field );

@@ -20,7 +20,7 @@ namespace TesselTool {
 /// when a field is given twice.
 nlohmann::json parseStrictly( std::string_view text );
 
-/// The fields of one object, each required. The object outlives this.
+/// The fields of one object, each required unless it says otherwise. The object outlives this.
 class Fields {
  public:
    /// `path` is the object's own, empty at the top. Failure when `json` is no object or holds a
@@ -30,6 +30,8 @@ class Fields {
    // Failure when the field is missing or of another type.
 
    std::string text( std::string_view field ) const;
+   /// The same; `absent` when the field is missing.
+   std::string textOr( std::string_view field, std::string_view absent ) const;
    /// A whole number, 0 to 4294967295.
    U32 number( std::string_view field ) const;
    nlohmann::json const& list( std::string_view field ) const;

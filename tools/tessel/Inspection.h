@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+/// What the reading verbs look into: the tables of a plan, or those that a chunk's bytes tell of.
+///
+/// Threads: as SlotScan.h.
+
+#include "tools/tessel/Frames.h"
+#include "tools/tessel/Verbs.h"
+
+#include <optional>
+#include <vector>
+
+namespace TesselTool {
+
+struct InspectedTable {
+   PlannedTable table{}; ///< of a frame without geometry: name, offset and shadowSize alone
+   bool intact = true;   ///< as Frame::intact; of a planned table always
+   /// Whether the slots are known, and within the chunk.
+   bool hasSlots = true;
+};
+
+struct Inspection {
+   Corvo::Ptr<Vellum::VellumChunk> chunk{}; ///< open for reading
+   std::optional<Plan> plan{};
+   std::vector<InspectedTable> tables{}; ///< all, or the one that was asked for
+};
+
+/// Lengths of keys and results that stand on the command line.
+struct Lengths {
+   U32 key = 0;
+   U32 result = 0;
+};
+
+/// Whether the word names a chunk; a file of the same name is a plan.
+bool namesChunk( std::string const& word );
+
+/// The lengths from --key and --result. Failure when only one is there, or one is past the limits.
+std::optional<Lengths> lengthsIn( Arguments const& arguments );
+
+/// The table that a frame stands for. It has slots when the lengths are known, fit its size, and
+/// its range lies within the chunk.
+InspectedTable tableOf( Frame const& frame, std::optional<Lengths> const& lengths, U32 chunkSize );
+
+/// Opens what the command names. Failure as openForReading, for a table that is not there, and for
+/// lengths beside a plan.
+Inspection inspect( Arguments const& arguments );
+
+/// As inspect; Failure when one of its exact tables has no slots to look at.
+Inspection inspectSlots( Arguments const& arguments );
+
+} // namespace TesselTool

@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tools/tessel/Inspection.h"
+#include "tools/tessel/Json.h"
+#include "tools/tessel/Tables.h"
+#include "tools/tessel/Text.h"
+#include "tools/tessel/Verify.h"
+
+#include <algorithm>
+#include <ostream>
+
+namespace TesselTool {
+
+namespace {
+
+/// Prints problems as they come: there may be as many as slots.
+class Findings {
+ public:
+   Findings( Context const& context, std::string chunk )
+         : context_( context ), chunk_( std::move( chunk ) ) {}
+
+   void add( FrameProblem const& found ) {
+      if ( context_.json ) {
+         context_.out << ( count_ == 0 ? "{\"clean\":false,\"problems\":[\n" : ",\n" )
+                      << JsonObject()
+                            .number( "offset", found.offset )
+                            .text( "table", found.table )
+                            .text( "problem", found.problem )
+                            .text();
+      } else {
+         context_.out << printable( chunk_ ) << " offset " << found.offset
+                      << ( found.table.empty() ? "" : ", table " + inQuotes( found.table ) ) << ": "
+                      << printable( found.problem ) << '\n';
+      }
+      ++count_;
+   }
+
+   /// The verdict over so many tables, of which the slots of `unseen` were not looked at.
+   ExitStatus end( std::size_t tables, std::size_t unseen ) {
+      if ( context_.json ) {
+         context_.out << ( count_ == 0 ? "{\"clean\":true,\"problems\":[]}\n" : "]}\n" );
+      } else if ( count_ == 0 ) {
+         context_.out << "chunk " << printable( chunk_ )
+                      << " is sound: " << counted( tables, "table", "tables" );
+         if ( unseen > 0 ) {
+            context_.out << ", of " << unseen << " the frame alone was looked at";
+         }
+         context_.out << '\n';
+      } else {
+         context_.out << counted( count_, "problem", "problems" ) << " in chunk "
+                      << printable( chunk_ ) << '\n';
+      }
+      return count_ == 0 ? ExitStatus::done : ExitStatus::refused;
+   }
+
+ private:
+   Context const& context_;
+   std::string chunk_;
+   U64 count_ = 0;
+};
+
+void addAll( Findings& findings, std::vector<FrameProblem> problems ) {
+   std::stable_sort( problems.begin(), problems.end(), []( auto const& a, auto const& b ) {
+      return a.offset < b.offset;
+   } );
+   for ( FrameProblem const& problem : problems ) {
+      findings.add( problem );
+   }
+}
+
+void addSlots( Findings& findings, Vellum::VellumChunk const& chunk, PlannedTable const& table ) {
+   verifySlots( chunk, table, [ & ]( FrameProblem const& found ) { findings.add( found ); } );
+}
+
+/// Whether the table's slots are to be looked at.
+bool isWanted( Arguments const& arguments, PlannedTable const& table ) {
+   return !arguments.someTable || *arguments.someTable == table.name;
+}
+
+ExitStatus verifyChunk( Arguments const& arguments, Context const& context ) {
+   auto const lengths = lengthsIn( arguments );
+   auto const chunk = inspect( arguments ).chunk; // which has the table that is asked for
+   std::vector<Frame> const frames = findFrames( *chunk );
+   Findings findings( context, arguments.plan );
+   addAll( findings, problemsOf( *chunk, frames ) );
+   std::size_t unseen = 0;
+   for ( Frame const& frame : frames ) {
+      InspectedTable const table = tableOf( frame, lengths, chunk->size() );
+      bool const looked = table.hasSlots && isWanted( arguments, table.table );
+      unseen += looked ? 0 : 1;
+      if ( looked ) {
+         addSlots( findings, *chunk, table.table );
+      }
+   }
+   return findings.end( frames.size(), unseen );
+}
+
+/// Tables whose own header stands where the plan has it: only their slots are worth a look.
+bool isFramed( std::vector<Frame> const& frames, PlannedTable const& table ) {
+   return std::any_of( frames.begin(), frames.end(), [ & ]( Frame const& frame ) {
+      return frame.offset == table.offset && frame.shadowSize == table.shadowSize;
+   } );
+}
+
+ExitStatus verifyPlan( Arguments const& arguments, Context const& context ) {
+   Plan const plan = readPlan( arguments.plan );
+   if ( arguments.someTable ) {
+      plannedTable( plan, *arguments.someTable );
+   }
+   auto const chunk = openForReading( plan.chunk );
+   std::vector<Frame> const frames = findFrames( *chunk );
+   Findings findings( context, plan.chunk );
+   if ( chunk->size() != plan.size ) {
+      findings.add(
+         { 0,
+           "",
+           joined( "the chunk has ", chunk->size(), " bytes, the plan says ", plan.size ) } );
+   }
+   auto problems = problemsOf( *chunk, frames );
+   auto const more = problemsWith( *chunk, frames, plan );
+   problems.insert( problems.end(), more.begin(), more.end() );
+   addAll( findings, std::move( problems ) );
+   std::size_t unseen = 0;
+   for ( PlannedTable const& table : plan.tables ) {
+      U64 const end = U64{ table.offset } + table.shadowSize;
+      bool const there = end <= chunk->size() && isFramed( frames, table );
+      if ( table.kind == TableKind::exact && there && isWanted( arguments, table ) ) {
+         addSlots( findings, *chunk, table );
+      } else {
+         unseen += table.kind == TableKind::exact ? 1 : 0;
+      }
+   }
+   return findings.end( plan.tables.size(), unseen );
+}
+
+} // namespace
+
+ExitStatus verify( Arguments const& arguments, Context const& context ) {
+   if ( namesChunk( arguments.plan ) ) {
+      return verifyChunk( arguments, context );
+   }
+   if ( arguments.keyLength || arguments.resultLength ) {
+      throw Failure( "--key and --result are for a chunk: the plan says its tables' lengths",
+                     ExitStatus::usage );
+   }
+   return verifyPlan( arguments, context );
+}
+
+} // namespace TesselTool

@@ -1,0 +1,19 @@
+# SPDX-License-Identifier: Apache-2.0
+# shellcheck shell=bash
+# Completion of tessel for bash. The tool itself knows what can come next; it answers `:files` where
+# that is a file.
+
+_tessel() {
+   local line word=${COMP_WORDS[COMP_CWORD]}
+   COMPREPLY=()
+   while IFS= read -r line; do
+      if [ "$line" = :files ]; then
+         compopt -o filenames 2>/dev/null
+         mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$word")
+      else
+         COMPREPLY+=("$(printf '%q' "$line")")
+      fi
+   done < <("${COMP_WORDS[0]}" __complete "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null)
+}
+
+complete -F _tessel tessel
