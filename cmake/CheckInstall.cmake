@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-# Installs BUILD into a folder of its own, moves it, and uses what lies there as others do: the
-# installed files must not depend on where they were built or first put. CONSUMER holds a program and
-# a project for each way to take the library.
+# Installs BUILD into a folder of its own, moves it, and uses what lies there as others do: installed
+# files must not depend on where they were built or first put. CONSUMER holds a program and a project
+# for each way to take the library.
 
 set( scratch ${BUILD}/install-check )
 set( there ${scratch}/moved )
@@ -45,6 +45,6 @@ endforeach()
 file( GLOB_RECURSE all RELATIVE ${there} ${there}/* )
 foreach( file IN LISTS all )
    if( NOT file MATCHES "__pycache__" AND NOT EXISTS ${scratch}/packaged/${file} )
-      message( SEND_ERROR "${file} is installed, but its rule names no component: no package has it" )
+      message( SEND_ERROR "${file} is installed, but by a rule without a component: in no package" )
    endif()
 endforeach()

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# `cpack`: Debian packages, one per component of TesselInstall.cmake. For a build that was configured
-# with the prefix /usr (`./dev package`).
+# `cpack`: Debian packages, one per component of TesselInstall.cmake. For a build that was
+# configured with the prefix /usr (`./dev package`).
 
 set( CPACK_GENERATOR DEB )
 set( CPACK_PACKAGE_NAME tessel )
@@ -34,22 +34,23 @@ endfunction()
 set( sameLibrary "libtessel1 (= ${PROJECT_VERSION})" )
 
 tessel_package( runtime NAME libtessel1 SECTION libs
-   DESCRIPTION "The library: keeps exact-match entries (chip, key) -> result in shared memory, where\n\
-they survive the agent that wrote them and can be looked up by other processes." )
+   DESCRIPTION "The library: keeps exact-match entries (chip, key) -> result in shared memory,\n\
+where they survive the agent that wrote them and can be looked up by other processes." )
 tessel_package( development NAME libtessel-dev SECTION libdevel DEPENDS "${sameLibrary}"
    DESCRIPTION "The headers, and the files with which CMake and pkg-config find libtessel1." )
 if( TARGET tessel )
    list( APPEND CPACK_COMPONENTS_ALL tools )
    tessel_package( tools NAME tessel-tools SECTION net DEPENDS "${sameLibrary}"
-      DESCRIPTION "The command `tessel`, which shows, dumps, looks up, loads and changes the tables." )
+      DESCRIPTION "The command `tessel`, which shows, dumps, looks up, loads and changes tables." )
 endif()
 
 if( TARGET tessel_python )
    list( APPEND CPACK_COMPONENTS_ALL python )
    find_package( Python3 REQUIRED COMPONENTS Interpreter )
-   math( EXPR nextMinor "${Python3_VERSION_MINOR} + 1" )
+   set( minor ${Python3_VERSION_MINOR} )
+   math( EXPR nextMinor "${minor} + 1" )
    tessel_package( python NAME python3-tessel SECTION python
-      DEPENDS "${sameLibrary}, python3 (>= 3.${Python3_VERSION_MINOR}~), python3 (<< 3.${nextMinor})"
+      DEPENDS "${sameLibrary}, python3 (>= 3.${minor}~), python3 (<< 3.${nextMinor})"
       DESCRIPTION "Every type that the library registers, as a Python class." )
    # What the interpreter compiles is removed with the package.
    set( CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA

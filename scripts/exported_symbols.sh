@@ -9,10 +9,11 @@ export LC_ALL=C
 
 exported() {
    readelf --dynamic --wide "$1" | sed -n 's/.*Library soname: \[\(.*\)\]/soname \1/p'
+   local -r characters='char, std::char_traits<char>'
    nm --dynamic --defined-only "$1" | awk '{ print $3 }' | c++filt | sed \
       -e '/^typeinfo name for /d' \
-      -e 's/std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >/std::string/g' \
-      -e 's/std::basic_string_view<char, std::char_traits<char> >/std::string_view/g' \
+      -e "s/std::__cxx11::basic_string<$characters, std::allocator<char> >/std::string/g" \
+      -e "s/std::basic_string_view<$characters >/std::string_view/g" \
       -e 's/, 18446744073709551615ul>/>/g; s/\[abi:cxx11\]//g' | sort -u
 }
 

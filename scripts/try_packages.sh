@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # usage: try_packages.sh FOLDER
-# Installs the Debian packages in FOLDER in a fresh Debian 12, uses each of them as its users do, and
-# removes them again; nothing of them may be left. Needs root and debootstrap. TESSEL_MIRROR names
-# where Debian's own packages come from.
-set -euo pipefail
+# Installs the Debian packages in FOLDER in a fresh Debian 12, uses each as its users do, and removes
+# them again; nothing of them may be left. Needs root and debootstrap. TESSEL_MIRROR names where
+# Debian's own packages come from.
 # shellcheck disable=SC2016  # what stands in single quotes is expanded in the fresh system
+set -euo pipefail
 
 readonly mirror=${TESSEL_MIRROR:-http://deb.debian.org/debian} chunk=/tessel-try-$$
 sources=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -61,12 +61,15 @@ ls /usr/lib/python3/dist-packages/tessel/__pycache__/*.pyc"
 install_a_compiler() {
    within 'apt-get install -y --no-install-recommends g++ cmake ninja-build pkgconf
       mkdir /root/sources' &&
-      tar -C "$sources" -c CMakeLists.txt LICENSE Tessel platform cmake | tar -C "$root/root/sources" -x
+      tar -C "$sources" -c CMakeLists.txt LICENSE Tessel platform cmake |
+      tar -C "$root/root/sources" -x
 }
 
 use_the_headers_with() {
    case $1 in
-      pkg-config) within 'cd /tmp && /root/sources/cmake/consumer/pkg-config/build.sh && ./consumer' ;;
+      pkg-config)
+         within 'cd /tmp && /root/sources/cmake/consumer/pkg-config/build.sh && ./consumer'
+         ;;
       *) within "cmake -S /root/sources/cmake/consumer/$1 -B /tmp/$1 -G Ninja &&
          cmake --build /tmp/$1 --target consumer && /tmp/$1/consumer" ;;
    esac
