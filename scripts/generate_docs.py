@@ -88,6 +88,8 @@ def floors_svg() -> str:
 def floor(rooms: list[str], y: int) -> Iterator[str]:
     room_width = (WIDTH - LEFT - 110 - GAP * (len(rooms) - 1)) / len(rooms)
     for place, room in enumerate(rooms):
+        if room not in ABOUT:
+            sys.exit(f"{__file__}: ABOUT says nothing of {room}")
         x = LEFT + place * (room_width + GAP)
         fill, stroke = COLOURS.get(room.partition("/")[0], CALLERS)
         middle = f'x="{x + room_width / 2:.0f}" text-anchor="middle"'
