@@ -10,19 +10,24 @@ readonly tool=$1 plan=map.json chunk=/dev/shm/tessel-picture
 trap 'rm -f "$chunk"' EXIT
 rm -f "$chunk"
 
-# entries COUNT CHIPS KEY_DIGITS RESULT_DIGITS FIRST: lines in the order in which chips take turns.
+# entries COUNT CHIPS FIRST KEY RESULT: lines for COUNT keys from FIRST on, of KEY and RESULT bytes,
+# in the order in which the chips take turns.
 entries() {
-   awk -v count="$1" -v chips="$2" -v key="$3" -v result="$4" -v first="$5" 'BEGIN {
+   awk -v count="$1" -v chips="$2" -v first="$3" -v key="$4" -v result="$5" 'BEGIN {
       for ( i = 0; i < count; i++ ) {
-         chip = int( i / 96 ) % chips
-         printf "%d,%0*x,%0*x\n", chip, key, first + i, result, chip * 16 + i % 16
+         chip = int( i / 20 ) % chips
+         printf "%d,%0*x,%0*x\n", chip, 2 * key, first + i, 2 * result, 16 * chip + i % 16
       }
    }'
 }
 
-entries 3400 4 12 4 33554432 | "$tool" load "$plan" mac -
-entries 700 3 8 24 167772161 | "$tool" load "$plan" nexthop -
-entries 300 4 32 12 1 | "$tool" load "$plan" neighbor -
+load() {
+   "$tool" load "$plan" "$1" -
+}
+
+entries 860 4 33554432 6 2 | load mac
+entries 260 3 167772161 4 12 | load nexthop
+entries 90 4 1 16 6 | load neighbor
 "$tool" clear "$plan" --chip 2
-entries 500 2 12 4 50331648 | "$tool" load "$plan" mac -
+entries 110 2 50331648 6 2 | load mac
 "$tool" map "$plan" --out map.svg
