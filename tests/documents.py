@@ -76,8 +76,8 @@ def pattern(expected: str) -> str:
     return "".join("(.*\n)*?" if line == ".*\n" else line for line in lines)
 
 
-def run_session(session: str, there: dict) -> None:
-    for command, expected in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", session, re.MULTILINE):
+def run_commands(listing: str, there: dict) -> None:
+    for command, expected in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", listing, re.MULTILINE):
         done = subprocess.run(
             ["bash", "-c", command],
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=120, **there,
@@ -110,8 +110,8 @@ def check(document: Path, environment: dict[str, str]) -> None:
                 script = "".join(plain["python"])
                 run(["/usr/bin/python3", "-"], "the Python script", input=script, **there)
             remove_chunks(own)
-            for session in plain.get("console", []):
-                run_session(session, there)
+            for listing in plain.get("console", []):
+                run_commands(listing, there)
         finally:
             remove_chunks(own)
 
