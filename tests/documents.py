@@ -22,7 +22,7 @@ import tempfile
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
-FENCE = re.compile(r"^```(\w+)([^\n]*)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
+FENCE = re.compile(r"^```(\w*)([^\n]*)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
 CHUNK = re.compile(r"(?<![\w.])(/dev/shm)?/(l2-tables|example)(?![\w/.])")
 COMPILER = os.environ.get("CXX", "g++")
 
@@ -77,6 +77,8 @@ def pattern(expected: str) -> str:
 
 
 def run_commands(listing: str, there: dict) -> None:
+    if not listing.startswith("$ "):
+        raise Failure(f"no command in front of this output:\n{listing}")
     for command, expected in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", listing, re.MULTILINE):
         done = subprocess.run(
             ["bash", "-c", command],
@@ -90,6 +92,8 @@ def check(document: Path, environment: dict[str, str]) -> None:
     own = f"/tessel-docs-{os.getpid()}-"
     text = CHUNK.sub(lambda found: (found[1] or "") + own + found[2], document.read_text("utf-8"))
     fences = FENCE.findall(text)
+    if text.count("```") != 2 * len(fences):
+        raise Failure("a fence that does not end, or does not begin its line")
     with tempfile.TemporaryDirectory() as folder:
         there = {"cwd": folder, "env": environment}
         plain: dict[str, list[str]] = {}
@@ -124,7 +128,7 @@ def remove_chunks(beginning: str) -> None:
 def main() -> int:
     build = Path(sys.argv[1]).resolve()
     named = [Path(name).resolve() for name in sys.argv[2:]]
-    documents = named or [ROOT / "README.md", *sorted(ROOT.glob("docs/*.md"))]
+    documents = named or [*sorted(ROOT.glob("*.md")), *sorted(ROOT.glob("docs/*.md"))]
     failed = False
     with tempfile.TemporaryDirectory() as prefix:
         installed = environment(build, Path(prefix))
