@@ -33,12 +33,22 @@ function( tessel_tool_compile_options target )
 endfunction()
 
 # For the tests, which are more code than the library and compiled more often than run: not
-# optimised (which also spares them what GCC 12 believes of inlined strings), and without the checks of UndefinedBehaviorSanitizer, which the library under test has.
+# optimised (which also spares them what GCC 12 believes of inlined strings), and without the checks of
+# UndefinedBehaviorSanitizer, which the library under test has.
 function( tessel_test_compile_options target )
    tessel_tool_compile_options( ${target} )
    target_compile_options( ${target} PRIVATE $<$<CONFIG:Release>:-O0> )
    if( TESSEL_SANITIZE MATCHES "undefined" )
       target_compile_options( ${target} PRIVATE -fno-sanitize=undefined )
+   endif()
+endfunction()
+
+# An installed `target`, which lies in `folder`, finds the library beside it, wherever both have been
+# moved to. What a distribution installs, the system finds.
+function( tessel_find_library_from target folder )
+   if( NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr" )
+      file( RELATIVE_PATH library ${folder} ${CMAKE_INSTALL_FULL_LIBDIR} )
+      set_target_properties( ${target} PROPERTIES INSTALL_RPATH $ORIGIN/${library} )
    endif()
 endfunction()
 

@@ -39,8 +39,10 @@ LIBC = re.compile(
     r"|sys/[a-z]+|linux/[a-z_]+|sanitizer/[a-z_]+|[a-z]+intrin|arm_neon)\.h"
 )
 SOURCE = re.compile(r"\.(h|hpp|cpp)$")
-LICENSED = re.compile(r"(\.(h|hpp|cpp|py|sh|cmake|in)|/CMakeLists\.txt|/dev|/\.ci/run)$")
-LICENCE_LINE = re.compile(r"^(//|#) SPDX-License-Identifier: Apache-2\.0$")
+LICENSED = re.compile(
+    r"(\.(h|hpp|cpp|py|sh|cmake|in|map)|/CMakeLists\.txt|/Doxyfile|/debian/\w+|/dev|/\.ci/run)$"
+)
+LICENCE_LINE = re.compile(r"^(//|#|/\*) SPDX-License-Identifier: Apache-2\.0$")
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
 SKIPPED_FOLDERS = {".git", "build", "__pycache__"}
 

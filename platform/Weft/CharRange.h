@@ -70,7 +70,7 @@ class [[gnu::visibility( "default" )]] CharRange {
    std::size_t offset_;
 };
 
-/// "…" with '"', '\' and every byte that is not printable ASCII as \xNN.
+/// "…" with every byte that is not printable ASCII, the quote and the backslash as `\xNN`.
 [[gnu::visibility( "default" )]] std::string quoted( std::string_view text );
 /// 0x and two digits per byte.
 [[gnu::visibility( "default" )]] std::string hexadecimal( std::string_view bytes );

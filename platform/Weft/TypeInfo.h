@@ -156,7 +156,7 @@ class [[gnu::visibility( "default" )]] TypeInfo {
    ///
    ///    Tessel::EmTableEntry( valid: true, chipId: 3, key: Tessel::EntryKey( bytes: 0x0a ), … )
    ///
-   /// An entity is `null` or TYPE@NUMBER, which names the object as long as it lives.
+   /// An entity is `null` or `TYPE@NUMBER`, which names the object as long as it lives.
    std::string stringForm( void const* slot ) const;
    void appendStringForm( std::string& text, void const* slot ) const;
    /// Builds the slot that a string form stands for; attributes may come in any order. ParseError

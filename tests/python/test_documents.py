@@ -1,12 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The example runs, and so does every Python snippet of the documents."""
+"""The example runs, and the documents name what exists."""
 
 import re
 import subprocess
 import sys
 from pathlib import Path
-
-import pytest
 
 import tessel
 
@@ -21,20 +19,6 @@ def test_the_notebook_finds_its_entries_again():
     bars = [line.split() for line in lines if line.startswith("chip")]
     before, after = ({bar[1]: int(bar[-1]) for bar in half} for half in (bars[:4], bars[4:]))
     assert sum(before.values()) == 5000 and after == {**before, "1": 0}
-
-
-@pytest.mark.parametrize("document", ["README.md", "docs/scripting.md"])
-def test_snippets_run(document, chunkName, capsys):
-    text = (ROOT / document).read_text(encoding="utf-8")
-    snippets = re.findall(r"```python\n(.*?)```", text, re.DOTALL)
-    assert snippets
-    names = {}
-    for snippet in snippets:
-        exec(snippet.replace("/l2-tables", chunkName), names)
-    shown = capsys.readouterr().out
-    if document == "docs/scripting.md":
-        for kind in ("TypeError", "OverflowError", "FileNotFoundError", "ContractError"):
-            assert kind in shown
 
 
 def test_every_documented_name_exists():
