@@ -83,8 +83,8 @@ void EmShadowTable::handleInitialized() {
       code_ = Code::untraced( keyLengthBytes_, resultLengthBytes_ );
       tracedCode_ = Code::traced( keyLengthBytes_ );
    }
-   auto const before = freeIndexBmp_;
-   if ( freeIndexBmpIs( 0, numEntries_, HBitmap::BitState::allSet ) != before ) {
+   if ( !hasBitmap( 0, numEntries_, HBitmap::BitState::allSet ) ) {
+      freeIndexBmp_ = Corvo::makePtr<HBitmap>( 0, numEntries_, HBitmap::BitState::allSet );
       // No slot is marked in the new bitmap, so none may be counted either.
       numUsedEntries_ = 0;
       usedByChip_.countsAreZero();
@@ -178,11 +178,13 @@ void EmShadowTable::clearTable() {
 // -------------------------------------------------------------------- the map from keys to slots
 
 Corvo::Ptr<EmTableFapIndices> EmShadowTable::keyToIndexList( EntryKey const& key ) const {
+   trustIsLost(); // a caller may change it at any time
    return keyToSlot_->object( key );
 }
 
 void EmShadowTable::keyToIndexListIs( EntryKey const& key,
                                       Corvo::Ptr<EmTableFapIndices> const& indices ) {
+   trustIsLost();
    keyToSlot_->objectIs( key, indices );
 }
 
@@ -243,7 +245,7 @@ void EmShadowTable::updateTableIndex( Brine::ChipId chipId,
                                       EmTableIndex index ) {
    traceTableUpdate( chipId, index );
    sassert( index.valid(), "index.valid()" );
-   rangeIsShared(); // the slot that is named need not hold an image
+   trustIsLost(); // the slot that is named need not hold an image
    keyToSlot_->indexIs( chipId, key, index );
 }
 
@@ -268,22 +270,22 @@ void EmShadowTable::refuseWithoutBitmap( char const* operation ) const {
    sassert.refuse( { "freeIndexBmp()", operation } );
 }
 
+bool EmShadowTable::hasBitmap( U64 id, U32 size, HBitmap::BitState initialBitState ) const {
+   return freeIndexBmp_ && freeIndexBmp_->id() == id && freeIndexBmp_->size() == size &&
+          freeIndexBmp_->initialBitState() == initialBitState;
+}
+
 Corvo::Ptr<HBitmap>
 EmShadowTable::freeIndexBmpIs( U64 id, U32 size, HBitmap::BitState initialBitState ) {
-   bool const asAsked = freeIndexBmp_ && freeIndexBmp_->id() == id &&
-                        freeIndexBmp_->size() == size &&
-                        freeIndexBmp_->initialBitState() == initialBitState;
-   if ( !asAsked ) {
-      if ( freeIndexBmp_ ) {
-         rangeIsShared(); // slots that the map names may be given to others
-      }
+   trustIsLost(); // the bitmap that is returned may be changed at any time
+   if ( !hasBitmap( id, size, initialBitState ) ) {
       freeIndexBmp_ = Corvo::makePtr<HBitmap>( id, size, initialBitState );
    }
    return freeIndexBmp_;
 }
 
 Corvo::Ptr<HBitmap> EmShadowTable::freeIndexBmpDel() {
-   rangeIsShared();
+   trustIsLost();
    return std::move( freeIndexBmp_ );
 }
 
@@ -292,7 +294,7 @@ EmTableIndex EmShadowTable::alloc() {
 }
 
 void EmShadowTable::free( EmTableIndex index ) {
-   rangeIsShared(); // the map may still name the slot
+   trustIsLost(); // the map may still name the slot
    SlotWork<true, EmShadowTable>( *this ).giveBackSlot( index );
 }
 
@@ -326,7 +328,7 @@ void EmShadowTable::writeToShadowMemory( EmTableIndex index,
 }
 
 void EmShadowTable::invalidateVellumMemory( EmTableIndex index ) {
-   rangeIsShared();
+   trustIsLost();
    SlotWork<true, EmShadowTable>( *this ).wipeImage( index );
 }
 

@@ -142,9 +142,6 @@ class [[gnu::visibility( "default" )]] EmTableEntry {
 /// Writes the string form, which parses back to an equal value.
 [[gnu::visibility( "default" )]] std::ostream& operator<<( std::ostream&, EmTableEntry const& );
 
-template<std::size_t wordCount>
-class KeyTable;
-
 /// The slots of one key: one per chip that has it.
 class [[gnu::visibility( "default" )]] EmTableFapIndices : public Corvo::Node {
  public:
@@ -159,10 +156,7 @@ class [[gnu::visibility( "default" )]] EmTableFapIndices : public Corvo::Node {
       return place < count_ ? EmTableIndex( slots()[ place ] ) : EmTableIndex();
    }
    /// Adds the member or replaces its slot. std::bad_alloc leaves the object as it was.
-   void indexIs( Brine::ChipId chip, EmTableIndex slot ) {
-      slotsAreGiven_ = true;
-      place( chip, slot );
-   }
+   void indexIs( Brine::ChipId chip, EmTableIndex slot );
    /// Removes the member and returns its slot; the invalid index when absent.
    EmTableIndex indexDel( Brine::ChipId chip );
    void indexDelAll() { count_ = 0; }
@@ -181,15 +175,7 @@ class [[gnu::visibility( "default" )]] EmTableFapIndices : public Corvo::Node {
    static Weft::AllocTrackTypeInfo memAllocationTracker_;
 
  private:
-   template<std::size_t wordCount>
-   friend class KeyTable;
-
    static constexpr U16 inlineMembers = 4; // most keys are programmed on a handful of chips
-
-   /// indexIs, for the table itself.
-   void place( Brine::ChipId chip, EmTableIndex slot );
-   /// Whether somebody but the table has set a slot, which then need not hold an image.
-   bool slotsAreGiven() const { return slotsAreGiven_; }
 
    /// count_, or more, when the chip is no member.
    U32 placeOf( Brine::ChipId chip ) const;
@@ -208,7 +194,6 @@ class [[gnu::visibility( "default" )]] EmTableFapIndices : public Corvo::Node {
 
    U16 count_ = 0;
    U16 capacity_ = inlineMembers;
-   bool slotsAreGiven_ = false;
    std::array<U32, inlineMembers> inlineSlots_{};
    std::array<U8, inlineMembers> inlineChips_{};
    std::unique_ptr<U32[]> more_; ///< capacity_ slots, then as many chips; null while inline
@@ -402,7 +387,10 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
 
    /// One bit per slot, set while the slot is free; null before handleInitialized and after
    /// freeIndexBmpDel.
-   Corvo::Ptr<Brine::HBitmap> freeIndexBmp() const { return freeIndexBmp_; }
+   Corvo::Ptr<Brine::HBitmap> freeIndexBmp() const {
+      trustIsLost(); // a caller may change it at any time
+      return freeIndexBmp_;
+   }
    /// Keeps the present bitmap when it was created with these arguments, else creates a new one.
    Corvo::Ptr<Brine::HBitmap>
    freeIndexBmpIs( U64 id, U32 size, Brine::HBitmap::BitState initialBitState );
@@ -500,6 +488,7 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    }
    [[noreturn]] void refuseWithoutBitmap( char const* operation ) const;
    U32 offsetOf( EmTableIndex index ) const { return index.value() * entryLengthBytes_; }
+   bool hasBitmap( U64 id, U32 size, Brine::HBitmap::BitState initialBitState ) const;
    void writeEntry( EmTableIndex index, EmTableEntry const& entry, char const* operation );
    Code const* code_ = nullptr;
    Code const* tracedCode_ = nullptr;
@@ -508,9 +497,6 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    U32 resultLengthBytes_ = 0;
    U32 numEntries_ = 0;
    U32 entryLengthBytes_ = 0;
-   /// Whether this table is the one that writes the images, which it then need not read twice: nobody
-   /// else changes them.
-   bool isWriter_ = false;
    U32 numUsedEntries_ = 0;
    Corvo::Ptr<Brine::HBitmap> freeIndexBmp_;
    std::unique_ptr<KeyToSlotMap> keyToSlot_;

@@ -81,7 +81,7 @@ U32 EmTableFapIndices::placeOf( Brine::ChipId chip ) const {
    return at ? static_cast<U32>( static_cast<U8 const*>( at ) - chips() ) : count_;
 }
 
-void EmTableFapIndices::place( Brine::ChipId chip, EmTableIndex slot ) {
+void EmTableFapIndices::indexIs( Brine::ChipId chip, EmTableIndex slot ) {
    U32 const at = placeOf( chip );
    if ( at == count_ ) {
       makeRoom();

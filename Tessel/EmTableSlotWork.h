@@ -79,7 +79,7 @@ class EmShadowTable::SlotWork {
       U8* const image =
          range != nullptr ? range + table_.offsetOf( index )
                           : table_.writableAt( table_.offsetOf( index ), table_.entryLengthBytes_ );
-      table_.isWriter_ = true;
+      table_.isWriterIs();
       return image;
    }
 
@@ -97,7 +97,7 @@ class EmShadowTable::SlotWork {
              bitmap->size() >= table_.numEntries_;
    }
    [[gnu::always_inline]] void removeInPlace( EmTableIndex slot, Brine::ChipId chip ) const {
-      table_.isWriter_ = true;
+      table_.isWriterIs();
       Vellum::storeNoImage( table_.writableRange() + table_.offsetOf( slot ),
                             table_.entryLengthBytes_ );
       table_.freeIndexBmp_->setBit( slot.value() );

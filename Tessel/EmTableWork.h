@@ -61,11 +61,11 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
             holds( key ),
             [ & ]( EmTableIndex slot, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
                U64 const offset = offsetOf<Result>( slot );
-               if ( offset >= table_.ownSize() ) [[unlikely]] {
+               if ( offset >= table_.trustedSize() ) [[unlikely]] {
                   return fully();
                }
-               table_.isWriter_ = true;
-               // Of a mapped slot in a range of its own the table knows that it holds an image.
+               table_.isWriterIs();
+               // A slot that a trusted map names holds an image.
                storeEntryImage<wordCount, Result, Before::anImage>(
                   table_.writableRange() + offset, shape<Result>(), chip, key, result );
                return true;
@@ -115,7 +115,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
                if ( offset >= table_.readableSize() ) [[unlikely]] {
                   return fully();
                }
-               if ( !table_.isWriter_ ) [[unlikely]] {
+               if ( !table_.isWriter() ) [[unlikely]] {
                   return getInPlace<Result>( table_, offset, chip, key, result );
                }
                Result bytes;
@@ -168,68 +168,30 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    // ---- many entries
 
    /// Calls `one( pair, hash of its key )` for each pair, in order, and counts what it answers. What the
-   /// calls will read is fetched ahead of them, in stages of which each needs what the one before it has
-   /// fetched: the tags, then the element, then, where `readsImages`, the image, which a key with an
-   /// object has one stage later.
+   /// calls will read, images among it where `readsImages`, is fetched ahead of them.
    template<bool readsImages, class Pair, class One>
    U64 inBulk( std::span<Pair const> pairs, bool* answers, One const& one ) const {
       U64 count = 0;
-      auto const perform = [ & ]( std::size_t at, U64 hash ) __attribute__( ( always_inline ) ) {
-         bool const answer = one( pairs[ at ], hash );
+      auto const perform = [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
+         // Hashed here and not with what is fetched: a call before may have written where the key lies.
+         bool const answer = one( pairs[ at ], keyAt( pairs[ at ].key ).hash );
          count += answer ? 1 : 0;
          if ( answers != nullptr ) {
             answers[ at ] = answer;
          }
       };
-      if ( traced || keys().bytes() <= cachedBytes ) {
-         for ( std::size_t at = 0; at < pairs.size(); ++at ) {
-            perform( at, keyAt( pairs[ at ].key ).hash );
-         }
-         return count;
-      }
-      constexpr std::size_t mostStages = 4;
-      bool const readsObjects = keys().objects() != 0;
-      std::size_t const stages = 2 + ( readsImages ? 1 : 0 ) + ( readsObjects ? 1 : 0 );
-      std::array<U64, ( mostStages + 1 ) * bulkStep> hashes; // of pair n at n modulo the size
-      auto const hashOf = [ & ]( std::size_t at ) -> U64& { return hashes[ at % hashes.size() ]; };
-      // Those of the pairs that are in this stage at this turn.
-      auto const inStage = [ & ]( std::size_t turn, std::size_t stage, auto const& work )
-                              __attribute__( ( always_inline ) ) {
-                                 std::size_t const begin = ( turn - stage ) * bulkStep;
-                                 if ( turn >= stage && begin < pairs.size() ) {
-                                    std::size_t const end =
-                                       std::min( begin + bulkStep, pairs.size() );
-                                    for ( std::size_t at = begin; at < end; ++at ) {
-                                       work( at );
-                                    }
-                                 }
-                              };
-      std::size_t const turns = ( pairs.size() + bulkStep - 1 ) / bulkStep + stages;
-      for ( std::size_t turn = 0; turn < turns; ++turn ) {
-         inStage( turn, 0, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-            hashOf( at ) = keyAt( pairs[ at ].key ).hash;
-            keys().fetchTags( hashOf( at ) );
-         } );
-         inStage( turn, 1, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-            if constexpr ( std::is_same_v<Pair, EmPairAndResult> ) {
-               keys().fetchElementOrPlace( hashOf( at ) );
-            } else {
-               keys().fetchElement( hashOf( at ) );
+      for ( std::size_t begin = 0; begin < pairs.size(); begin += bulkRun ) {
+         auto const run = pairs.subspan( begin, std::min( bulkRun, pairs.size() - begin ) );
+         if ( !traced && keys().bytes() > cachedBytes ) { // to which it may have grown on the way
+            fetchingAhead<readsImages>(
+               run, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
+                  perform( begin + at );
+               } );
+         } else {
+            for ( std::size_t at = begin; at < begin + run.size(); ++at ) {
+               perform( at );
             }
-         } );
-         if ( readsObjects ) {
-            inStage( turn, 2, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-               fetchObjectOf( pairs[ at ], hashOf( at ) );
-            } );
          }
-         if constexpr ( readsImages ) {
-            inStage( turn, stages - 1, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-               fetchImageOf( pairs[ at ], hashOf( at ) );
-            } );
-         }
-         inStage( turn, stages, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-            perform( at, hashOf( at ) );
-         } );
       }
       return count;
    }
@@ -287,7 +249,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       }
       EntryWork const work( table );
       U64 const offset = work.template offsetOf<Result>( slot );
-      if ( offset < table.ownSize() && Keys::slotsAreOwn( where ) ) [[likely]] {
+      if ( offset < table.trustedSize() ) [[likely]] {
          storeEntryImage<wordCount, Result, Before::anImage>(
             table.writableRange() + offset, work.template shape<Result>(), chip, key, result );
       } else {
@@ -356,7 +318,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       auto const& words = work.keyAt( key ).words;
       Result bytes;
       U64 const difference =
-         table.isWriter_ ? readImageOf<wordCount>( image, shape, chip, words, bytes )
+         table.isWriter() ? readImageOf<wordCount>( image, shape, chip, words, bytes )
                          : readForeignImageOf<wordCount>( image, shape, chip, words, bytes );
       if ( difference != 0 ) [[unlikely]] {
          return getFully<Result>( table, chip, key, result );
@@ -442,6 +404,54 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       this->giveBackSlot( place.index );
       table_.numUsedEntriesDec( 1 );
       table_.numUsedEntriesByChipIdDec( chip, 1 );
+   }
+
+   /// Calls `perform( number )` for each pair, in order. What the calls will read is fetched in stages
+   /// of which each needs what the one before it has fetched: the tags, then the element, then the
+   /// object where there are any, then the image.
+   template<bool readsImages, class Pair, class Perform>
+   [[gnu::always_inline]] void
+   fetchingAhead( std::span<Pair const> pairs, Perform const& perform ) const {
+      constexpr std::size_t mostStages = 4;
+      bool const readsObjects = keys().objects() != 0;
+      std::size_t const stages = 2 + ( readsImages ? 1 : 0 ) + ( readsObjects ? 1 : 0 );
+      std::array<U64, mostStages * bulkStep> hashes; // of pair n at n modulo the size
+      auto const hashOf = [ & ]( std::size_t at ) -> U64& { return hashes[ at % hashes.size() ]; };
+      // Works on the pairs that are in this stage at this turn.
+      auto const inStage = [ & ]( std::size_t turn, std::size_t stage, auto const& work )
+                              __attribute__( ( always_inline ) ) {
+                                 std::size_t const begin = ( turn - stage ) * bulkStep;
+                                 std::size_t const end =
+                                    turn < stage ? 0 : std::min( begin + bulkStep, pairs.size() );
+                                 for ( std::size_t at = begin; at < end; ++at ) {
+                                    work( at );
+                                 }
+                              };
+      std::size_t const turns = ( pairs.size() + bulkStep - 1 ) / bulkStep + stages;
+      for ( std::size_t turn = 0; turn < turns; ++turn ) {
+         inStage( turn, stages, perform );
+         if constexpr ( readsImages ) {
+            inStage( turn, stages - 1, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
+               fetchImageOf( pairs[ at ], hashOf( at ) );
+            } );
+         }
+         if ( readsObjects ) {
+            inStage( turn, 2, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
+               fetchObjectOf( pairs[ at ], hashOf( at ) );
+            } );
+         }
+         inStage( turn, 1, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
+            if constexpr ( std::is_same_v<Pair, EmPairAndResult> ) {
+               keys().fetchElementOrPlace( hashOf( at ) );
+            } else {
+               keys().fetchElement( hashOf( at ) );
+            }
+         } );
+         inStage( turn, 0, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
+            hashOf( at ) = keyAt( pairs[ at ].key ).hash;
+            keys().fetchTags( hashOf( at ) );
+         } );
+      }
    }
 
    template<class Pair>

@@ -276,7 +276,7 @@ class KeyTable {
          elements_.insert( key.hash,
                            KeyElement<wordCount>( key.words, SlotOrObject( chip, slot ) ) );
       } else if ( auto& element = elements_[ place.position ]; element.where().isObject() ) {
-         element.where().object()->place( chip, slot );
+         element.where().object()->indexIs( chip, slot );
       } else {
          element.whereIs( SlotOrObject( chip, slot ) );
       }
@@ -343,10 +343,6 @@ class KeyTable {
       }
       elements_.clear();
    }
-   /// Whether every slot of the key was put there by set().
-   static bool slotsAreOwn( SlotOrObject where ) {
-      return !where.isObject() || !where.object()->slotsAreGiven();
-   }
    /// Keys that have an object.
    U64 objects() const { return objects_; }
 
@@ -400,7 +396,7 @@ class KeyTable {
          return *where.object();
       }
       auto object = EmTableFapIndices::EmTableFapIndicesIs();
-      object->place( where.chip(), where.slot() );
+      object->indexIs( where.chip(), where.slot() );
       auto& made = *object;
       element.whereIs( SlotOrObject( std::move( object ) ) );
       ++objects_;

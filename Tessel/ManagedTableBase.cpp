@@ -217,13 +217,15 @@ void ManagedTableBase::chooseMemory() {
    bool const writable =
       holdsRange && chunkInUse_->access() == Vellum::VellumChunk::Access::readWrite;
    writableRange_ = writable ? chunkInUse_->writableAt( vellumOffset_, 0 ) : nullptr;
-   rangeIsShared(); // what was written elsewhere is not here
+   // What was written elsewhere is not here, and what lies here may be another's.
+   trustIsLost();
+   isWriter_ = false;
 }
 
 void ManagedTableBase::rangeSizeIs( U64 size ) {
    rangeSize_ = size;
    chooseMemory();
-   ownSize_ = writableRange_ ? size : 0;
+   trustedSize_ = writableRange_ ? size : 0;
 }
 
 bool ManagedTableBase::entryIs_py( Brine::ChipId chipId,

@@ -288,7 +288,7 @@ class [[gnu::visibility( "default" )]] ManagedTableBase : public Corvo::Node {
    //    failures "vellumChunk()" when there is none, and those of VellumChunk::write and read.
 
    void doWriteVellum( U32 offset, Weft::BytePtr data, U32 size ) {
-      rangeIsShared();
+      trustIsLost();
       if ( chunkInUse_ ) [[likely]] {
          chunkInUse_->writeAt( U64{ vellumOffset_ } + offset, data, size );
       } else {
@@ -323,10 +323,15 @@ class [[gnu::visibility( "default" )]] ManagedTableBase : public Corvo::Node {
    U8* writableRange() const { return writableRange_; }
    /// How many bytes lie there: all of the range, or none where readableRange() is null.
    U64 readableSize() const { return readableSize_; }
-   /// The same for writableRange() as long as the kind's bookkeeping is known to agree with what lies
-   /// there; none for good once somebody else has a hand in either.
-   U64 ownSize() const { return ownSize_; }
-   void rangeIsShared() { ownSize_ = 0; }
+   /// The same for writableRange() as long as the kind's bookkeeping has never been out of its hands:
+   /// then it agrees with what lies there, unless somebody writes to the chunk behind the table's back.
+   U64 trustedSize() const { return trustedSize_; }
+   /// For all that lets callers change what lies in the range, where the range is, or the bookkeeping.
+   void trustIsLost() const { trustedSize_ = 0; }
+   /// Whether this table writes what lies there: it then need not read it twice, as nobody else changes
+   /// it.
+   bool isWriter() const { return isWriter_; }
+   void isWriterIs() { isWriter_ = true; }
    /// Where the access to `size` bytes at `offset` goes, for the functions of Vellum/OrderedCopy.h.
    /// Contract failures as doWriteVellum and doReadVellum.
    [[gnu::always_inline]] U8* writableAt( U32 offset, U32 size ) {
@@ -371,7 +376,8 @@ class [[gnu::visibility( "default" )]] ManagedTableBase : public Corvo::Node {
    U8 const* readableRange_ = nullptr;
    U8* writableRange_ = nullptr;
    U64 readableSize_ = 0;
-   U64 ownSize_ = 0;
+   mutable U64 trustedSize_ = 0;
+   bool isWriter_ = false;
    Weft::BytePtr buf_ = nullptr;
    Corvo::Ptr<LocalMem> localBuf_;
    U32 vellumOffset_;

@@ -244,7 +244,9 @@ PyObject* nextMember( PyObject* self ) {
 void freeMemberIterator( PyObject* self ) {
    auto* const iterator = reinterpret_cast<MemberIteratorObject*>( self );
    PyTypeObject* const type = Py_TYPE( self );
-   inLibrary( [ & ] { iterator->at.reset(); } );
+   // Its owner, a table perhaps, may end with it.
+   bool const lengthy = iterator->members->attribute.owner().lengthy();
+   inLibrary( lengthy ? Work::lengthy : Work::brief, [ & ] { iterator->at.reset(); } );
    std::destroy_at( &iterator->at );
    type->tp_free( self );
    Py_DECREF( type );

@@ -11,6 +11,7 @@
 #include "python/Texts.h"
 #include "python/TypeSlots.h"
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <new>
@@ -230,12 +231,26 @@ PyObject* valueFromString( PyObject* pythonType, PyObject* text ) {
    } );
 }
 
-/// Pickled as text; what names an entity is read back as long as that lives.
+/// Whether its text names entities, by numbers of this process.
+bool namesEntities( Weft::TypeInfo const& type ) {
+   return std::ranges::any_of( reachableAttributes( type ), []( Weft::Attribute const* attribute ) {
+      auto const* const inner = attribute->printed() ? attribute->type() : nullptr;
+      return inner && ( inner->kind() == Weft::TypeKind::entity || namesEntities( *inner ) );
+   } );
+}
+
+/// For pickle: the text, and what attributes a script's own class has added.
 PyObject* reduceValue( PyObject* self, PyObject* ) {
    return answering( [ & ] {
+      if ( namesEntities( *heldBy( self ).type ) ) {
+         throw Refusal( PyExc_TypeError,
+                        "cannot pickle " + nameOf( self ) +
+                           ": it refers to objects of this process" );
+      }
       py::object const pythonType = py::type::of( self );
       return py::make_tuple( pythonType.attr( "fromString" ),
-                             py::make_tuple( textInto( formOf( self ) ) ) );
+                             py::make_tuple( textInto( formOf( self ) ) ),
+                             py::getattr( self, "__dict__", py::none() ) );
    } );
 }
 

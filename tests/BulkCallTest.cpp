@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <deque>
 #include <memory>
 #include <random>
@@ -164,6 +165,25 @@ TEST( BulkCall, doesWhatTheSingleCallsDoInEveryGeometry ) {
       EXPECT_EQ( again->numUsedEntries(), twins.single()->numUsedEntries() );
       EXPECT_EQ( again->keyToIndexListCount(), twins.single()->keyToIndexListCount() );
    }
+}
+
+TEST( BulkCall, followsAChainThroughItsOwnBuffers ) {
+   Geometry const geometry{ 20'000, 8, 8 }; // large enough to fetch ahead
+   auto const table = tableOver( Vellum::VellumChunk::inProcess( 1 << 20 ), geometry );
+   std::array<U64, 100> links{};
+   std::vector<EmPairAndBuffer> steps;
+   U64 first = 1;
+   char* key = reinterpret_cast<char*>( &first );
+   for ( U64 i = 0; i < links.size(); ++i ) {
+      U64 const from = i + 1;
+      U64 const to = i + 2;
+      ASSERT_TRUE( table->entryIs(
+         chip3, reinterpret_cast<char const*>( &from ), reinterpret_cast<char const*>( &to ) ) );
+      steps.push_back( { chip3, key, reinterpret_cast<char*>( &links[ i ] ) } );
+      key = reinterpret_cast<char*>( &links[ i ] );
+   }
+   EXPECT_EQ( table->entryBulk( steps ), links.size() );
+   EXPECT_EQ( links.back(), links.size() + 1 );
 }
 
 TEST( BulkCall, tracesWhatTheSingleCallsTrace ) {

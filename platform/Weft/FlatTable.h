@@ -212,8 +212,10 @@ class FlatTable {
    [[gnu::always_inline]] void fetchElementOrPlace( U64 hash ) const {
       U64 const group = homeOf( hash );
       U32 const lanes = lanesWith( group, fourTagsOf( hash ) );
-      // In a full group there is no lane: what is then fetched is the next group's, or nothing.
-      fetchAt( group, lanes != 0 ? lanes : emptyLanes( group ) );
+      U32 const wanted = lanes != 0 ? lanes : emptyLanes( group );
+      if ( wanted != 0 ) {
+         fetchAt( group, wanted );
+      }
    }
 
    /// The first occupied position at or after `position`, or nowhere: a walk is

@@ -7,8 +7,15 @@ from typing import Any
 from tessel import _tessel
 
 
+_ABSENT = object()
+
+
 class _Items(ItemsView):
     __slots__ = ()
+
+    def __contains__(self, item: Any) -> bool:
+        key, value = item
+        return self._mapping.get(key, _ABSENT) == value
 
     def __iter__(self) -> Iterator[tuple[Any, Any]]:
         return self._mapping.iterateItems()
@@ -29,6 +36,13 @@ class Collection(_tessel.CollectionAccess, MutableMapping):
     """
 
     __slots__ = ()
+
+    def get(self, key: Any, default: Any = None) -> Any:
+        """What cannot be a key is not in it."""
+        try:
+            return self[key]
+        except (KeyError, TypeError, ValueError, OverflowError):
+            return default
 
     def items(self) -> ItemsView:
         return _Items(self)

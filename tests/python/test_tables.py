@@ -199,7 +199,9 @@ def test_collections_are_walked_while_members_come_and_go(agent):
     assert dict(agent.mac.numUsedEntriesByChipId.items()) == {0: 0, 1: 0, 3: 1}
     assert [dict(slots.index.items()) for slots in keys.values()] == [{3: tessel.EmTableIndex(0)}]
     impossible = 300, -1, "3", None, [], tessel.EntryKey(KEY)
-    assert not any(key in agent.mac.numUsedEntriesByChipId for key in impossible)
+    counts = agent.mac.numUsedEntriesByChipId
+    assert not any(key in counts or (key, 1) in counts.items() for key in impossible)
+    assert (3, 1) in counts.items() and counts.get(300, 7) == 7
 
 
 def test_classes_stay_what_they_are(agent):
@@ -211,12 +213,20 @@ def test_classes_stay_what_they_are(agent):
 
 
 def test_values_travel_as_text(agent):
+    class Named(tessel.EntryKey):
+        pass
+
     agent.mac.entryIs_py(1, KEY, RESULT)
     walk = agent.mac.managedTableIteratorConst()
-    for value in (tessel.EntryKey(KEY), walk, tessel.EmShadowTableIteratorConst(agent.mac)):
-        assert pickle.loads(pickle.dumps(value)) == value
-    with pytest.raises(TypeError, match="pickle"):
-        pickle.dumps(agent.mac)
+    assert tessel.ManagedTableIteratorConst.fromString(str(walk)) == walk
+    entry = tessel.EmTableEntry(True, 1, tessel.EntryKey(KEY), tessel.EntryResult(RESULT))
+    assert pickle.loads(pickle.dumps(entry)) == entry
+    named = Named(KEY)
+    named.name = "gateway"
+    assert named.__reduce__()[2] == {"name": "gateway"}
+    for here in (walk, tessel.EmShadowTableIteratorConst(agent.mac), agent.mac):
+        with pytest.raises(TypeError, match="cannot pickle"):
+            pickle.dumps(here)
 
 
 @pytest.mark.parametrize(
