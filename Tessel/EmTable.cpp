@@ -84,12 +84,27 @@ void EmShadowTable::handleInitialized() {
       tracedCode_ = Code::traced( keyLengthBytes_ );
    }
    auto const before = freeIndexBmp_;
-   if ( freeIndexBmpIs( 0, numEntries_, HBitmap::BitState::allSet ) != before ) {
-      // No slot is marked in the new bitmap, so none may be counted either.
-      numUsedEntries_ = 0;
-      usedByChip_.countsAreZero();
+   if ( freeIndexBmpIs( 0, numEntries_, HBitmap::BitState::allSet ) == before ) {
+      reconcile();
+   } else {
+      countAfresh( before );
    }
-   reconcile();
+}
+
+/// Reconciles with a new bitmap. In that no slot is marked, so none may be counted either; and where
+/// the images cannot be read, an empty bitmap beside a filled map would give their slots away.
+void EmShadowTable::countAfresh( Corvo::Ptr<HBitmap> const& formerBitmap ) {
+   U32 const formerCount = std::exchange( numUsedEntries_, 0 );
+   ChipCounts const formerCounts = usedByChip_;
+   usedByChip_.countsAreZero();
+   try {
+      reconcile();
+   } catch ( ... ) {
+      freeIndexBmp_ = formerBitmap;
+      numUsedEntries_ = formerCount;
+      usedByChip_ = formerCounts;
+      throw;
+   }
 }
 
 void EmShadowTable::reconcile() {

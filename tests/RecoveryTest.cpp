@@ -83,6 +83,23 @@ TEST( Recovery, afterTheBitmapWasTakenOutCountsNothingTwice ) {
    EXPECT_EQ( stateOf( *table ), before );
 }
 
+TEST( Recovery, overMemoryThatCannotBeReadLeavesBitmapAndCountsAsTheyWere ) {
+   auto const table = newTable();
+   add( table, chip5, "BBBB", "r2" );
+   std::string const before = stateOf( *table );
+   table->freeIndexBmpDel();
+   U8 memory = 0;
+   table->bufIs( &memory );
+   EXPECT_EQ( failedCondition( [ & ] { table->handleInitialized(); } ),
+              "getenv( \"SIMULATION_VMID\" )" );
+   EXPECT_FALSE( table->freeIndexBmp() );
+   EXPECT_EQ( table->numUsedEntries(), 1U );
+   EXPECT_EQ( table->numUsedEntriesByChipId( chip5 ), 1U );
+   table->bufIs( nullptr );
+   table->handleInitialized();
+   EXPECT_EQ( stateOf( *table ), before );
+}
+
 TEST( Recovery, runningAgainTakesOverWhatAnotherWriterAdded ) {
    auto const table = newTable();
    writeImage( table->vellumChunk(), 3, "\1\3AAAAr1" );
