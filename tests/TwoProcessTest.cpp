@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "support/Asked.h"
 #include "support/Stepping.h"
 #include "support/Tables.h"
 #include "support/Tool.h"
@@ -9,6 +10,8 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <iostream>
+#include <list>
 #include <random>
 
 namespace {
@@ -217,27 +220,25 @@ class Child {
    int status_ = 0;
 };
 
-/// How long the processes of one test work: TESSEL_TEST_SECONDS, for whoever wants more.
-double secondsToWork() {
-   char const* const asked = std::getenv( "TESSEL_TEST_SECONDS" );
-   return asked ? std::atof( asked ) : 3;
-}
-
-std::chrono::steady_clock::time_point after( double seconds ) {
-   return std::chrono::steady_clock::now() +
-          std::chrono::milliseconds( static_cast<long>( seconds * 1000 ) );
+/// Some time from now: a share of how long the processes of one test work, which is
+/// TESSEL_TEST_SECONDS, for whoever wants more.
+std::chrono::steady_clock::time_point afterShare( U64 shares ) {
+   auto const wanted = std::chrono::seconds( asked( "TESSEL_TEST_SECONDS", 3 ) );
+   return std::chrono::steady_clock::now() + std::chrono::nanoseconds( wanted ) / shares;
 }
 
 bool isOver( std::chrono::steady_clock::time_point end ) {
    return std::chrono::steady_clock::now() >= end;
 }
 
+// TESSEL_TEST_READS asks for so many results found.
 TEST( TwoReaders, besideAWriterNeverMeetAForeignOrATornResult ) {
    std::array const geometries{ Geometry{ .entries = 4, .key = 20, .result = 12 },
                                 Geometry{ .entries = 4, .key = 14, .result = 12 },
                                 Geometry{ .entries = 3, .key = 2, .result = 12 },
                                 Geometry{ .entries = 3, .key = 6, .result = 4 },
                                 Geometry{ .entries = 3, .key = 4, .result = 2 } };
+   U64 const reads = asked( "TESSEL_TEST_READS", 1 ) / geometries.size() + 1;
    U32 seed = 1;
    for ( Geometry const geometry : geometries ) {
       UniqueName const name;
@@ -249,21 +250,23 @@ TEST( TwoReaders, besideAWriterNeverMeetAForeignOrATornResult ) {
       auto const read = [ & ]( U32 readersSeed ) {
          Peer( place, VellumChunk::Access::readOnly, readersSeed ).read( *traffic );
       };
-      std::array<Child, 3> processes{
-         Child( [ & ] { read( 11 ); } ), Child( [ & ] { read( 12 ); } ), Child( [ & ] {
-            Peer( place, VellumChunk::Access::readWrite, seed ).write( *traffic );
-         } )
-      };
-      auto const end = after( secondsToWork() / geometries.size() );
-      while ( !isOver( end ) || traffic->found == 0 || traffic->walked == 0 ) {
+      std::list<Child> processes;
+      for ( U32 reader = 0; reader < 2 + seed % 2; ++reader ) {
+         processes.emplace_back( [ & ] { read( 11 + reader ); } );
+      }
+      processes.emplace_back(
+         [ & ] { Peer( place, VellumChunk::Access::readWrite, seed ).write( *traffic ); } );
+      auto const end = afterShare( geometries.size() );
+      while ( !isOver( end ) || traffic->found < reads || traffic->walked == 0 ) {
          ::usleep( 1000 );
          ASSERT_TRUE( std::ranges::all_of( processes, &Child::works ) ) << geometry.key;
       }
       traffic->stopped = true;
       EXPECT_TRUE( std::ranges::all_of( processes, &Child::endedWell ) );
-      EXPECT_EQ( traffic->foreign, 0U )
-         << "key length " << geometry.key << ": " << traffic->written << " written, "
-         << traffic->found << " found, " << traffic->walked << " walked";
+      EXPECT_EQ( traffic->foreign, 0U );
+      std::cout << "key of " << geometry.key << " bytes: " << traffic->written << " written, "
+                << traffic->found << " found, " << traffic->walked << " walked, "
+                << traffic->foreign << " foreign or torn\n";
       ++seed;
    }
 }
@@ -330,7 +333,7 @@ TEST( TheTool, besideAWriterNeverTellsAForeignOrATornResult ) {
    Child agent( [ & ] { Peer( place, VellumChunk::Access::readWrite, 1 ).write( *traffic ); } );
    Peer chooser( place, VellumChunk::Access::readOnly, 2 );
    AskedTool tool( bench, plan );
-   auto const end = after( secondsToWork() / 3 );
+   auto const end = afterShare( 3 );
    while ( !isOver( end ) || tool.told() == 0 ) {
       ASSERT_TRUE( agent.works() );
       tool.dump();
