@@ -140,8 +140,12 @@ TEST( KeyToSlotMap, keysOfAnotherLengthThanTheTablesAreKeptApart ) {
       keys.insert( textOf( at.key().bytes() ) );
    }
    EXPECT_THAT( keys, ElementsAre( "key", "key0" ) );
+   EXPECT_FALSE( table->getTableIndex( chip1, keyOf( "yek" ) ).valid() );
+   table->deleteTableIndex( chip1, keyOf( "yek" ) );
+   table->deleteTableIndex( chip3, keyOf( "key" ) );
+   EXPECT_EQ( table->keyToIndexListCount(), 2U ) << "neither was there";
    table->deleteTableIndex( chip0, keyOf( "key" ) );
-   table->deleteTableIndex( chip1, keyOf( "key" ) );
+   table->deleteAll( chip1 );
    EXPECT_EQ( table->keyToIndexListCount(), 1U );
 }
 
@@ -177,7 +181,9 @@ TEST( KeyToSlotMap, aWalkGoesOnWhenTheKeyUnderItIsRemoved ) {
    }
    EXPECT_EQ( met, 60U );
    EXPECT_EQ( table->keyToIndexListCount(), 0U );
-   EXPECT_FALSE( table->keyToIndexListCursor( keyOf( "k10." ) ).onMember() );
+   auto nowhere = table->keyToIndexListCursor( keyOf( "k10." ) );
+   nowhere.advance();
+   EXPECT_FALSE( nowhere.onMember() );
 }
 
 TEST( SlotsOfAKey, holdEveryChipThereIs ) {

@@ -237,6 +237,8 @@ TEST( TwoReaders, besideAWriterNeverMeetAForeignOrATornResult ) {
                                 Geometry{ .entries = 4, .key = 14, .result = 12 },
                                 Geometry{ .entries = 3, .key = 2, .result = 12 },
                                 Geometry{ .entries = 3, .key = 6, .result = 4 },
+                                Geometry{ .entries = 3, .key = 8, .result = 8 },
+                                Geometry{ .entries = 3, .key = 5, .result = 3 },
                                 Geometry{ .entries = 3, .key = 4, .result = 2 } };
    U64 const reads = asked( "TESSEL_TEST_READS", 1 ) / geometries.size() + 1;
    U32 seed = 1;
