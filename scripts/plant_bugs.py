@@ -33,6 +33,7 @@ BRIEFLY = {
     "GTEST_FAIL_FAST": "1",
     "GTEST_COLOR": "no",
 }
+SLOW = "KilledAgent.*:Two*:TheTool*:Demo.*:RegistryFuzz.*:*Sizes/*"
 HANGS_AFTER = 180  # seconds; the tests take 20
 
 
@@ -87,7 +88,7 @@ def copy_tree() -> None:
 
 
 def configure() -> None:
-    options = ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0 -g0"]
+    options = ["-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0 -g0 -w"]
     options += [f"-DTESSEL_{part}=OFF" for part in ("PYTHON", "BENCH", "EXAMPLES")]
     command = ["cmake", "-G", "Ninja", "-S", str(COPY), "-B", str(BUILD), *options]
     subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
@@ -102,10 +103,15 @@ def build(*targets: str) -> None:
 
 def red_test() -> str:
     """The test that failed, or what else ended the run; empty when all passed."""
+    return red_among(f"-{SLOW}") or red_among(SLOW)
+
+
+def red_among(tests: str) -> str:
     try:
         run = subprocess.run(
-            [BUILD / "tests" / "tessel_tests"], env=os.environ | BRIEFLY, timeout=HANGS_AFTER,
-            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace",
+            [BUILD / "tests" / "tessel_tests", f"--gtest_filter={tests}"], timeout=HANGS_AFTER,
+            env=os.environ | BRIEFLY, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+            errors="replace",
         )  # fmt: skip
     except subprocess.TimeoutExpired:
         return "the tests do not end"

@@ -240,7 +240,7 @@ class ModelledTable {
 };
 
 TEST( Model, everyOperationLeavesTheTableAsTheModelSays ) {
-   U64 const steps = asked( "TESSEL_TEST_STEPS", 4000 );
+   U64 const steps = asked( "TESSEL_TEST_STEPS", 2000 );
    U32 seed = 1;
    for ( Geometry const geometry : { Geometry{ .entries = 40, .key = 4, .result = 4 },
                                      Geometry{ .entries = 70, .key = 6, .result = 0 },

@@ -44,7 +44,7 @@ void expectOneImageOrTheOther( std::string const& before, std::string const& aft
    for ( ; !got->whole && child.step(); ++instructions ) {}
    child.finish();
    // An instrumented build has too many to stop between any two.
-   U32 const stride = instructions < 200 ? 1 : instructions / 40;
+   U32 const stride = instructions < 200 ? 1 : instructions / 10;
    for ( U32 steps = 1; steps < instructions; steps += stride ) {
       chunk->write( offset, std::string( length, '\0' ).data(), length );
       chunk->write( offset, before.data(), length );
