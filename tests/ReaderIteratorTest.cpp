@@ -45,13 +45,17 @@ TEST( Reader, takesAnImageChangedBehindItsTableAsAbsent ) {
    add( table, chip3, "AAAA", "r1" );
    auto const reader = emShadowTableReaderFactory( table );
    for ( auto const& image :
-         { std::string( 8, '\0' ), "\1\3BBBBr2"s, "\1\5AAAAr3"s, "\0\3AAAAr1"s } ) {
+         { std::string( 8, '\0' ), "\1\3BAAAr2"s, "\1\3AAABr2"s, "\1\5AAAAr3"s, "\0\3AAAAr1"s } ) {
       table->vellumChunk()->write( 0, image.data(), 8 );
       EXPECT_FALSE( reader->entryHas( chip3, "AAAA" ) );
       EXPECT_EQ( lookUp( *reader, chip3, "AAAA" ), std::nullopt );
    }
    table->vellumChunk()->write( 0, "\3\3AAAAr4", 8 );
    EXPECT_EQ( lookUp( *reader, chip3, "AAAA" ), "r4" );
+   auto const keyless = newTable( { .key = 0 } ); // a free image reads as chip 255 and no key
+   add( keyless, Brine::ChipId( 255 ), "", "r1" );
+   keyless->vellumChunk()->write( 0, std::string( 4, '\0' ).data(), 4 );
+   EXPECT_FALSE( emShadowTableReaderFactory( keyless )->entryHas( Brine::ChipId( 255 ), "" ) );
 }
 
 TEST( Reader, writesTheResultAndNoByteMore ) {
