@@ -21,43 +21,90 @@ using namespace Tessel;
 using Vellum::VellumChunk;
 using namespace std::string_literals;
 
-/// What a reader in another process got when one write came between any two of its instructions.
-void expectOneImageOrTheOther( std::string const& before, std::string const& after ) {
-   UniqueName const name;
-   auto const chunk = VellumChunk::create( *name, 200 );
-   auto const length = static_cast<U32>( before.size() );
-   constexpr U32 offset = 50; // crosses a cache line
+/// A process that reads one image of a chunk again and again, stopped wherever the test likes.
+class InterruptedChild {
+ public:
+   explicit InterruptedChild( U32 length )
+         : length_( length ), child_( [ this ] {
+              got_->whole = false;
+              chunk_->read( offset, got_->image.data(), length_ );
+              got_->whole = true;
+           } ) {}
+
+   bool traced() const { return child_.traced(); }
+   void writes( std::string const& image ) { chunk_->write( offset, image.data(), length_ ); }
+   /// Puts bytes there as they are, without the care that an image is written with.
+   void puts( std::string const& bytes ) {
+      for ( U32 i = 0; i < length_; ++i ) {
+         chunk_->write( offset + i, &bytes[ i ], 1 );
+      }
+   }
+   /// How many instructions one reading takes.
+   U32 instructions() {
+      U32 count = 0;
+      for ( ; !got_->whole && child_.step(); ++count ) {}
+      child_.finish();
+      return count;
+   }
+   void steps( U32 count ) {
+      for ( ; count > 0; --count ) {
+         child_.step();
+      }
+   }
+   bool hasRead() const { return got_->whole; }
+   std::string finishes() {
+      child_.finish();
+      return { got_->image.data(), length_ };
+   }
+
+ private:
+   static constexpr U32 offset = 50; // crosses a cache line
    struct Got {
       std::array<char, 64> image;
       std::atomic<bool> whole;
    };
-   SharedPage<Got> got;
-   SteppedChild child( [ & ] {
-      got->whole = false;
-      chunk->read( offset, got->image.data(), length );
-      got->whole = true;
-   } );
+
+   UniqueName const name_;
+   Chunk const chunk_ = VellumChunk::create( *name_, 200 );
+   U32 const length_;
+   SharedPage<Got> got_;
+   SteppedChild child_;
+};
+
+/// What a reader in another process got when one write came between any two of its instructions.
+void expectOneImageOrTheOther( std::string const& before, std::string const& after ) {
+   InterruptedChild child( static_cast<U32>( before.size() ) );
    if ( !child.traced() ) {
       GTEST_SKIP() << "no process may be traced here";
    }
-   U32 instructions = 0;
-   for ( ; !got->whole && child.step(); ++instructions ) {}
-   child.finish();
+   U32 const instructions = child.instructions();
    // An instrumented build has too many to stop between any two.
    U32 const stride = instructions < 200 ? 1 : instructions / 10;
    for ( U32 steps = 1; steps < instructions; steps += stride ) {
-      chunk->write( offset, std::string( length, '\0' ).data(), length );
-      chunk->write( offset, before.data(), length );
-      for ( U32 i = 0; i < steps; ++i ) {
-         child.step();
-      }
-      chunk->write( offset, after.data(), length );
-      child.finish();
-      std::string const image( got->image.data(), length );
+      child.writes( std::string( before.size(), '\0' ) );
+      child.writes( before );
+      child.steps( steps );
+      child.writes( after );
+      std::string const image = child.finishes();
       ASSERT_TRUE( image == before || image == after )
          << "after instruction " << steps << ": " << testing::PrintToString( image );
    }
    EXPECT_GT( instructions, 20U );
+}
+
+TEST( InterruptedReader, waitsForAnImageThatIsMarked ) {
+   std::string const torn = "\xff\3kkbbbbbbbbaaaaaaaa";
+   std::string const whole = "\1\3kkaaaaaaaaaaaaaaaa";
+   InterruptedChild child( static_cast<U32>( torn.size() ) );
+   if ( !child.traced() ) {
+      GTEST_SKIP() << "no process may be traced here";
+   }
+   U32 const instructions = child.instructions();
+   child.puts( torn );
+   child.steps( 4 * instructions );
+   EXPECT_FALSE( child.hasRead() );
+   child.writes( whole );
+   EXPECT_EQ( child.finishes(), whole );
 }
 
 TEST( InterruptedReader, getsOneImageOrTheOther ) {
