@@ -10,6 +10,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <iostream>
 #include <list>
 #include <random>
@@ -21,101 +22,120 @@ using namespace Tessel;
 using Vellum::VellumChunk;
 using namespace std::string_literals;
 
-/// A process that reads one image of a chunk again and again, stopped wherever the test likes.
-class InterruptedChild {
+/// A process that reads again and again, stopped wherever the test likes.
+class InterruptedReading {
  public:
-   explicit InterruptedChild( U32 length )
-         : length_( length ), child_( [ this ] {
+   /// `read` writes at most 64 bytes.
+   explicit InterruptedReading( std::function<void( char* )> const& read )
+         : child_( [ & ] {
               got_->whole = false;
-              chunk_->read( offset, got_->image.data(), length_ );
+              read( got_->bytes.data() );
               got_->whole = true;
-           } ) {}
+           } ) {
+      for ( ; traced() && !got_->whole && child_.step(); ++instructions_ ) {}
+      child_.finish();
+   }
 
    bool traced() const { return child_.traced(); }
-   void writes( std::string const& image ) { chunk_->write( offset, image.data(), length_ ); }
-   /// Puts bytes there as they are, without the care that an image is written with.
-   void puts( std::string const& bytes ) {
-      for ( U32 i = 0; i < length_; ++i ) {
-         chunk_->write( offset + i, &bytes[ i ], 1 );
-      }
-   }
    /// How many instructions one reading takes.
-   U32 instructions() {
-      U32 count = 0;
-      for ( ; !got_->whole && child_.step(); ++count ) {}
-      child_.finish();
-      return count;
-   }
+   U32 instructions() const { return instructions_; }
    void steps( U32 count ) {
       for ( ; count > 0; --count ) {
          child_.step();
       }
    }
-   bool hasRead() const { return got_->whole; }
-   std::string finishes() {
+   bool isOver() const { return got_->whole; }
+   std::string finishes( std::size_t length ) {
       child_.finish();
-      return { got_->image.data(), length_ };
+      return { got_->bytes.data(), length };
    }
 
  private:
-   static constexpr U32 offset = 50; // crosses a cache line
    struct Got {
-      std::array<char, 64> image;
+      std::array<char, 64> bytes;
       std::atomic<bool> whole;
    };
 
-   UniqueName const name_;
-   Chunk const chunk_ = VellumChunk::create( *name_, 200 );
-   U32 const length_;
    SharedPage<Got> got_;
    SteppedChild child_;
+   U32 instructions_ = 0;
 };
 
-/// What a reader in another process got when one write came between any two of its instructions.
-void expectOneImageOrTheOther( std::string const& before, std::string const& after ) {
-   InterruptedChild child( static_cast<U32>( before.size() ) );
-   if ( !child.traced() ) {
+/// What a reading gets when one write comes between any two of its instructions.
+void expectOneOrTheOther( InterruptedReading& reading,
+                          std::function<void( std::string const& )> const& write,
+                          std::string const& before,
+                          std::string const& after ) {
+   if ( !reading.traced() ) {
       GTEST_SKIP() << "no process may be traced here";
    }
-   U32 const instructions = child.instructions();
+   U32 const instructions = reading.instructions();
    // An instrumented build has too many to stop between any two.
-   U32 const stride = instructions < 200 ? 1 : instructions / 10;
+   U32 const stride = instructions < 400 ? 1 : instructions / 10;
    for ( U32 steps = 1; steps < instructions; steps += stride ) {
-      child.writes( std::string( before.size(), '\0' ) );
-      child.writes( before );
-      child.steps( steps );
-      child.writes( after );
-      std::string const image = child.finishes();
-      ASSERT_TRUE( image == before || image == after )
-         << "after instruction " << steps << ": " << testing::PrintToString( image );
+      write( before );
+      reading.steps( steps );
+      write( after );
+      std::string const got = reading.finishes( before.size() );
+      ASSERT_TRUE( got == before || got == after )
+         << "after instruction " << steps << ": " << testing::PrintToString( got );
    }
    EXPECT_GT( instructions, 20U );
 }
 
-TEST( InterruptedReader, waitsForAnImageThatIsMarked ) {
-   std::string const torn = "\xff\3kkbbbbbbbbaaaaaaaa";
-   std::string const whole = "\1\3kkaaaaaaaaaaaaaaaa";
-   InterruptedChild child( static_cast<U32>( torn.size() ) );
-   if ( !child.traced() ) {
-      GTEST_SKIP() << "no process may be traced here";
+class InterruptedReader : public testing::Test {
+ protected:
+   static constexpr U32 offset = 50; // crosses a cache line
+   void expectOneImageOrTheOther( std::string const& before, std::string const& after ) {
+      auto const length = static_cast<U32>( before.size() );
+      InterruptedReading reading( [ & ]( char* to ) { chunk->read( offset, to, length ); } );
+      auto const write = [ & ]( std::string const& image ) {
+         chunk->write( offset, std::string( length, '\0' ).data(), length );
+         chunk->write( offset, image.data(), length );
+      };
+      expectOneOrTheOther( reading, write, before, after );
    }
-   U32 const instructions = child.instructions();
-   child.puts( torn );
-   child.steps( 4 * instructions );
-   EXPECT_FALSE( child.hasRead() );
-   child.writes( whole );
-   EXPECT_EQ( child.finishes(), whole );
+   static std::string imageOf( U32 length, char byte ) {
+      return "\1\3kk" + std::string( length - 4, byte );
+   }
+
+   UniqueName const name;
+   Chunk const chunk = VellumChunk::create( *name, 200 );
+};
+
+TEST_F( InterruptedReader, getsOneImageOrTheOther ) {
+   for ( U32 length : { 12, 16, 20, 36 } ) {
+      expectOneImageOrTheOther( imageOf( length, 'b' ), imageOf( length, 'a' ) );
+   }
+   expectOneImageOrTheOther( imageOf( 36, 'b' ), std::string( 36, '\0' ) );
+   expectOneImageOrTheOther( std::string( 36, '\0' ), imageOf( 36, 'a' ) );
 }
 
-TEST( InterruptedReader, getsOneImageOrTheOther ) {
-   auto const image = []( U32 length, char byte ) {
-      return "\1\3kk" + std::string( length - 4, byte );
+TEST_F( InterruptedReader, ofATableGetsOneResultOrTheOther ) {
+   Geometry const geometry{ .entries = 1, .key = 6, .result = 12 };
+   auto const writer = tableOver( chunk, geometry, offset );
+   auto const write = [ & ]( std::string const& result ) {
+      add( writer, chip3, "key6by", result );
    };
-   for ( U32 length : { 12, 16, 20, 36 } ) {
-      expectOneImageOrTheOther( image( length, 'b' ), image( length, 'a' ) );
+   write( std::string( 12, 'b' ) );
+   auto const table = tableOver( chunk, geometry, offset );
+   InterruptedReading reading( [ & ]( char* to ) { table->entry( chip3, "key6by", to ); } );
+   expectOneOrTheOther( reading, write, std::string( 12, 'b' ), std::string( 12, 'a' ) );
+}
+
+TEST_F( InterruptedReader, waitsForAnImageThatIsMarked ) {
+   std::string const torn = "\xff\3kkbbbbbbbbaaaaaaaa";
+   InterruptedReading reading( [ & ]( char* to ) { chunk->read( offset, to, 20 ); } );
+   if ( !reading.traced() ) {
+      GTEST_SKIP() << "no process may be traced here";
    }
-   expectOneImageOrTheOther( image( 36, 'b' ), std::string( 36, '\0' ) );
-   expectOneImageOrTheOther( std::string( 36, '\0' ), image( 36, 'a' ) );
+   for ( U32 i = 0; i < torn.size(); ++i ) { // as it is, without the care of a whole image
+      chunk->write( offset + i, &torn[ i ], 1 );
+   }
+   reading.steps( 4 * reading.instructions() );
+   EXPECT_FALSE( reading.isOver() );
+   chunk->write( offset, imageOf( 20, 'a' ).data(), 20 );
+   EXPECT_EQ( reading.finishes( 20 ), imageOf( 20, 'a' ) );
 }
 
 /// A result that tells its chip, its key and its own version, as far as it has room.
