@@ -81,6 +81,11 @@ TEST( KeyToSlotMap, aKeysObjectCanBeReplacedRemovedAndAdded ) {
    EXPECT_EQ( first->useCount(), 2U );
    EXPECT_EQ( table->getTableIndex( chip0, keyOf( "key0" ) ).value(), 1U );
 
+   table->updateTableIndex( chip0, keyOf( "key1" ), EmTableIndex( 2 ) );
+   table->keyToIndexListIs( keyOf( "key1" ), first );
+   EXPECT_EQ( table->getTableIndex( chip0, keyOf( "key1" ) ).value(), 1U );
+   table->keyToIndexListDel( keyOf( "key1" ) );
+
    auto const second = emTableFapIndicesFactory();
    table->keyToIndexListIs( keyOf( "key0" ), second );
    EXPECT_EQ( first->useCount(), 1U );

@@ -278,6 +278,8 @@ TEST( ReadersAndIterators, takeNoTableWhoseKeysOrResultsHaveOtherLengths ) {
       EXPECT_THROW( parsed<Iterator>( form ), Weft::ParseError );
    }
    auto const alike = newTable( { .entries = 1 } );
+   reader->emShadowTableIs( nullptr );
+   EXPECT_EQ( failedCondition( [ & ] { reader->entryHas( chip3, "AAAA" ); } ), "emShadowTable()" );
    reader->emShadowTableIs( alike );
    at.emTableIs( alike );
    EXPECT_EQ( at.emTable(), alike );
