@@ -132,8 +132,12 @@ TEST_F( InterruptedReader, waitsForAnImageThatIsMarked ) {
    for ( U32 i = 0; i < torn.size(); ++i ) { // as it is, without the care of a whole image
       chunk->write( offset + i, &torn[ i ], 1 );
    }
-   reading.steps( 4 * reading.instructions() );
-   EXPECT_FALSE( reading.isOver() );
+   for ( U32 changes = 0; changes < 2 * Vellum::patience; ++changes ) {
+      auto const changed = static_cast<char>( changes );
+      chunk->write( offset + 12, &changed, 1 );
+      reading.steps( reading.instructions() );
+      ASSERT_FALSE( reading.isOver() ) << "after " << changes << " changes";
+   }
    chunk->write( offset, imageOf( 20, 'a' ).data(), 20 );
    EXPECT_EQ( reading.finishes( 20 ), imageOf( 20, 'a' ) );
 }
