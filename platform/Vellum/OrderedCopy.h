@@ -31,10 +31,9 @@
 /// reading torn by one write cannot agree with the next one, and a writer that is between its mark
 /// and its final byte is waited for. A mark that stays (its writer was killed or is not running) is
 /// believed when nothing of the image has changed for `patience` tries: no store takes so long to
-/// become visible, so the image is whole by (4). Tries alone do not count. A writer that was
-/// stopped at its mark may go on during the last of them, and two readings can agree on what is
-/// visible between the two cache lines of its next store: 7 of 143 million results were torn so
-/// while many processes shared two processors.
+/// become visible, so the image is whole by (4). Tries alone do not count: a writer that was stopped
+/// at its mark may go on during the last of them, and two readings can agree on what is visible
+/// between the two cache lines of its next store.
 ///
 /// The order between stores (and between loads) is the one that x86-64 gives to plain stores and
 /// loads once the compiler keeps it; elsewhere fences give it.
