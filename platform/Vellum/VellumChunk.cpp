@@ -135,8 +135,7 @@ void checkOwner( struct stat const& status, Corvo::String const& name ) {
 
 U32 checkedSize( struct stat const& status, Corvo::String const& name ) {
    if ( status.st_size <= 0 ) {
-      refuse(
-         std::errc::invalid_argument, name, "is empty, as a killed creator leaves it: remove it" );
+      refuse( std::errc::invalid_argument, name, "is empty" );
    }
    if ( status.st_size > off_t{ std::numeric_limits<U32>::max() } ) {
       refuse( std::errc::file_too_large, name, "is larger than 4294967295 bytes" );
