@@ -83,13 +83,28 @@ void EmShadowTable::handleInitialized() {
       code_ = Code::untraced( keyLengthBytes_, resultLengthBytes_ );
       tracedCode_ = Code::traced( keyLengthBytes_ );
    }
-   if ( !hasBitmap( 0, numEntries_, HBitmap::BitState::allSet ) ) {
-      freeIndexBmp_ = Corvo::makePtr<HBitmap>( 0, numEntries_, HBitmap::BitState::allSet );
-      // No slot is marked in the new bitmap, so none may be counted either.
-      numUsedEntries_ = 0;
-      usedByChip_.countsAreZero();
+   if ( hasBitmap( 0, numEntries_, HBitmap::BitState::allSet ) ) {
+      reconcile();
+      return;
    }
-   reconcile();
+   auto bitmap = Corvo::makePtr<HBitmap>( 0, numEntries_, HBitmap::BitState::allSet );
+   countAfresh( std::exchange( freeIndexBmp_, std::move( bitmap ) ) );
+}
+
+/// Reconciles with a new bitmap. In that no slot is marked, so none may be counted either; and where
+/// the images cannot be read, an empty bitmap beside a filled map would give their slots away.
+void EmShadowTable::countAfresh( Corvo::Ptr<HBitmap> const& formerBitmap ) {
+   U32 const formerCount = std::exchange( numUsedEntries_, 0 );
+   ChipCounts const formerCounts = usedByChip_;
+   usedByChip_.countsAreZero();
+   try {
+      reconcile();
+   } catch ( ... ) {
+      freeIndexBmp_ = formerBitmap;
+      numUsedEntries_ = formerCount;
+      usedByChip_ = formerCounts;
+      throw;
+   }
 }
 
 void EmShadowTable::reconcile() {

@@ -289,7 +289,8 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    /// failures: "tableHelper()" without a geometry,
    /// "tableHelper()->keyLengthBytes() <= MAX_KEY_LENGTH_IN_BYTE",
    /// "tableHelper()->resultLengthBytes() <= MAX_RESULT_LENGTH_IN_BYTE", and, for a range that
-   /// cannot lie within 32 bits, "vellumOffset() + tableShadowSize() <= 4294967296".
+   /// cannot lie within 32 bits, "vellumOffset() + tableShadowSize() <= 4294967296". Where images
+   /// cannot be read, the bitmap and the counts stay what they were.
    void handleInitialized();
    /// Takes every valid image of the range into the bookkeeping. What was there already stays, so
    /// running it again changes nothing. Of two images with the same chip and key the one in the
@@ -311,8 +312,8 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    /// the table is full. Contract failure "freeIndexBmp()" for a new pair when the bitmap has been
    /// removed.
    bool entryIs( Brine::ChipId chipId, Weft::CharPtrConst key, Weft::CharPtrConst result ) override;
-   /// The slot becomes all zero and free. Contract failure "freeIndexBmp()" when the bitmap has been
-   /// removed.
+   /// The slot becomes all zero and free. Contract failures "freeIndexBmp()" when the bitmap has been
+   /// removed, "index.value() < freeIndexBmp()->size()" when a caller's bitmap ends before the slot.
    void entryDel( Brine::ChipId chipId, Weft::CharPtrConst key ) override;
    /// Answers from process memory.
    bool entryHas( Brine::ChipId chipId, Weft::CharPtrConst key ) const override;
@@ -471,6 +472,7 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    struct CodeChoice;
    Code const& code() const;
    [[gnu::cold, gnu::noinline]] Code const& tracedCode() const;
+   void countAfresh( Corvo::Ptr<Brine::HBitmap> const& formerBitmap );
 
    [[gnu::always_inline]] void checkSlot( EmTableIndex index,
                                           char const* operation = __builtin_FUNCTION() ) const {

@@ -229,7 +229,7 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
    void deletePair( KeyPlace const& place, Brine::ChipId chip ) const {
       Key const hashed = keys().keyOf( place.position );
       // A caller may have set an index that is no slot.
-      if ( place.index.value() >= std::min( table_.numEntries_, table_.bitmap().size() ) ) {
+      if ( place.index.value() >= table_.numEntries_ ) {
          keys().erase( place, chip, hashed );
          return;
       }

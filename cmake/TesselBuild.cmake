@@ -3,7 +3,8 @@
 
 function( tessel_compile_options target )
    target_compile_options( ${target} PRIVATE
-      -Wall -Wextra -Wpedantic -Wconversion -Werror
+      # Another compiler, which fuzzers may want, warns of other things.
+      -Wall -Wextra -Wpedantic -Wconversion $<$<CXX_COMPILER_ID:GNU>:-Werror>
       # __FILE__ (in traces and contracts) and debug information name files from the root, so the
       # same sources give the same binary wherever they lie. A debugger started in the root finds
       # them. The later mapping is tried first.

@@ -79,6 +79,7 @@ TEST( BulkRemoval, removesKeysThatHaveNoSlotToo ) {
    add( table, chip3, "AAAA", "r1" );
    table->keyToIndexListIs( keyOf( "BBBB" ), emTableFapIndicesFactory() );
    table->updateTableIndex( chip3, keyOf( "of another length" ), EmTableIndex( 5 ) );
+   table->updateTableIndex( chip3, keyOf( "CCCC" ), EmTableIndex( 8 ) ); // which is no slot
    table->clearTable();
    EXPECT_EQ( table->keyToIndexListCount(), 0U );
    EXPECT_EQ( table->numUsedEntries(), 0U );

@@ -166,8 +166,10 @@ TEST( Chunk, opensNothingThatDoesNotBelong ) {
    ::unlink( path.c_str() );
 
    VellumChunk::create( *name, 100 );
-   ::chmod( path.c_str(), 0620 );
-   expectRefusal( std::errc::permission_denied, "others may write" );
+   for ( mode_t const right : { 0040, 0020, 0010, 0004, 0002, 0001 } ) {
+      ::chmod( path.c_str(), 0600 | right );
+      expectRefusal( std::errc::permission_denied, "others may read, write or run it" );
+   }
    ::chmod( path.c_str(), 0600 );
    UniqueName const second;
    ASSERT_EQ( ::link( path.c_str(), pathOf( *second ).c_str() ), 0 );

@@ -78,6 +78,7 @@ TEST( EntryImage, lengthsPastTheLimitsAreRefusedAndLeaveTheEntryAsItWas ) {
               "resultSize <= MAX_RESULT_LENGTH_IN_BYTE" );
    EXPECT_EQ( entry, EmTableEntry() );
    EXPECT_TRUE( contractFailure( [ & ] { entryOf( chip0, "", "" ).copyToBuf( &raw, 21, 12 ); } ) );
+   EXPECT_TRUE( contractFailure( [ & ] { entryOf( chip0, "", "" ).copyToBuf( &raw, 20, 13 ); } ) );
 }
 
 TEST( EntryImage, keysAndResultsAreMadeOfExactlySoManyBytesUpToTheLimits ) {

@@ -204,6 +204,17 @@ TEST( EntryOperations, onAReadOnlyChunkFailAndLeaveEverythingAsItWas ) {
    EXPECT_EQ( failedCondition( [ & ] { table->entryDel( chip3, "AAAA" ); } ), readOnly );
    EXPECT_EQ( failedCondition( [ & ] { table->clearTable(); } ), readOnly );
    EXPECT_EQ( failedCondition( [ & ] { table->cleanupIndex( EmTableIndex( 0 ) ); } ), readOnly );
+   EXPECT_EQ( failedCondition( [ & ] { table->deleteAll( chip3 ); } ), readOnly );
+   EmPairAndResult const wanted[] = { { chip3, "AAAA", "r2" } };
+   EmPair const unwanted[] = { { chip3, "AAAA" } };
+   EXPECT_EQ( failedCondition( [ & ] { table->entryIsBulk( wanted ); } ), readOnly );
+   EXPECT_EQ( failedCondition( [ & ] { table->entryDelBulk( unwanted ); } ), readOnly );
+   EXPECT_EQ( failedCondition( [ & ] { table->doWriteVellum64( 0, 7 ); } ), readOnly );
+   EXPECT_EQ( failedCondition( [ & ] {
+                 table->writeToShadowMemory(
+                    EmTableIndex( 0 ), chip3, keyOf( "AAAA" ), resultOf( "r2" ) );
+              } ),
+              readOnly );
    EXPECT_EQ( stateOf( *table ), before );
    EXPECT_TRUE( table->entryHas( chip3, "AAAA" ) );
    EXPECT_EQ( table->getTableIndex( chip3, keyOf( "AAAA" ) ).value(), 0U );

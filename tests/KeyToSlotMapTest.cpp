@@ -81,6 +81,11 @@ TEST( KeyToSlotMap, aKeysObjectCanBeReplacedRemovedAndAdded ) {
    EXPECT_EQ( first->useCount(), 2U );
    EXPECT_EQ( table->getTableIndex( chip0, keyOf( "key0" ) ).value(), 1U );
 
+   table->updateTableIndex( chip0, keyOf( "key1" ), EmTableIndex( 2 ) );
+   table->keyToIndexListIs( keyOf( "key1" ), first );
+   EXPECT_EQ( table->getTableIndex( chip0, keyOf( "key1" ) ).value(), 1U );
+   table->keyToIndexListDel( keyOf( "key1" ) );
+
    auto const second = emTableFapIndicesFactory();
    table->keyToIndexListIs( keyOf( "key0" ), second );
    EXPECT_EQ( first->useCount(), 1U );
@@ -140,8 +145,12 @@ TEST( KeyToSlotMap, keysOfAnotherLengthThanTheTablesAreKeptApart ) {
       keys.insert( textOf( at.key().bytes() ) );
    }
    EXPECT_THAT( keys, ElementsAre( "key", "key0" ) );
+   EXPECT_FALSE( table->getTableIndex( chip1, keyOf( "yek" ) ).valid() );
+   table->deleteTableIndex( chip1, keyOf( "yek" ) );
+   table->deleteTableIndex( chip3, keyOf( "key" ) );
+   EXPECT_EQ( table->keyToIndexListCount(), 2U ) << "neither was there";
    table->deleteTableIndex( chip0, keyOf( "key" ) );
-   table->deleteTableIndex( chip1, keyOf( "key" ) );
+   table->deleteAll( chip1 );
    EXPECT_EQ( table->keyToIndexListCount(), 1U );
 }
 
@@ -177,7 +186,9 @@ TEST( KeyToSlotMap, aWalkGoesOnWhenTheKeyUnderItIsRemoved ) {
    }
    EXPECT_EQ( met, 60U );
    EXPECT_EQ( table->keyToIndexListCount(), 0U );
-   EXPECT_FALSE( table->keyToIndexListCursor( keyOf( "k10." ) ).onMember() );
+   auto nowhere = table->keyToIndexListCursor( keyOf( "k10." ) );
+   nowhere.advance();
+   EXPECT_FALSE( nowhere.onMember() );
 }
 
 TEST( SlotsOfAKey, holdEveryChipThereIs ) {

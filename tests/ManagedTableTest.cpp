@@ -158,6 +158,10 @@ TEST_F( ManagedTable, keepsItsEntriesInLocalMemoryToo ) {
    EXPECT_EQ( memory[ 0 ], 1 );
    EXPECT_EQ( memory[ 7 ], '1' );
    EXPECT_EQ( lookUp( *exact, chip3, "AAAA" ), "r1" );
+   add( exact, chip3, "AAAA", "r2" );
+   EXPECT_EQ( memory[ 7 ], '2' );
+   exact->entryDel( chip3, "AAAA" );
+   EXPECT_EQ( memory[ 0 ], 0 );
    EXPECT_EQ( Corvo::makePtr<LocalMem>( memory.data(), 64 )->size(), 64U );
 }
 

@@ -1,8 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
+// TESSEL_TEST_STEPS asks for more steps in each geometry.
+
+#include "WeftCorvo/Entities.h"
+#include "support/Asked.h"
 #include "support/Tables.h"
 
 #include <gtest/gtest.h>
 
+#include <deque>
+#include <functional>
 #include <map>
 #include <random>
 
@@ -17,26 +23,31 @@ class ModelledTable {
    ModelledTable( Geometry geometry, U32 seed )
          : geometry_( geometry ), random_( seed ),
            chunk_( Vellum::VellumChunk::inProcess( 8 + geometry.entries * 36 + 8 ) ),
-           table_( tableOver( chunk_, geometry, 8 ) ) {}
+           table_( tableOver( chunk_, geometry, 8 ) ) {
+      for ( U32 slot = 0; slot < geometry.entries; ++slot ) {
+         free_.insert( slot );
+      }
+   }
 
    void step() {
-      U32 const dice = below( 1000 );
-      if ( dice < 550 ) {
+      U32 const dice = below( 10000 );
+      if ( dice < 5300 ) {
          addOne();
-      } else if ( dice < 950 ) {
+      } else if ( dice < 9200 ) {
          removeOne();
-      } else if ( dice < 990 ) {
-         removeChip();
-      } else if ( dice < 998 ) {
-         table_ = tableOver( chunk_, geometry_, 8 );
-         chipsMet_.clear();
-         for ( auto const& [ pair, entry ] : entries_ ) {
-            chipsMet_[ pair.first ];
-         }
+      } else if ( dice < 9600 ) {
+         addOrRemoveInBulk();
+      } else if ( dice < 9940 ) {
+         table_->reconcile(); // which changes nothing
+      } else if ( dice < 9970 ) {
+         U8 const chip = anyPair().first;
+         table_->deleteAll( Brine::ChipId( chip ) );
+         forgetIf( [ chip ]( Pair const& pair ) { return pair.first == chip; } );
+      } else if ( dice < 9990 ) {
+         rebuild();
       } else {
          table_->clearTable();
-         entries_.clear();
-         slots_.clear();
+         forgetIf( []( Pair const& ) { return true; } );
       }
    }
 
@@ -45,18 +56,26 @@ class ModelledTable {
       ASSERT_EQ( table_->numUsedEntries(), entries_.size() );
       ASSERT_EQ( table_->isFull(), entries_.size() >= geometry_.entries );
       std::map<U8, U32> counts = chipsMet_;
+      std::set<std::string_view> keys;
       std::string bytes( chunk_->size(), '\0' );
       for ( auto const& [ pair, entry ] : entries_ ) {
          auto const& [ chip, key ] = pair;
          ++counts[ chip ];
+         keys.insert( key );
          std::string const image =
             '\1' + std::string( 1, static_cast<char>( chip ) ) + key + entry.result;
          bytes.replace( 8 + entry.slot * table_->entryLengthBytes(), image.size(), image );
+         ASSERT_EQ( table_->getTableIndex( Brine::ChipId( chip ), keyOf( key ) ).value(),
+                    entry.slot );
       }
       ASSERT_EQ( allBytes( chunk_ ), bytes );
+      ASSERT_EQ( table_->keyToIndexListCount(), keys.size() );
       ASSERT_EQ( table_->numUsedEntriesByChipIdCount(), counts.size() );
       for ( auto const& [ chip, count ] : counts ) {
          ASSERT_EQ( table_->numUsedEntriesByChipId( Brine::ChipId( chip ) ), count );
+      }
+      for ( U32 slot = 0; slot < geometry_.entries; ++slot ) {
+         ASSERT_EQ( table_->freeIndexBmp()->bit( slot ), free_.contains( slot ) );
       }
       checkWalk();
    }
@@ -71,6 +90,7 @@ class ModelledTable {
       std::string const expected = found == entries_.end() ? "" : found->second.result;
       ASSERT_EQ( textOf( table_->entry_py( chip, key ) ), expected );
       ASSERT_EQ( textOf( emShadowTableReaderFactory( table_ )->entry_py( chip, key ) ), expected );
+      ASSERT_EQ( textOf( byName<Corvo::Bytes>( "entry_py", chip, key ) ), expected );
    }
 
  private:
@@ -90,43 +110,112 @@ class ModelledTable {
    }
    Pair anyPair() {
       U32 const chip = below( 8 );
-      return { static_cast<U8>( chip < 6 ? chip : 250 + chip - 6 ), anyBytes( geometry_.key, 2 ) };
+      return { static_cast<U8>( chip < 6 ? chip : 250 + chip - 6 ),
+               anyBytes( geometry_.key, geometry_.entries > 1000 ? 4 : 2 ) };
+   }
+
+   /// Calls an operation of the table as scripts do.
+   template<class Result, class... Arguments>
+   Result byName( std::string_view operation, Arguments... arguments ) {
+      Weft::Attribute const& attribute = *WeftCorvo::typeOfObject( *table_ ).attribute( operation );
+      Weft::TypeInfo const& type = attribute.owner();
+      Result result{};
+      std::array<void*, sizeof...( Arguments )> pointers{ &arguments... };
+      EXPECT_EQ( type.attributeOp( &result,
+                                   WeftCorvo::objectAs( type, *table_ ),
+                                   &attribute,
+                                   Weft::Op::call,
+                                   nullptr,
+                                   pointers.data() ),
+                 Weft::Status::done );
+      return result;
    }
 
    void addOne() {
       Pair const pair = anyPair();
       std::string const result = anyBytes( geometry_.result, 4 );
-      auto const found = entries_.find( pair );
-      bool const room = entries_.size() < geometry_.entries;
-      ASSERT_EQ( add( table_, Brine::ChipId( pair.first ), pair.second, result ),
-                 found != entries_.end() || room );
-      if ( found != entries_.end() ) {
-         found->second.result = result;
-      } else if ( room ) {
-         U32 slot = 0;
-         while ( slots_.contains( slot ) ) {
-            ++slot;
-         }
-         slots_[ slot ] = pair;
-         entries_[ pair ] = { slot, result };
-         chipsMet_[ pair.first ];
-      }
+      Brine::ChipId const chip( pair.first );
+      bool const held =
+         below( 4 ) == 0
+            ? byName<bool>( "entryIs_py", chip, bytesOf( pair.second ), bytesOf( result ) )
+            : add( table_, chip, pair.second, result );
+      ASSERT_EQ( held, remember( pair, result ) );
    }
 
    void removeOne() {
       Pair const pair = anyPair();
-      table_->entryDel( Brine::ChipId( pair.first ), pair.second.data() );
-      if ( auto const found = entries_.find( pair ); found != entries_.end() ) {
-         slots_.erase( found->second.slot );
-         entries_.erase( found );
+      Brine::ChipId const chip( pair.first );
+      if ( below( 4 ) == 0 ) {
+         byName<bool>( "entryDel_py", chip, bytesOf( pair.second ) );
+      } else {
+         table_->entryDel( chip, pair.second.data() );
+      }
+      forget( pair );
+   }
+
+   void addOrRemoveInBulk() {
+      std::deque<std::pair<Pair, std::string>> bytes;
+      std::vector<EmPairAndResult> wanted;
+      std::vector<EmPair> unwanted;
+      for ( U32 count = below( 80 ); count > 0; --count ) {
+         auto const& [ pair, result ] =
+            bytes.emplace_back( anyPair(), anyBytes( geometry_.result, 4 ) );
+         Brine::ChipId const chip( pair.first );
+         wanted.push_back( { chip, pair.second.data(), result.data() } );
+         unwanted.push_back( { chip, pair.second.data() } );
+      }
+      bool const adds = below( 3 ) != 0;
+      U64 const done = adds ? table_->entryIsBulk( wanted ) : table_->entryDelBulk( unwanted );
+      U64 expected = 0;
+      for ( auto const& [ pair, result ] : bytes ) {
+         expected += adds ? remember( pair, result ) : forget( pair );
+      }
+      ASSERT_EQ( done, expected );
+   }
+
+   void rebuild() {
+      table_ = tableOver( chunk_, geometry_, 8 );
+      chipsMet_.clear();
+      for ( auto const& [ pair, entry ] : entries_ ) {
+         chipsMet_[ pair.first ];
       }
    }
 
-   void removeChip() {
-      U8 const chip = anyPair().first;
-      table_->deleteAll( Brine::ChipId( chip ) );
-      std::erase_if( slots_, [ & ]( auto const& slot ) { return slot.second.first == chip; } );
-      std::erase_if( entries_, [ & ]( auto const& entry ) { return entry.first.first == chip; } );
+   // ---- the model: each says whether its operation did anything
+
+   bool remember( Pair const& pair, std::string const& result ) {
+      auto const found = entries_.find( pair );
+      if ( found != entries_.end() ) {
+         found->second.result = result;
+         return true;
+      }
+      if ( free_.empty() ) {
+         return false;
+      }
+      U32 const slot = free_.extract( free_.begin() ).value();
+      slots_[ slot ] = pair;
+      entries_[ pair ] = { slot, result };
+      chipsMet_[ pair.first ];
+      return true;
+   }
+
+   bool forget( Pair const& pair ) {
+      auto const found = entries_.find( pair );
+      if ( found == entries_.end() ) {
+         return false;
+      }
+      free_.insert( found->second.slot );
+      slots_.erase( found->second.slot );
+      entries_.erase( found );
+      return true;
+   }
+
+   void forgetIf( std::function<bool( Pair const& )> const& gone ) {
+      for ( auto const& [ slot, pair ] : std::map( slots_ ) ) {
+         if ( gone( pair ) ) {
+            forget( pair );
+         }
+      }
    }
 
    void checkWalk() {
@@ -146,22 +235,26 @@ class ModelledTable {
    Table table_;
    std::map<Pair, Entry> entries_;
    std::map<U32, Pair> slots_;
+   std::set<U32> free_;
    std::map<U8, U32> chipsMet_; ///< with value 0: chips that are members of the table's counts
 };
 
 TEST( Model, everyOperationLeavesTheTableAsTheModelSays ) {
+   U64 const steps = asked( "TESSEL_TEST_STEPS", 2000 );
    U32 seed = 1;
    for ( Geometry const geometry : { Geometry{ .entries = 40, .key = 4, .result = 4 },
                                      Geometry{ .entries = 70, .key = 6, .result = 0 },
                                      Geometry{ .entries = 130, .key = 13, .result = 1 },
                                      Geometry{ .entries = 100, .key = 20, .result = 12 },
                                      Geometry{ .entries = 5, .key = 0, .result = 12 },
-                                     Geometry{ .entries = 20, .key = 1, .result = 7 } } ) {
+                                     Geometry{ .entries = 20, .key = 1, .result = 7 },
+                                     Geometry{ .entries = 9000, .key = 6, .result = 8 } } ) {
       ModelledTable table( geometry, seed++ );
-      for ( U32 step = 0; step < 4000; ++step ) {
+      U32 const interval = geometry.entries < 30 ? 1 : geometry.entries < 1000 ? 10 : 2000;
+      for ( U64 step = 0; step < steps; ++step ) {
          table.step();
          table.lookUpOne();
-         if ( step % 10 == 0 ) {
+         if ( step % interval == 0 ) {
             table.check();
          }
          ASSERT_FALSE( HasFatalFailure() ) << "step " << step << ", key length " << geometry.key;

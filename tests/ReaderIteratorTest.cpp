@@ -45,13 +45,17 @@ TEST( Reader, takesAnImageChangedBehindItsTableAsAbsent ) {
    add( table, chip3, "AAAA", "r1" );
    auto const reader = emShadowTableReaderFactory( table );
    for ( auto const& image :
-         { std::string( 8, '\0' ), "\1\3BBBBr2"s, "\1\5AAAAr3"s, "\0\3AAAAr1"s } ) {
+         { std::string( 8, '\0' ), "\1\3BAAAr2"s, "\1\3AAABr2"s, "\1\5AAAAr3"s, "\0\3AAAAr1"s } ) {
       table->vellumChunk()->write( 0, image.data(), 8 );
       EXPECT_FALSE( reader->entryHas( chip3, "AAAA" ) );
       EXPECT_EQ( lookUp( *reader, chip3, "AAAA" ), std::nullopt );
    }
    table->vellumChunk()->write( 0, "\3\3AAAAr4", 8 );
    EXPECT_EQ( lookUp( *reader, chip3, "AAAA" ), "r4" );
+   auto const keyless = newTable( { .key = 0 } ); // a free image reads as chip 255 and no key
+   add( keyless, Brine::ChipId( 255 ), "", "r1" );
+   keyless->vellumChunk()->write( 0, std::string( 4, '\0' ).data(), 4 );
+   EXPECT_FALSE( emShadowTableReaderFactory( keyless )->entryHas( Brine::ChipId( 255 ), "" ) );
 }
 
 TEST( Reader, writesTheResultAndNoByteMore ) {
@@ -274,6 +278,8 @@ TEST( ReadersAndIterators, takeNoTableWhoseKeysOrResultsHaveOtherLengths ) {
       EXPECT_THROW( parsed<Iterator>( form ), Weft::ParseError );
    }
    auto const alike = newTable( { .entries = 1 } );
+   reader->emShadowTableIs( nullptr );
+   EXPECT_EQ( failedCondition( [ & ] { reader->entryHas( chip3, "AAAA" ); } ), "emShadowTable()" );
    reader->emShadowTableIs( alike );
    at.emTableIs( alike );
    EXPECT_EQ( at.emTable(), alike );
@@ -326,6 +332,7 @@ TEST( AbstractIterator, builtOnATableImplementsNothing ) {
    EXPECT_EQ( at, ManagedTableIteratorConst( table ) );
    EXPECT_NE( at, ManagedTableIteratorConst( newTable() ) );
    EXPECT_EQ( failedCondition( [] { ManagedTableIteratorConst().key_py(); } ), "table()" );
+   EXPECT_EQ( failedCondition( [] { Iterator(); } ), "emTable()" );
 }
 
 /// A kind of table that a caller adds: always one entry, with more bytes than the exact-match kind

@@ -6,8 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <random>
-
 namespace {
 
 using namespace TestSupport;
@@ -83,6 +81,23 @@ TEST( Recovery, afterTheBitmapWasTakenOutCountsNothingTwice ) {
    EXPECT_EQ( stateOf( *table ), before );
 }
 
+TEST( Recovery, overMemoryThatCannotBeReadLeavesBitmapAndCountsAsTheyWere ) {
+   auto const table = newTable();
+   add( table, chip5, "BBBB", "r2" );
+   std::string const before = stateOf( *table );
+   table->freeIndexBmpDel();
+   U8 memory = 0;
+   table->bufIs( &memory );
+   EXPECT_EQ( failedCondition( [ & ] { table->handleInitialized(); } ),
+              "getenv( \"SIMULATION_VMID\" )" );
+   EXPECT_FALSE( table->freeIndexBmp() );
+   EXPECT_EQ( table->numUsedEntries(), 1U );
+   EXPECT_EQ( table->numUsedEntriesByChipId( chip5 ), 1U );
+   table->bufIs( nullptr );
+   table->handleInitialized();
+   EXPECT_EQ( stateOf( *table ), before );
+}
+
 TEST( Recovery, runningAgainTakesOverWhatAnotherWriterAdded ) {
    auto const table = newTable();
    writeImage( table->vellumChunk(), 3, "\1\3AAAAr1" );
@@ -134,35 +149,6 @@ TEST( Recovery, refusesGeometriesThatNoTableCanHave ) {
               "tableHelper()" );
    EXPECT_EQ( failedCondition( [] { tableOver( nullptr ); } ), "vellumChunk()" );
    EXPECT_EQ( failedCondition( [] { tableOver( nullptr, { .entries = 0 } ); } ), "(none)" );
-}
-
-// Whatever the bytes, a table takes them for its own and goes on working.
-TEST( Recovery, overArbitraryBytesGivesATableThatWorks ) {
-   std::mt19937 random( 20240517 );
-   for ( U32 round = 0; round < 200; ++round ) {
-      auto const chunk = Vellum::VellumChunk::inProcess( 331 );
-      for ( U32 at = 0; at < chunk->size(); ++at ) {
-         // Few byte values, so that pairs meet again in other slots.
-         auto const byte = static_cast<U8>( round % 2 != 0 ? random() : random() % 3 );
-         chunk->write( at, &byte, 1 );
-      }
-      Geometry const geometry{ .entries = 9,
-                               .key = static_cast<U32>( random() % 21 ),
-                               .result = static_cast<U32>( random() % 13 ) };
-      auto const table = tableOver( chunk, geometry, static_cast<U32>( random() % 8 ) );
-      U32 walked = 0;
-      for ( auto at = table->managedTableIteratorConst(); at; at.doInc() ) {
-         ASSERT_TRUE( table->entryHas_py( at.chipId(), at.key_py() ) );
-         ++walked;
-      }
-      ASSERT_EQ( walked, table->numUsedEntries() );
-      table->clearTable();
-      // What is left are slots whose pair a higher slot holds; they come out one layer at a time.
-      for ( U32 layer = 0; layer < 9; ++layer ) {
-         tableOver( chunk, geometry, table->vellumOffset() )->clearTable();
-      }
-      ASSERT_EQ( tableOver( chunk, geometry, table->vellumOffset() )->numUsedEntries(), 0U );
-   }
 }
 
 } // namespace

@@ -6,13 +6,13 @@
 // TESSEL_FUZZ_OPERATIONS and TESSEL_FUZZ_SEED ask for more, or for the same again.
 
 #include "WeftCorvo/Entities.h"
+#include "support/Asked.h"
 #include "support/Contract.h"
 #include "support/Slots.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <map>
 #include <system_error>
 
@@ -23,11 +23,6 @@ using Weft::Attribute;
 using Weft::Op;
 using Weft::Status;
 using Weft::TypeInfo;
-
-U64 fromEnvironment( char const* name, U64 otherwise ) {
-   char const* const text = std::getenv( name );
-   return text ? std::strtoull( text, nullptr, 10 ) : otherwise;
-}
 
 class Fuzz {
  public:
@@ -233,8 +228,8 @@ class Fuzz {
 
 TEST( RegistryFuzz, isAnsweredAsDocumented ) {
    RaiseContracts const raise;
-   U64 const operations = fromEnvironment( "TESSEL_FUZZ_OPERATIONS", 40000 );
-   Fuzz fuzz( static_cast<U32>( fromEnvironment( "TESSEL_FUZZ_SEED", 1 ) ) );
+   U64 const operations = asked( "TESSEL_FUZZ_OPERATIONS", 40000 );
+   Fuzz fuzz( static_cast<U32>( asked( "TESSEL_FUZZ_SEED", 1 ) ) );
    for ( U64 i = 0; i < operations && !HasFailure(); ++i ) {
       fuzz.operation();
    }

@@ -122,6 +122,26 @@ TEST( SlotAllocator, keepsABitmapAskedForAgainAndReplacesItForAnythingElse ) {
    EXPECT_EQ( bitmap->useCount(), 1U ) << "the table has let go of it";
 }
 
+TEST( SlotAllocator, anEntryBehindTheEndOfACallersBitmapIsKeptByEveryRemoval ) {
+   auto const table = newTable();
+   for ( auto const key : { "key0", "key1", "key2", "key3" } ) {
+      add( table, key[ 3 ] < '3' ? chip0 : chip5, key, "r0" );
+   }
+   table->freeIndexBmpIs( 0, 2, HBitmap::BitState::allClear );
+   std::string const outside = "index.value() < freeIndexBmp()->size()";
+   auto const kept = [ & ]( Brine::ChipId chip, std::string const& key ) {
+      return table->entryHas( chip, key.data() ) && lookUp( *table, chip, key ) == "r0";
+   };
+   EXPECT_EQ( failedCondition( [ & ] { table->entryDel( chip0, "key2" ); } ), outside );
+   EXPECT_EQ( failedCondition( [ & ] { table->deleteAll( chip5 ); } ), outside );
+   EXPECT_EQ( table->numUsedEntries(), 4U );
+   EXPECT_EQ( failedCondition( [ & ] { table->clearTable(); } ), outside );
+   EXPECT_TRUE( kept( chip0, "key2" ) && kept( chip5, "key3" ) );
+   U32 const left = 2U + kept( chip0, "key0" ) + kept( chip0, "key1" );
+   EXPECT_EQ( table->numUsedEntries(), left ) << "it stopped between two entries";
+   EXPECT_EQ( tableOver( table->vellumChunk() )->numUsedEntries(), left );
+}
+
 TEST( SlotAllocator, aSlotThatOnlyALargerBitmapHasIsNeverTaken ) {
    auto const table = newTable( { .entries = 1 } );
    table->freeIndexBmpIs( 0, 2, HBitmap::BitState::allSet );

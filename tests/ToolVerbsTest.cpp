@@ -13,8 +13,11 @@
 #include <array>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <sstream>
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -248,6 +251,28 @@ TEST_F( Tool, aChunkThatShrankIsReportedByEveryVerb ) {
    expectError( run( { "dump", plan, "mac" } ), 1, "has 100 bytes" );
    expectError( run( { "clear", plan, "mac" } ), 1, "has 100 bytes" );
    EXPECT_EQ( run( { "show", bench.chunk() } ).status, 0 );
+}
+
+// A dump that waits for who reads it has most of its table still before it.
+TEST_F( Tool, aChunkThatShrinksUnderAVerbIsReportedByIt ) {
+   std::string const wide = bench.planFile(
+      R"({ "name": "mac", "kind": "exact", "entries": 9000, "key": 20, "result": 12 })", 400000 );
+   std::string lines;
+   for ( int i = 0; i < 9000; ++i ) {
+      lines += "0," + std::to_string( 1000000 + i ) + std::string( 33, '0' ) +
+               ",000000000000000000000000\n";
+   }
+   ASSERT_EQ( run( { "load", wide, "mac", "-" }, lines ).status, 0 );
+   std::filesystem::remove( bench.path( "out" ) );
+   ASSERT_EQ( ::mkfifo( bench.path( "out" ).c_str(), 0600 ), 0 );
+   pid_t const dump = bench.start( { "dump", wide, "mac" } );
+   std::ifstream reader( bench.path( "out" ) );
+   reader.get();
+   std::filesystem::resize_file( "/dev/shm" + bench.chunk(), 100 );
+   std::ostringstream rest;
+   rest << reader.rdbuf();
+   std::filesystem::remove( bench.path( "out" ) );
+   expectError( bench.finish( dump ), 1, "somebody has made the chunk smaller" );
 }
 
 TEST_F( Tool, readingVerbsChangeNoByte ) {

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "support/Asked.h"
 #include "support/Stepping.h"
 #include "support/Tables.h"
 #include "support/Tool.h"
@@ -9,6 +10,9 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <functional>
+#include <iostream>
+#include <list>
 #include <random>
 
 namespace {
@@ -18,54 +22,124 @@ using namespace Tessel;
 using Vellum::VellumChunk;
 using namespace std::string_literals;
 
-/// What a reader in another process got when one write came between any two of its instructions.
-void expectOneImageOrTheOther( std::string const& before, std::string const& after ) {
-   UniqueName const name;
-   auto const chunk = VellumChunk::create( *name, 200 );
-   auto const length = static_cast<U32>( before.size() );
-   constexpr U32 offset = 50; // crosses a cache line
+/// A process that reads again and again, stopped wherever the test likes.
+class InterruptedReading {
+ public:
+   /// `read` writes at most 64 bytes.
+   explicit InterruptedReading( std::function<void( char* )> const& read )
+         : child_( [ & ] {
+              got_->whole = false;
+              read( got_->bytes.data() );
+              got_->whole = true;
+           } ) {
+      for ( ; traced() && !got_->whole && child_.step(); ++instructions_ ) {}
+      child_.finish();
+   }
+
+   bool traced() const { return child_.traced(); }
+   /// How many instructions one reading takes.
+   U32 instructions() const { return instructions_; }
+   void steps( U32 count ) {
+      for ( ; count > 0; --count ) {
+         child_.step();
+      }
+   }
+   bool isOver() const { return got_->whole; }
+   std::string finishes( std::size_t length ) {
+      child_.finish();
+      return { got_->bytes.data(), length };
+   }
+
+ private:
    struct Got {
-      std::array<char, 64> image;
+      std::array<char, 64> bytes;
       std::atomic<bool> whole;
    };
-   SharedPage<Got> got;
-   SteppedChild child( [ & ] {
-      got->whole = false;
-      chunk->read( offset, got->image.data(), length );
-      got->whole = true;
-   } );
-   if ( !child.traced() ) {
+
+   SharedPage<Got> got_;
+   SteppedChild child_;
+   U32 instructions_ = 0;
+};
+
+/// What a reading gets when one write comes between any two of its instructions.
+void expectOneOrTheOther( InterruptedReading& reading,
+                          std::function<void( std::string const& )> const& write,
+                          std::string const& before,
+                          std::string const& after ) {
+   if ( !reading.traced() ) {
       GTEST_SKIP() << "no process may be traced here";
    }
-   U32 instructions = 0;
-   for ( ; !got->whole && child.step(); ++instructions ) {}
-   child.finish();
-   // An instrumented build has too many to stop between any two.
-   U32 const stride = instructions < 200 ? 1 : instructions / 40;
+   U32 const instructions = reading.instructions();
+   // Few enough for an optimised build; others have too many to stop between any two.
+   U32 const stride = instructions / 60 + 1;
    for ( U32 steps = 1; steps < instructions; steps += stride ) {
-      chunk->write( offset, std::string( length, '\0' ).data(), length );
-      chunk->write( offset, before.data(), length );
-      for ( U32 i = 0; i < steps; ++i ) {
-         child.step();
-      }
-      chunk->write( offset, after.data(), length );
-      child.finish();
-      std::string const image( got->image.data(), length );
-      ASSERT_TRUE( image == before || image == after )
-         << "after instruction " << steps << ": " << testing::PrintToString( image );
+      write( before );
+      reading.steps( steps );
+      write( after );
+      std::string const got = reading.finishes( before.size() );
+      ASSERT_TRUE( got == before || got == after )
+         << "after instruction " << steps << ": " << testing::PrintToString( got );
    }
    EXPECT_GT( instructions, 20U );
 }
 
-TEST( InterruptedReader, getsOneImageOrTheOther ) {
-   auto const image = []( U32 length, char byte ) {
-      return "\1\3kk" + std::string( length - 4, byte );
-   };
-   for ( U32 length : { 12, 16, 20, 36 } ) {
-      expectOneImageOrTheOther( image( length, 'b' ), image( length, 'a' ) );
+class InterruptedReader : public testing::Test {
+ protected:
+   static constexpr U32 offset = 50; // crosses a cache line
+   void expectOneImageOrTheOther( std::string const& before, std::string const& after ) {
+      auto const length = static_cast<U32>( before.size() );
+      InterruptedReading reading( [ & ]( char* to ) { chunk->read( offset, to, length ); } );
+      auto const write = [ & ]( std::string const& image ) {
+         chunk->write( offset, std::string( length, '\0' ).data(), length );
+         chunk->write( offset, image.data(), length );
+      };
+      expectOneOrTheOther( reading, write, before, after );
    }
-   expectOneImageOrTheOther( image( 36, 'b' ), std::string( 36, '\0' ) );
-   expectOneImageOrTheOther( std::string( 36, '\0' ), image( 36, 'a' ) );
+   static std::string imageOf( U32 length, char byte ) {
+      return "\1\3kk" + std::string( length - 4, byte );
+   }
+
+   UniqueName const name;
+   Chunk const chunk = VellumChunk::create( *name, 200 );
+};
+
+TEST_F( InterruptedReader, getsOneImageOrTheOther ) {
+   for ( U32 length : { 12, 16, 20, 36 } ) {
+      expectOneImageOrTheOther( imageOf( length, 'b' ), imageOf( length, 'a' ) );
+   }
+   expectOneImageOrTheOther( imageOf( 36, 'b' ), std::string( 36, '\0' ) );
+   expectOneImageOrTheOther( std::string( 36, '\0' ), imageOf( 36, 'a' ) );
+}
+
+TEST_F( InterruptedReader, ofATableGetsOneResultOrTheOther ) {
+   Geometry const geometry{ .entries = 1, .key = 6, .result = 12 };
+   auto const writer = tableOver( chunk, geometry, offset );
+   auto const write = [ & ]( std::string const& result ) {
+      add( writer, chip3, "key6by", result );
+   };
+   write( std::string( 12, 'b' ) );
+   auto const table = tableOver( chunk, geometry, offset );
+   InterruptedReading reading( [ & ]( char* to ) { table->entry( chip3, "key6by", to ); } );
+   expectOneOrTheOther( reading, write, std::string( 12, 'b' ), std::string( 12, 'a' ) );
+}
+
+TEST_F( InterruptedReader, waitsForAnImageThatIsMarked ) {
+   std::string const torn = "\xff\3kkbbbbbbbbaaaaaaaa";
+   InterruptedReading reading( [ & ]( char* to ) { chunk->read( offset, to, 20 ); } );
+   if ( !reading.traced() ) {
+      GTEST_SKIP() << "no process may be traced here";
+   }
+   for ( U32 i = 0; i < torn.size(); ++i ) { // as it is, without the care of a whole image
+      chunk->write( offset + i, &torn[ i ], 1 );
+   }
+   for ( U32 changes = 0; changes < 2 * Vellum::patience; ++changes ) {
+      auto const changed = static_cast<char>( changes );
+      chunk->write( offset + 12, &changed, 1 );
+      reading.steps( reading.instructions() );
+      ASSERT_FALSE( reading.isOver() ) << "after " << changes << " changes";
+   }
+   chunk->write( offset, imageOf( 20, 'a' ).data(), 20 );
+   EXPECT_EQ( reading.finishes( 20 ), imageOf( 20, 'a' ) );
 }
 
 /// A result that tells its chip, its key and its own version, as far as it has room.
@@ -217,27 +291,27 @@ class Child {
    int status_ = 0;
 };
 
-/// How long the processes of one test work: TESSEL_TEST_SECONDS, for whoever wants more.
-double secondsToWork() {
-   char const* const asked = std::getenv( "TESSEL_TEST_SECONDS" );
-   return asked ? std::atof( asked ) : 3;
-}
-
-std::chrono::steady_clock::time_point after( double seconds ) {
-   return std::chrono::steady_clock::now() +
-          std::chrono::milliseconds( static_cast<long>( seconds * 1000 ) );
+/// Some time from now: a share of how long the processes of one test work, which is
+/// TESSEL_TEST_SECONDS, for whoever wants more.
+std::chrono::steady_clock::time_point afterShare( U64 shares ) {
+   auto const wanted = std::chrono::seconds( asked( "TESSEL_TEST_SECONDS", 3 ) );
+   return std::chrono::steady_clock::now() + std::chrono::nanoseconds( wanted ) / shares;
 }
 
 bool isOver( std::chrono::steady_clock::time_point end ) {
    return std::chrono::steady_clock::now() >= end;
 }
 
+// TESSEL_TEST_READS asks for so many results found.
 TEST( TwoReaders, besideAWriterNeverMeetAForeignOrATornResult ) {
    std::array const geometries{ Geometry{ .entries = 4, .key = 20, .result = 12 },
                                 Geometry{ .entries = 4, .key = 14, .result = 12 },
                                 Geometry{ .entries = 3, .key = 2, .result = 12 },
                                 Geometry{ .entries = 3, .key = 6, .result = 4 },
+                                Geometry{ .entries = 3, .key = 8, .result = 8 },
+                                Geometry{ .entries = 3, .key = 5, .result = 3 },
                                 Geometry{ .entries = 3, .key = 4, .result = 2 } };
+   U64 const reads = asked( "TESSEL_TEST_READS", 1 ) / geometries.size() + 1;
    U32 seed = 1;
    for ( Geometry const geometry : geometries ) {
       UniqueName const name;
@@ -249,21 +323,23 @@ TEST( TwoReaders, besideAWriterNeverMeetAForeignOrATornResult ) {
       auto const read = [ & ]( U32 readersSeed ) {
          Peer( place, VellumChunk::Access::readOnly, readersSeed ).read( *traffic );
       };
-      std::array<Child, 3> processes{
-         Child( [ & ] { read( 11 ); } ), Child( [ & ] { read( 12 ); } ), Child( [ & ] {
-            Peer( place, VellumChunk::Access::readWrite, seed ).write( *traffic );
-         } )
-      };
-      auto const end = after( secondsToWork() / geometries.size() );
-      while ( !isOver( end ) || traffic->found == 0 || traffic->walked == 0 ) {
+      std::list<Child> processes;
+      for ( U32 reader = 0; reader < 2 + seed % 2; ++reader ) {
+         processes.emplace_back( [ & ] { read( 11 + reader ); } );
+      }
+      processes.emplace_back(
+         [ & ] { Peer( place, VellumChunk::Access::readWrite, seed ).write( *traffic ); } );
+      auto const end = afterShare( geometries.size() );
+      while ( !isOver( end ) || traffic->found < reads || traffic->walked == 0 ) {
          ::usleep( 1000 );
          ASSERT_TRUE( std::ranges::all_of( processes, &Child::works ) ) << geometry.key;
       }
       traffic->stopped = true;
       EXPECT_TRUE( std::ranges::all_of( processes, &Child::endedWell ) );
-      EXPECT_EQ( traffic->foreign, 0U )
-         << "key length " << geometry.key << ": " << traffic->written << " written, "
-         << traffic->found << " found, " << traffic->walked << " walked";
+      EXPECT_EQ( traffic->foreign, 0U );
+      std::cout << "key of " << geometry.key << " bytes: " << traffic->written << " written, "
+                << traffic->found << " found, " << traffic->walked << " walked, "
+                << traffic->foreign << " foreign or torn\n";
       ++seed;
    }
 }
@@ -330,7 +406,7 @@ TEST( TheTool, besideAWriterNeverTellsAForeignOrATornResult ) {
    Child agent( [ & ] { Peer( place, VellumChunk::Access::readWrite, 1 ).write( *traffic ); } );
    Peer chooser( place, VellumChunk::Access::readOnly, 2 );
    AskedTool tool( bench, plan );
-   auto const end = after( secondsToWork() / 3 );
+   auto const end = afterShare( 3 );
    while ( !isOver( end ) || tool.told() == 0 ) {
       ASSERT_TRUE( agent.works() );
       tool.dump();

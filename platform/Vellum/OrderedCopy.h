@@ -29,9 +29,11 @@
 /// loadImage is the other side of (1) to (3): it takes two readings with the first word looked at
 /// before, between and after them, and starts again unless everything agrees and no mark is seen. A
 /// reading torn by one write cannot agree with the next one, and a writer that is between its mark
-/// and its final byte is waited for. A mark that stays (its writer was killed or is not running)
-/// is believed after `patience` tries: by then every store of the write has long become visible, so
-/// the image is whole by (4).
+/// and its final byte is waited for. A mark that stays (its writer was killed or is not running) is
+/// believed when nothing of the image has changed for `patience` tries: no store takes so long to
+/// become visible, so the image is whole by (4). Tries alone do not count: a writer that was stopped
+/// at its mark may go on during the last of them, and two readings can agree on what is visible
+/// between the two cache lines of its next store.
 ///
 /// The order between stores (and between loads) is the one that x86-64 gives to plain stores and
 /// loads once the compiler keeps it; elsewhere fences give it.
@@ -48,9 +50,9 @@
 
 namespace Vellum {
 
-/// How often loadImage waits for a marked image to be finished before it believes the mark. With
-/// the pause between two tries this is some microseconds: far more than a store takes to become
-/// visible. More would make a table over foreign bytes slow to build.
+/// How often in a row loadImage finds a marked image unchanged before it believes the mark. With the
+/// pause between two tries this is some microseconds: far more than a store takes to become visible.
+/// More would make a table over foreign bytes slow to build.
 inline constexpr U32 patience = 64;
 
 namespace detail {
@@ -304,16 +306,36 @@ template<class AnyReading>
    return same && before == between && between == firstWord( from, length );
 }
 
+/// Whether the reading is one image, and finished.
+template<class AnyReading>
+[[gnu::always_inline]] inline bool takeFinished( AnyReading& reading, U8 const* from, U32 length ) {
+   return takeAgreeing( reading, from, length ) && !maybeMark( reading.firstByte() );
+}
+
+/// For an image that somebody is writing, or was when he was killed.
+template<class AnyReading>
+[[gnu::cold, gnu::noinline]] AnyReading
+takeWhenUnchanged( AnyReading reading, U8 const* from, U32 length ) {
+   for ( U32 unchanged = 0; unchanged < patience; ++unchanged ) {
+      pauseBriefly();
+      orderLoads();
+      if ( !reading.matches( from ) ) {
+         if ( takeFinished( reading, from, length ) ) {
+            return reading;
+         }
+         unchanged = 0;
+      }
+   }
+   return reading;
+}
+
 template<class AnyReading>
 [[gnu::always_inline]] inline AnyReading
 takeImage( AnyReading reading, U8 const* from, U32 length ) {
-   for ( U32 tries = 1;; ++tries ) {
-      bool const agreed = takeAgreeing( reading, from, length );
-      if ( agreed && ( !maybeMark( reading.firstByte() ) || tries > patience ) ) [[likely]] {
-         return reading;
-      }
-      pauseBriefly();
+   if ( takeFinished( reading, from, length ) ) [[likely]] {
+      return reading;
    }
+   return takeWhenUnchanged( reading, from, length );
 }
 
 } // namespace detail

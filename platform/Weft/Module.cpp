@@ -106,20 +106,27 @@ TypeIndex& typeIndex() {
 } // namespace
 
 std::span<TypeInfo const> Module::types() const {
-   std::call_once( described_, [ this ] {
-      TypeList list;
-      describe_( list );
-      auto types = std::make_unique<std::vector<TypeInfo>>();
-      types->reserve( list.size() );
-      for ( TypeParts& parts : list ) {
-         types->emplace_back( std::move( parts ), *this, static_cast<U32>( types->size() ) );
-      }
-      for ( TypeInfo& type : *types ) {
-         type.adoptAttributes();
-      }
-      types_ = types.release(); // kept until the process ends, as the index of types is
-   } );
-   return *types_;
+   auto const* const types = types_.load( std::memory_order_acquire );
+   return types != nullptr ? *types : described();
+}
+
+std::vector<TypeInfo> const& Module::described() const {
+   std::scoped_lock const lock( describing_ );
+   if ( auto const* const before = types_.load( std::memory_order_relaxed ) ) {
+      return *before;
+   }
+   TypeList list;
+   describe_( list );
+   auto types = std::make_unique<std::vector<TypeInfo>>();
+   types->reserve( list.size() );
+   for ( TypeParts& parts : list ) {
+      types->emplace_back( std::move( parts ), *this, static_cast<U32>( types->size() ) );
+   }
+   for ( TypeInfo& type : *types ) {
+      type.adoptAttributes();
+   }
+   types_.store( types.get(), std::memory_order_release );
+   return *types.release(); // kept until the process ends, as the index of types is
 }
 
 std::vector<TypeInfo const*> Module::referredTypes() const {

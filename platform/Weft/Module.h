@@ -13,6 +13,7 @@
 
 #include "Weft/TypeData.h"
 
+#include <atomic>
 #include <cstddef>
 #include <ios>
 #include <mutex>
@@ -51,10 +52,13 @@ class [[gnu::visibility( "default" )]] Module {
  private:
    friend class ModuleList;
 
+   std::vector<TypeInfo> const& described() const;
+
    std::string_view name_;
    Describe describe_;
-   mutable std::once_flag described_;
-   mutable std::vector<TypeInfo> const* types_ = nullptr;
+   // Not a once_flag: where describing throws, std::call_once hangs under ThreadSanitizer.
+   mutable std::mutex describing_;
+   mutable std::atomic<std::vector<TypeInfo> const*> types_ = nullptr;
    mutable Module const* next_ = nullptr;
 };
 

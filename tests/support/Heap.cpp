@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/Heap.h"
 
+#include "Quarry/Slab.h"
+
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <utility>
 
 namespace {
 
@@ -54,16 +57,40 @@ U64 liveHeapBlocks() {
    return liveBlocks.load( std::memory_order_relaxed );
 }
 
-FailAllocation::FailAllocation( U64 nth ) {
-   allocationsBeforeFailure = nth;
-}
+FailAllocation::FailAllocation( U64 nth )
+      : former_( std::exchange( allocationsBeforeFailure, nth ) ) {}
 
 FailAllocation::~FailAllocation() {
-   allocationsBeforeFailure = none;
+   allocationsBeforeFailure = former_;
 }
 
 bool FailAllocation::happened() const {
    return allocationsBeforeFailure == none;
+}
+
+struct ExhaustedSlabs::Held {
+   Held* next;
+   std::size_t size;
+};
+
+ExhaustedSlabs::ExhaustedSlabs( std::span<std::size_t const> sizes ) {
+   for ( std::size_t const size : sizes ) {
+      FailAllocation const noSlab( 0 );
+      try {
+         for ( ;; ) {
+            held_ = ::new ( Quarry::slabAlloc( size ) ) Held{ held_, size };
+         }
+      } catch ( std::bad_alloc const& ) {
+         continue;
+      }
+   }
+}
+
+ExhaustedSlabs::~ExhaustedSlabs() {
+   while ( held_ != nullptr ) {
+      Held* const block = std::exchange( held_, held_->next );
+      Quarry::slabFree( block, block->size );
+   }
 }
 
 } // namespace TestSupport

@@ -8,7 +8,9 @@
 
 #include "Weft/Types.h"
 
+#include <cstddef>
 #include <new>
+#include <span>
 
 namespace TestSupport {
 
@@ -16,7 +18,7 @@ namespace TestSupport {
 U64 liveHeapBlocks();
 
 /// While it exists, one allocation of this thread fails: the first from here on when `nth` is 0, and
-/// so on. Only one may exist in a thread.
+/// so on. One made before it in the same thread waits until it has gone.
 class FailAllocation {
  public:
    explicit FailAllocation( U64 nth );
@@ -26,6 +28,23 @@ class FailAllocation {
 
    /// Whether the allocation was asked for, and so failed.
    bool happened() const;
+
+ private:
+   U64 former_;
+};
+
+/// While it exists, the next object of each of these sizes needs a slab from the heap: it holds every
+/// free block.
+class ExhaustedSlabs {
+ public:
+   explicit ExhaustedSlabs( std::span<std::size_t const> sizes );
+   ~ExhaustedSlabs();
+   ExhaustedSlabs( ExhaustedSlabs const& ) = delete;
+   ExhaustedSlabs& operator=( ExhaustedSlabs const& ) = delete;
+
+ private:
+   struct Held;
+   Held* held_ = nullptr;
 };
 
 /// Runs `attempt` with its first allocation failing, then with its second failing, and so on until
