@@ -89,7 +89,7 @@ TEST_F( ToolTerminal, aChunkThatIsCutShortIsOneLine ) {
    ASSERT_TRUE( terminal.shows( "has 4096 bytes, the plan says 65536" ) );
    terminal.signal( SIGBUS ); // as an access to what is gone raises it
    EXPECT_EQ( terminal.finish(), 1 );
-   EXPECT_THAT( terminal.output(), HasSubstr( "the chunk was cut short" ) );
+   EXPECT_THAT( terminal.output(), HasSubstr( "the chunk's memory is gone" ) );
    EXPECT_TRUE( terminal.isAsAShellLeftIt() );
 }
 

@@ -5,7 +5,6 @@
 #include "tools/tessel/Completion.h"
 #include "tools/tessel/Crash.h"
 #include "tools/tessel/Interrupts.h"
-#include "tools/tessel/LostMemory.h"
 #include "tools/tessel/Output.h"
 #include "tools/tessel/Text.h"
 #include "tools/tessel/VerbTable.h"
@@ -240,7 +239,6 @@ ExitStatus answering( std::ostream& err, std::function<ExitStatus()> const& acti
 
 int run( int argc, char const* const* argv ) {
    occupyStandardDescriptors();
-   explainLostMemory();
    Weft::onContractFailureIs( Weft::OnContractFailure::raise );
    // NOLINTNEXTLINE(concurrency-mt-unsafe): as above
    std::signal( SIGPIPE, SIG_IGN );

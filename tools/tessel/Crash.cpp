@@ -34,9 +34,10 @@ void restoreTerminal() {
 
 extern "C" void endOnCutChunk( int ) {
    restoreTerminal();
-   writeAll( STDERR_FILENO,
-             "tessel: the chunk was cut short while it was in use: bytes of it are gone; "
-             "remove it and start its agent again\n" );
+   writeAll(
+      STDERR_FILENO,
+      "tessel: the chunk's memory is gone: somebody has made the chunk smaller, or the system "
+      "has no memory left for it; make room, remove the chunk and start its agent again\n" );
    ::_exit( static_cast<int>( ExitStatus::refused ) );
 }
 
