@@ -38,12 +38,14 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    }
 
    /// Whether an element holds the key whose bytes are at `bytes`.
-   [[gnu::always_inline]] auto holds( Weft::CharPtrConst bytes ) const {
-      return [ this, bytes ]( KeyElement<wordCount> const& element )
-                __attribute__( ( always_inline ) ) {
-                   return sameWords( element.words(), keyAt( readAgain( bytes ) ).words );
-                };
-   }
+   struct Holds {
+      EntryWork const& work;
+      Weft::CharPtrConst bytes;
+      [[gnu::always_inline]] bool operator()( KeyElement<wordCount> const& element ) const {
+         return sameWords( element.words(), work.keyAt( readAgain( bytes ) ).words );
+      }
+   };
+   [[gnu::always_inline]] Holds holds( Weft::CharPtrConst bytes ) const { return { *this, bytes }; }
 
    // ---- single entries. Each first tries what nearly always does, in a few instructions and without
    // a stack frame, and starts again with the whole of it where that does not answer.
@@ -51,7 +53,9 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    template<class Result>
    [[gnu::always_inline]] bool
    set( Brine::ChipId chip, Weft::CharPtrConst key, U64 hash, Weft::CharPtrConst result ) const {
-      auto const fully = [ & ]() __attribute__( ( always_inline ) ) { return setFully<Result>( table_, chip, key, result ); };
+      auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
+         return setFully<Result>( table_, chip, key, result );
+      };
       if constexpr ( traced ) {
          return fully();
       } else {
@@ -80,9 +84,10 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       }
    }
 
-   [[gnu::always_inline]] bool
-   has( Brine::ChipId chip, Weft::CharPtrConst key, U64 hash ) const {
-      auto const fully = [ & ]() __attribute__( ( always_inline ) ) { return hasFully( table_, chip, key ); };
+   [[gnu::always_inline]] bool has( Brine::ChipId chip, Weft::CharPtrConst key, U64 hash ) const {
+      auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
+         return hasFully( table_, chip, key );
+      };
       if constexpr ( traced ) {
          return fully();
       } else {
@@ -91,9 +96,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
             hash,
             holds( key ),
             []( EmTableIndex, U64 ) { return true; },
-            [ & ]( SlotOrObject where, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
-               return where.indexOn( chip ).valid();
-            },
+            [ & ]( SlotOrObject where, U64 /*position*/ )
+               __attribute__( ( always_inline ) ) { return where.indexOn( chip ).valid(); },
             [] { return false; },
             fully );
       }
@@ -102,7 +106,9 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    template<class Result>
    [[gnu::always_inline]] bool
    get( Brine::ChipId chip, Weft::CharPtrConst key, U64 hash, Weft::CharPtr result ) const {
-      auto const fully = [ & ]() __attribute__( ( always_inline ) ) { return getFully<Result>( table_, chip, key, result ); };
+      auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
+         return getFully<Result>( table_, chip, key, result );
+      };
       if constexpr ( traced ) {
          return fully();
       } else {
@@ -138,10 +144,10 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    }
 
    /// Whether the entry was there.
-   [[gnu::always_inline]] bool
-   del( Brine::ChipId chip, Weft::CharPtrConst key, U64 hash ) const {
-      auto const fully =
-         [ & ]() __attribute__( ( always_inline ) ) { return delFully( table_, chip, key ); };
+   [[gnu::always_inline]] bool del( Brine::ChipId chip, Weft::CharPtrConst key, U64 hash ) const {
+      auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
+         return delFully( table_, chip, key );
+      };
       if constexpr ( traced ) {
          return fully();
       } else {
@@ -257,11 +263,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       }
       return true;
    }
-   [[gnu::noinline]] static bool delOther( Table& table,
-                                           SlotOrObject where,
-                                           U64 position,
-                                           Brine::ChipId chip,
-                                           Weft::CharPtrConst key ) {
+   [[gnu::noinline]] static bool delOther(
+      Table& table, SlotOrObject where, U64 position, Brine::ChipId chip, Weft::CharPtrConst key ) {
       EntryWork const work( table );
       KeyPlace const place{ .position = position, .index = where.indexOn( chip ) };
       if ( place.index.valid() ) {
@@ -307,19 +310,16 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
 
    /// For an image in place, whoever writes it.
    template<class Result>
-   [[gnu::noinline]] static bool getInPlace( Table& table,
-                                             U64 offset,
-                                             Brine::ChipId chip,
-                                             Weft::CharPtrConst key,
-                                             Weft::CharPtr result ) {
+   [[gnu::noinline]] static bool getInPlace(
+      Table& table, U64 offset, Brine::ChipId chip, Weft::CharPtrConst key, Weft::CharPtr result ) {
       EntryWork const work( table );
       ImageShape const shape = work.template shape<Result>();
       U8 const* const image = table.readableRange() + offset;
       auto const& words = work.keyAt( key ).words;
       Result bytes;
-      U64 const difference =
-         table.isWriter() ? readImageOf<wordCount>( image, shape, chip, words, bytes )
-                         : readForeignImageOf<wordCount>( image, shape, chip, words, bytes );
+      U64 const difference = table.isWriter()
+                                ? readImageOf<wordCount>( image, shape, chip, words, bytes )
+                                : readForeignImageOf<wordCount>( image, shape, chip, words, bytes );
       if ( difference != 0 ) [[unlikely]] {
          return getFully<Result>( table, chip, key, result );
       }
@@ -410,8 +410,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    /// of which each needs what the one before it has fetched: the tags, then the element, then the
    /// object where there are any, then the image.
    template<bool readsImages, class Pair, class Perform>
-   [[gnu::always_inline]] void
-   fetchingAhead( std::span<Pair const> pairs, Perform const& perform ) const {
+   [[gnu::always_inline]] void fetchingAhead( std::span<Pair const> pairs,
+                                              Perform const& perform ) const {
       constexpr std::size_t mostStages = 4;
       bool const readsObjects = keys().objects() != 0;
       std::size_t const stages = 2 + ( readsImages ? 1 : 0 ) + ( readsObjects ? 1 : 0 );
@@ -419,38 +419,41 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       auto const hashOf = [ & ]( std::size_t at ) -> U64& { return hashes[ at % hashes.size() ]; };
       // Works on the pairs that are in this stage at this turn.
       auto const inStage = [ & ]( std::size_t turn, std::size_t stage, auto const& work )
-                              __attribute__( ( always_inline ) ) {
-                                 std::size_t const begin = ( turn - stage ) * bulkStep;
-                                 std::size_t const end =
-                                    turn < stage ? 0 : std::min( begin + bulkStep, pairs.size() );
-                                 for ( std::size_t at = begin; at < end; ++at ) {
-                                    work( at );
-                                 }
-                              };
+         __attribute__( ( always_inline ) ) {
+         std::size_t const begin = ( turn - stage ) * bulkStep;
+         std::size_t const end = turn < stage ? 0 : std::min( begin + bulkStep, pairs.size() );
+         for ( std::size_t at = begin; at < end; ++at ) {
+            work( at );
+         }
+      };
       std::size_t const turns = ( pairs.size() + bulkStep - 1 ) / bulkStep + stages;
       for ( std::size_t turn = 0; turn < turns; ++turn ) {
          inStage( turn, stages, perform );
          if constexpr ( readsImages ) {
-            inStage( turn, stages - 1, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-               fetchImageOf( pairs[ at ], hashOf( at ) );
-            } );
+            inStage(
+               turn, stages - 1, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
+                  fetchImageOf( pairs[ at ], hashOf( at ) );
+               } );
          }
          if ( readsObjects ) {
-            inStage( turn, 2, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-               fetchObjectOf( pairs[ at ], hashOf( at ) );
-            } );
+            inStage(
+               turn, 2, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
+                  fetchObjectOf( pairs[ at ], hashOf( at ) );
+               } );
          }
-         inStage( turn, 1, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-            if constexpr ( std::is_same_v<Pair, EmPairAndResult> ) {
-               keys().fetchElementOrPlace( hashOf( at ) );
-            } else {
-               keys().fetchElement( hashOf( at ) );
-            }
-         } );
-         inStage( turn, 0, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-            hashOf( at ) = keyAt( pairs[ at ].key ).hash;
-            keys().fetchTags( hashOf( at ) );
-         } );
+         inStage(
+            turn, 1, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
+               if constexpr ( std::is_same_v<Pair, EmPairAndResult> ) {
+                  keys().fetchElementOrPlace( hashOf( at ) );
+               } else {
+                  keys().fetchElement( hashOf( at ) );
+               }
+            } );
+         inStage(
+            turn, 0, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
+               hashOf( at ) = keyAt( pairs[ at ].key ).hash;
+               keys().fetchTags( hashOf( at ) );
+            } );
       }
    }
 
@@ -460,14 +463,14 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
          pair.chipId,
          hash,
          holds( pair.key ),
-         []( EmTableIndex, U64 ) __attribute__( ( always_inline ) ) {},
+         []( EmTableIndex, U64 ) __attribute__( ( always_inline ) ){},
          []( SlotOrObject where, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
             if ( where.isObject() ) {
                Keys::fetchObject( *where.object() );
             }
          },
-         []() __attribute__( ( always_inline ) ) {},
-         []() __attribute__( ( always_inline ) ) {} );
+         []() __attribute__( ( always_inline ) ){},
+         []() __attribute__( ( always_inline ) ){} );
    }
 
    template<class Pair>
@@ -478,10 +481,11 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
          holds( pair.key ),
          [ & ]( EmTableIndex slot, U64 /*position*/ )
             __attribute__( ( always_inline ) ) { this->fetchImage( slot ); },
-         [ & ]( SlotOrObject where, U64 /*position*/ )
-            __attribute__( ( always_inline ) ) { this->fetchImage( where.indexOn( pair.chipId ) ); },
-         []() __attribute__( ( always_inline ) ) {},
-         []() __attribute__( ( always_inline ) ) {} );
+         [ & ]( SlotOrObject where, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
+            this->fetchImage( where.indexOn( pair.chipId ) );
+         },
+         []() __attribute__( ( always_inline ) ){},
+         []() __attribute__( ( always_inline ) ){} );
    }
 
    // ---- images
