@@ -103,6 +103,14 @@ TEST_P( StoppedAtEveryInstruction, anAdditionIsDoneOrNot ) {
    expectBeforeOrAfter( [ & ] { add( writer, chip3, key, newResult ); }, std::nullopt, newResult );
 }
 
+TEST_P( StoppedAtEveryInstruction, aRewriteOfASlotThatACallerGaveToAnotherKeyIsDoneOrNot ) {
+   std::string const other( GetParam().key, 'x' );
+   writer->freeIndexBmp()->setBit( 1 );
+   add( writer, chip5, other, newResult );
+   writer->entryDel( chip5, other.data() );
+   expectBeforeOrAfter( [ & ] { add( writer, chip3, key, newResult ); }, std::nullopt, newResult );
+}
+
 // A slot of each length that is copied in a way of its own. (One of 12 bytes whose key has less than
 // 2 is the one whose result a kill can split.)
 INSTANTIATE_TEST_SUITE_P( Geometries,
