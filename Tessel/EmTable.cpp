@@ -87,7 +87,7 @@ void EmShadowTable::handleInitialized() {
       reconcile();
       return;
    }
-   auto bitmap = Corvo::makePtr<HBitmap>( 0, numEntries_, HBitmap::BitState::allSet );
+   auto bitmap = Corvo::makePtr<HBitmap>( U64{ 0 }, numEntries_, HBitmap::BitState::allSet );
    countAfresh( std::exchange( freeIndexBmp_, std::move( bitmap ) ) );
 }
 
