@@ -267,6 +267,8 @@ def main() -> int:
     try:
         for done in range(options.count):
             fuzz.step()
+            if done % 1_000_000 == 999_999:
+                print(f"{done + 1} calls done", file=sys.stderr)
     except Exception:
         print(f"call {done}: {fuzz.doing}", file=sys.stderr)
         raise
