@@ -17,7 +17,10 @@
 #include <map>
 #include <sstream>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -64,6 +67,24 @@ void expectError( Answer const& answer, int status, std::string const& what ) {
 }
 
 // ------------------------------------------------------------------------- entries
+
+TEST_F( Tool, writesAloneOrNotAtAll ) {
+   ASSERT_EQ( run( { "update", plan, "mac", "3", "001122334455", "00aa" } ).status, 0 );
+   std::string const before = bench.bytes();
+   int const held = ::open( ( "/dev/shm" + bench.chunk() ).c_str(), O_RDONLY );
+   ASSERT_EQ( ::flock( held, LOCK_EX ), 0 );
+   for ( Words const& words :
+         { Words{ "update", plan, "mac", "3", "001122334455", "00bb" },
+           Words{ "delete", plan, "mac", "3", "001122334455" },
+           Words{ "load", plan, "mac", bench.file( "one", "1,001122334455,0000" ) },
+           Words{ "clear", plan, "mac" },
+           Words{ "remove", plan, "--force" } } ) {
+      expectError( run( words ), 1, "another tessel; nothing was changed" );
+   }
+   EXPECT_EQ( bench.bytes(), before );
+   ::close( held );
+   EXPECT_EQ( run( { "clear", plan, "mac" } ).out, "removed 1 entry\n" );
+}
 
 TEST_F( Tool, anUpdatedEntryIsFoundUntilItIsDeleted ) {
    EXPECT_EQ( run( { "update", plan, "mac", "3", "00:11:22:33:44:55", "00AA" } ).status, 0 );

@@ -40,6 +40,10 @@ constexpr std::string_view footer =
    "  tessel verify l2.json\n"
    "  tessel remove l2.json";
 
+constexpr std::string_view writingNote =
+   "Stop the agent first: two writers of one table know nothing of each other, and entries get\n"
+   "lost. A second tessel that would write to the chunk meanwhile is refused.\n\n";
+
 void addWord( CLI::App& command, Word const& word, Arguments& arguments ) {
    command
       .add_option( std::string( word.name.substr( 0, word.name.find( '|' ) ) ),
@@ -74,7 +78,7 @@ void addVerbs( CLI::App& app, Arguments& arguments ) {
    for ( Verb const& verb : verbs() ) {
       CLI::App* const command =
          app.add_subcommand( std::string( verb.name ), std::string( verb.summary ) );
-      command->footer( joined( "Examples:\n", verb.examples ) );
+      command->footer( joined( verb.writes ? writingNote : "", "Examples:\n", verb.examples ) );
       forEachName( verb.words,
                    [ & ]( auto name ) { addWord( *command, named( words(), name ), arguments ); } );
       forEachName( verb.options, [ & ]( auto name ) {

@@ -82,12 +82,14 @@ Corvo::Ptr<Tessel::EmShadowTable> tableForReading( Chunk const& chunk,
       planned.offset );
 }
 
-Corvo::Ptr<Tessel::TableManager> openForWriting( Plan const& plan, IfMissing ifMissing ) {
+WritingManager openForWriting( Plan const& plan, IfMissing ifMissing ) {
+   ChunkLock lock( plan.chunk );
    Chunk chunk = openIfThere( plan.chunk, VellumChunk::Access::readWrite );
    if ( !chunk && ifMissing == IfMissing::create ) {
       chunk = createIfMissing( plan );
+      lock = ChunkLock( plan.chunk );
       if ( chunk ) {
-         return manageTables( plan, chunk );
+         return { std::move( lock ), manageTables( plan, chunk ) };
       }
       chunk = openIfThere( plan.chunk, VellumChunk::Access::readWrite );
    }
@@ -98,7 +100,7 @@ Corvo::Ptr<Tessel::TableManager> openForWriting( Plan const& plan, IfMissing ifM
       refuseSize( *chunk, plan );
    }
    checkFrames( *chunk, plan, FrameUse::writing );
-   return manageTables( plan, chunk );
+   return { std::move( lock ), manageTables( plan, chunk ) };
 }
 
 Corvo::Ptr<Tessel::TableManager> manageTables( Plan const& plan, Chunk const& chunk ) {
