@@ -92,9 +92,11 @@ TEST( ToolByteFormats, travelThroughEveryVerb ) {
 }
 
 TEST( ToolProgress, tellsRateAndTimeLeft ) {
-   EXPECT_EQ( progressText( 2000, 10000, std::chrono::seconds( 4 ) ),
+   EXPECT_EQ( progressText( loadingEntries, 2000, 10000, std::chrono::seconds( 4 ) ),
               "2,000 of 10,000 entries, 20 %, 500 a second, 16 s left" );
-   EXPECT_EQ( progressText( 0, 10, std::chrono::seconds( 4 ) ), "0 of 10 entries" );
+   EXPECT_EQ( progressText( loadingEntries, 0, 10, std::chrono::seconds( 4 ) ), "0 of 10 entries" );
+   EXPECT_EQ( progressText( readingBytes, 10, std::nullopt, std::chrono::seconds( 5 ) ),
+              "reading 10 bytes, 2 a second" );
 }
 
 } // namespace

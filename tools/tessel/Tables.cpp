@@ -56,6 +56,10 @@ Chunk createIfMissing( Plan const& plan ) {
 
 } // namespace
 
+bool isThere( Corvo::String const& chunkName ) {
+   return openIfThere( chunkName, VellumChunk::Access::readOnly ) != nullptr;
+}
+
 Chunk openForReading( Corvo::String const& chunkName ) {
    Chunk chunk = openIfThere( chunkName, VellumChunk::Access::readOnly );
    if ( !chunk ) {

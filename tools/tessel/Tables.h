@@ -25,6 +25,9 @@ Corvo::Ptr<Vellum::VellumChunk> openForReading( Corvo::String const& chunkName )
 Corvo::Ptr<Tessel::EmShadowTable> tableForReading( Corvo::Ptr<Vellum::VellumChunk> const& chunk,
                                                    PlannedTable const& planned );
 
+/// Whether there is a chunk of this name, which can be opened for reading.
+bool isThere( Corvo::String const& chunkName );
+
 enum class IfMissing { refuse, create };
 
 /// A manager, and what keeps other commands from writing meanwhile.
