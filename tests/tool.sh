@@ -77,6 +77,9 @@ expect_completion "--chip" clear "$name.json" --c
 expect_completion "csv" dump "$name.json" mac --as c
 expect_completion "" lookup "$name.json" mac 0 ""
 
+complaints=$(tessel load "$name.json" mac - 2>&1 <&-) && fail "a closed standard input was read"
+[[ $complaints == *"standard input: cannot be read"* ]] || fail "$complaints"
+
 for page in "$sources"/man/*; do
    complaints=$(groff -mandoc -Tutf8 -ww -z "$page" 2>&1)
    [ -z "$complaints" ] || fail "$complaints"

@@ -188,6 +188,9 @@ ExitStatus runWords( std::vector<std::string> const& typed, std::ostream& out ) 
 
 /// A chunk or a pipe opened later must not become standard output or standard error.
 void occupyStandardDescriptors() {
+   if ( ::fcntl( STDIN_FILENO, F_GETFD ) < 0 ) { // to be read from it is an error, not an end
+      ::open( "/dev/null", O_WRONLY | O_CLOEXEC );
+   }
    int opened = 0;
    do {
       opened = ::open( "/dev/null", O_RDONLY | O_CLOEXEC );
