@@ -105,6 +105,19 @@ TEST_F( ToolPicture, isWrittenWhereItsNameSaysHow ) {
               "\"cells\":[1,0,0,0,0,0,0,0]}]}\n" );
 }
 
+TEST_F( ToolPicture, leavesOutATableThatDoesNotFitIntoTheChunk ) {
+   TestSupport::ToolBench const bench;
+   std::string const shape = R"("kind": "exact", "entries": 8, "key": 6, "result": 2 })";
+   std::string const file =
+      bench.planFile( R"({ "name": "mac", )" + shape + R"(, { "name": "cut", )" + shape );
+   bench.run( { "update", file, "mac", "0", "000000000001", "0001" } );
+   Vellum::VellumChunk::open( bench.chunk() )->write( 184, "\xff\xff\xff\xff", 4 );
+   auto const answer = bench.run( { "map", bench.chunk(), "--key", "6", "--result", "2" } );
+   EXPECT_EQ( answer.status, 1 );
+   EXPECT_THAT( answer.out, HasSubstr( "mac  1 of 8 slots used" ) );
+   EXPECT_THAT( answer.err, HasSubstr( "table \"cut\" says that it has 4294967295 bytes" ) );
+}
+
 TEST_F( ToolPicture, watchedTellsWhatCameAndWent ) {
    TableWatch watch;
    add( 1, 'a' );
