@@ -427,6 +427,9 @@ TEST_F( Tool, helpIsNoError ) {
    EXPECT_THAT( run( { "load", "--help" } ).out, HasSubstr( "--keep-going" ) );
    EXPECT_EQ( run( { "load", "--help" } ).status, 0 );
    EXPECT_EQ( run( { "help", "load" } ).out, run( { "load", "--help" } ).out );
+   expectError( run( { "help", "laod" } ), 2, "there is no verb \"laod\"; the nearest is load" );
+   EXPECT_EQ( run( { "help", "help" } ).out, run( { "--help" } ).out );
+   expectError( run( { "--json", "help" } ), 2, "leave --json out" );
    EXPECT_EQ( run( { "help" } ).out, run( { "--help" } ).out );
 }
 

@@ -50,7 +50,7 @@ expect_completion() {
    [ "${COMPREPLY[*]}" = "$wanted" ] || fail "completion of '$*': '${COMPREPLY[*]}', not '$wanted'"
 }
 
-mapfile -t verbs < <(tessel __complete "")
+mapfile -t verbs < <(tessel __complete help "")
 [ "${#verbs[@]}" -ge 13 ] || fail "the tool tells ${#verbs[@]} verbs"
 run_examples
 for verb in "${verbs[@]}"; do
@@ -67,6 +67,8 @@ source "$sources/completion/tessel.bash"
 start_anew ""
 touch another.json
 expect_completion "show" sh
+expect_completion "help" he
+expect_completion "show" help sh
 expect_completion "--json" --j
 expect_completion "mac" lookup "$name.json" m
 expect_completion "mac host vlan" --json map "$name.json" ""

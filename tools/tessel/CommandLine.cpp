@@ -40,6 +40,8 @@ constexpr std::string_view footer =
    "  tessel verify l2.json\n"
    "  tessel remove l2.json";
 
+constexpr std::string_view helpVerb = "help";
+
 constexpr std::string_view writingNote =
    "Stop the agent first: two writers of one table know nothing of each other, and entries get\n"
    "lost. A second tessel that would write to the chunk meanwhile is refused.\n\n";
@@ -85,6 +87,7 @@ void addVerbs( CLI::App& app, Arguments& arguments ) {
          addOption( *command, named( options(), name ), arguments );
       } );
    }
+   app.add_subcommand( std::string( helpVerb ), "The help of a verb: tessel help VERB" );
    app.require_subcommand( 1 );
 }
 
@@ -112,6 +115,7 @@ std::string adviceFor( std::vector<std::string_view> const& words ) {
    for ( Verb const& verb : verbs() ) {
       names.push_back( verb.name );
    }
+   names.push_back( helpVerb );
    auto const verb =
       std::find_if_not( words.begin(), words.end(), []( auto word ) { return word == "--json"; } );
    if ( verb == words.end() ) {
@@ -130,7 +134,8 @@ std::string adviceFor( std::vector<std::string_view> const& words ) {
    if ( std::find( verb, words.end(), "--json" ) != words.end() ) {
       return joined( "--json comes before the verb: tessel --json ", *verb );
    }
-   return adviceForOptions( *verbNamed( *verb ), { verb + 1, words.end() } );
+   return *verb == helpVerb ? std::string()
+                            : adviceForOptions( *verbNamed( *verb ), { verb + 1, words.end() } );
 }
 
 [[noreturn]] void refuseUsage( std::vector<std::string_view> const& words,
@@ -149,14 +154,34 @@ std::string adviceFor( std::vector<std::string_view> const& words ) {
    throw Failure( text, ExitStatus::usage );
 }
 
-/// The words behind the tool's name; `help VERB` stands for `VERB --help`.
+/// `help VERB` stands for `VERB --help`.
+std::vector<std::string> helpWords( std::vector<std::string> const& typed ) {
+   if ( typed.size() > 2 ) {
+      throw Failure( "help takes one verb; tessel --help lists them", ExitStatus::usage );
+   }
+   if ( typed.back() == helpVerb ) {
+      return { "--help" };
+   }
+   if ( !typed.back().starts_with( '-' ) && !verbNamed( typed.back() ) ) {
+      throw Failure( adviceFor( { typed.begin() + 1, typed.end() } ), ExitStatus::usage );
+   }
+   std::vector<std::string> words( typed.begin() + 1, typed.end() );
+   words.emplace_back( "--help" );
+   return words;
+}
+
+/// The words behind the tool's name.
 std::vector<std::string> wordsTyped( int argc, char const* const* argv ) {
    std::vector<std::string> typed( argv + std::min( argc, 1 ), argv + argc );
-   if ( !typed.empty() && typed.front() == "help" ) {
-      typed.erase( typed.begin() );
-      typed.emplace_back( "--help" );
+   auto const isJson = []( std::string const& word ) { return word == "--json"; };
+   auto const first = std::find_if_not( typed.begin(), typed.end(), isJson );
+   if ( first == typed.end() || *first != helpVerb ) {
+      return typed;
    }
-   return typed;
+   if ( std::any_of( typed.begin(), typed.end(), isJson ) ) {
+      throw Failure( "help is text alone: leave --json out", ExitStatus::usage );
+   }
+   return helpWords( typed );
 }
 
 ExitStatus runWords( std::vector<std::string> const& typed, std::ostream& out ) {
@@ -183,6 +208,10 @@ ExitStatus runWords( std::vector<std::string> const& typed, std::ostream& out ) 
       refuseUsage( { typed.begin(), typed.end() }, app, error );
    }
    Verb const* const verb = verbNamed( app.get_subcommands().front()->get_name() );
+   if ( !verb ) { // help, behind a word that says no more
+      out << app.help();
+      return ExitStatus::done;
+   }
    return verb->action( arguments, { .out = out, .err = std::cerr, .json = json } );
 }
 
