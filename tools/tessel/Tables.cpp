@@ -45,13 +45,15 @@ Chunk createIfMissing( Plan const& plan ) {
 }
 
 [[noreturn]] void refuseSize( VellumChunk const& chunk, Plan const& plan ) {
-   throw Failure( joined( "chunk ",
-                          inQuotes( chunk.name() ),
-                          " has ",
-                          chunk.size(),
-                          " bytes, the plan says ",
-                          plan.size,
-                          "; nothing was changed: correct the plan" ) );
+   throw Failure(
+      joined( "chunk ",
+              inQuotes( chunk.name() ),
+              " has ",
+              chunk.size(),
+              " bytes, the plan says ",
+              plan.size,
+              "; nothing was changed: correct the plan",
+              chunk.size() < plan.size ? ", or remove a chunk that was cut short" : "" ) );
 }
 
 } // namespace
