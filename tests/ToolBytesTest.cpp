@@ -54,12 +54,15 @@ TEST( ToolByteFormats, readHexWhereItMeansNothingElse ) {
               "0a141e28" ); // decimal, though hex digits
    EXPECT_EQ( read( ByteFormat::uint, "10", 2 ), "000a" );
    EXPECT_EQ( read( ByteFormat::uint, "0x10", 2 ), "0010" );
+   EXPECT_EQ( read( ByteFormat::uint, "00:10", 2 ), "0010" );
+   EXPECT_EQ( read( ByteFormat::uint, "0", 2 ), "0000" );
 }
 
 TEST( ToolByteFormats, refuseWhatIsNone ) {
    EXPECT_THAT( read( ByteFormat::uint, "256", 1 ), HasSubstr( "passes 255" ) );
+   EXPECT_THAT( read( ByteFormat::uint, "0010", 2 ), HasSubstr( "hex is 0x0010" ) );
    EXPECT_THAT( read( ByteFormat::uint, "99999999999999999999", 8 ), HasSubstr( "passes " ) );
-   for ( std::string_view const text : { "", "0x", "-1", "+1", "1 ", "1.0", "a" } ) {
+   for ( std::string_view const text : { "", "0x", "-1", "+1", "1 ", "a" } ) {
       EXPECT_THAT( read( ByteFormat::uint, text, 2 ), HasSubstr( "no whole number" ) ) << text;
    }
    EXPECT_THAT( read( ByteFormat::ipv4, "192.0.2.256", 4 ), HasSubstr( "is no IPv4 address" ) );
@@ -92,9 +95,11 @@ TEST( ToolByteFormats, travelThroughEveryVerb ) {
 }
 
 TEST( ToolProgress, tellsRateAndTimeLeft ) {
-   EXPECT_EQ( progressText( 2000, 10000, std::chrono::seconds( 4 ) ),
+   EXPECT_EQ( progressText( loadingEntries, 2000, 10000, std::chrono::seconds( 4 ) ),
               "2,000 of 10,000 entries, 20 %, 500 a second, 16 s left" );
-   EXPECT_EQ( progressText( 0, 10, std::chrono::seconds( 4 ) ), "0 of 10 entries" );
+   EXPECT_EQ( progressText( loadingEntries, 0, 10, std::chrono::seconds( 4 ) ), "0 of 10 entries" );
+   EXPECT_EQ( progressText( readingBytes, 10, std::nullopt, std::chrono::seconds( 5 ) ),
+              "reading 10 bytes, 2 a second" );
 }
 
 } // namespace

@@ -80,7 +80,8 @@ TEST_F( ToolFrames, withoutTheirTrailerAreDamaged ) {
    EXPECT_FALSE( frames[ 0 ].intact );
    EXPECT_TRUE( frames[ 1 ].intact );
    EXPECT_EQ( refusal( FrameUse::reading ), "(accepted)" ); // the entries can still be read
-   EXPECT_THAT( refusal( FrameUse::writing ), HasSubstr( "the trailer of table \"mac\"" ) );
+   EXPECT_THAT( refusal( FrameUse::writing ),
+                HasSubstr( "is damaged: the trailer of table \"mac\"" ) );
 }
 
 TEST_F( ToolFrames, reachingOutOfTheChunkAreDamaged ) {

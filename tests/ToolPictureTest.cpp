@@ -59,10 +59,13 @@ TEST_F( ToolPicture, showsWhereEntriesLieAndOfWhichChip ) {
               "        16 ██··············\n"
               "        32 to 39: free\n" );
    EXPECT_THAT( printed( 10, {} ),
-                HasSubstr( "4 to a character\n  a chip 3    #########...............  15\n" ) );
-   EXPECT_THAT( printed( 10, {} ), HasSubstr( "         0 aAAAb.....\n" ) );
-   EXPECT_THAT( printed( 64, { .colour = true, .unicode = true } ),
-                HasSubstr( "\x1b[38;5;214m█\x1b[0m\x1b[2m·\x1b[0m" ) );
+                HasSubstr( "4 to a character\n  d chip 3    #########...............  15\n" ) );
+   EXPECT_THAT( printed( 10, {} ), HasSubstr( "         0 ddddS.....\n" ) );
+   std::string const chip200 = "\x1b[38;5;113m█\x1b[0m";
+   Style const inColour{ .colour = true, .unicode = true };
+   EXPECT_THAT( printed( 64, inColour ), HasSubstr( chip200 + "\x1b[2m·\x1b[0m" ) );
+   manager->deleteAll( Brine::ChipId( 3 ) );
+   EXPECT_THAT( printed( 64, inColour ), HasSubstr( chip200 ) ) << "whoever else is there";
 }
 
 TEST_F( ToolPicture, hasCellsThatCoverEverySlotOnce ) {
@@ -100,6 +103,19 @@ TEST_F( ToolPicture, isWrittenWhereItsNameSaysHow ) {
    EXPECT_EQ( bench.run( { "--json", "map", file } ).out,
               R"({"tables":[{"name":"mac","entries":8,"used":1,"chips":{"0":1},"slotsPerCell":1,)"
               "\"cells\":[1,0,0,0,0,0,0,0]}]}\n" );
+}
+
+TEST_F( ToolPicture, leavesOutATableThatDoesNotFitIntoTheChunk ) {
+   TestSupport::ToolBench const bench;
+   std::string const shape = R"("kind": "exact", "entries": 8, "key": 6, "result": 2 })";
+   std::string const file =
+      bench.planFile( R"({ "name": "mac", )" + shape + R"(, { "name": "cut", )" + shape );
+   bench.run( { "update", file, "mac", "0", "000000000001", "0001" } );
+   Vellum::VellumChunk::open( bench.chunk() )->write( 184, "\xff\xff\xff\xff", 4 );
+   auto const answer = bench.run( { "map", bench.chunk(), "--key", "6", "--result", "2" } );
+   EXPECT_EQ( answer.status, 1 );
+   EXPECT_THAT( answer.out, HasSubstr( "mac  1 of 8 slots used" ) );
+   EXPECT_THAT( answer.err, HasSubstr( "table \"cut\" says that it has 4294967295 bytes" ) );
 }
 
 TEST_F( ToolPicture, watchedTellsWhatCameAndWent ) {

@@ -11,13 +11,19 @@
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -64,6 +70,44 @@ void expectError( Answer const& answer, int status, std::string const& what ) {
 }
 
 // ------------------------------------------------------------------------- entries
+
+TEST_F( Tool, saysThatNothingWasLoadedWhenItIsInterruptedWhileItReads ) {
+   std::string const pipe = bench.path( "pipe" );
+   ASSERT_EQ( ::mkfifo( pipe.c_str(), 0600 ), 0 );
+   int const writer = ::open( pipe.c_str(), O_RDWR );
+   ASSERT_EQ( ::write( writer, "1,001122334455,0000\n", 20 ), 20 );
+   pid_t const tool = bench.start( { "load", plan, "mac", pipe } );
+   for ( int unread = 1; unread > 0; ) {
+      ASSERT_EQ( ::ioctl( writer, FIONREAD, &unread ), 0 );
+   }
+   siginfo_t ended{};
+   while ( ended.si_pid == 0 ) { // a signal just before the next read is not seen by it
+      ASSERT_EQ( ::kill( tool, SIGINT ), 0 );
+      ASSERT_EQ( ::waitid( P_PID, static_cast<id_t>( tool ), &ended, WEXITED | WNOHANG | WNOWAIT ),
+                 0 );
+   }
+   expectError( bench.finish( tool ), 128 + SIGINT, "nothing was loaded" );
+   EXPECT_EQ( bench.bytes(), "(missing)" );
+   ::close( writer );
+}
+
+TEST_F( Tool, writesAloneOrNotAtAll ) {
+   ASSERT_EQ( run( { "update", plan, "mac", "3", "001122334455", "00aa" } ).status, 0 );
+   std::string const before = bench.bytes();
+   int const held = ::open( ( "/dev/shm" + bench.chunk() ).c_str(), O_RDONLY );
+   ASSERT_EQ( ::flock( held, LOCK_EX ), 0 );
+   for ( Words const& words :
+         { Words{ "update", plan, "mac", "3", "001122334455", "00bb" },
+           Words{ "delete", plan, "mac", "3", "001122334455" },
+           Words{ "load", plan, "mac", bench.file( "one", "1,001122334455,0000" ) },
+           Words{ "clear", plan, "mac" },
+           Words{ "remove", plan, "--force" } } ) {
+      expectError( run( words ), 1, "another tessel; nothing was changed" );
+   }
+   EXPECT_EQ( bench.bytes(), before );
+   ::close( held );
+   EXPECT_EQ( run( { "clear", plan, "mac" } ).out, "removed 1 entry\n" );
+}
 
 TEST_F( Tool, anUpdatedEntryIsFoundUntilItIsDeleted ) {
    EXPECT_EQ( run( { "update", plan, "mac", "3", "00:11:22:33:44:55", "00AA" } ).status, 0 );
@@ -221,7 +265,7 @@ TEST_F( Tool, onlyLoadAndUpdateCreateAChunk ) {
       expectError( run( words ), 1, "chunk \"" + bench.chunk() + "\" does not exist" );
       EXPECT_EQ( bench.bytes(), "(missing)" ) << words[ 0 ];
    }
-   EXPECT_EQ( load( "" ).status, 0 );
+   EXPECT_EQ( load( "0,000000000001,0001\n" ).status, 0 );
    EXPECT_EQ( bench.bytes().size(), 65536U );
 }
 
@@ -292,6 +336,8 @@ TEST_F( Tool, readingVerbsChangeNoByte ) {
 
 TEST_F( Tool, aChunkThatLetsOthersInIsRefused ) {
    load( "" );
+   EXPECT_EQ( bench.bytes(), "(missing)" ) << "nothing to load makes no chunk";
+   load( "0,000000000001,0001\n" );
    std::filesystem::permissions( "/dev/shm" + bench.chunk(), std::filesystem::perms( 0644 ) );
    expectError( run( { "show", plan } ), 1, "lets other users in" );
 }
@@ -355,6 +401,7 @@ TEST_F( Tool, wrongUsageIsOneLineAndStatusTwo ) {
    expectError( run( { "show", plan, "--key", "6", "--result", "2" } ), 2, "are for a chunk" );
    expectError( run( { "show", "/x", "--key", "21", "--result", "2" } ), 2, "from 0 to 20" );
    expectError( run( { "dump", plan, "mac", "--as", "tabel" } ), 2, "the nearest is table" );
+   expectError( run( { "--json", "dump", plan, "mac", "--as", "csv" } ), 2, "contradict" );
 }
 
 TEST_F( Tool, whatIsAbsentIsOneLineAndStatusOne ) {
@@ -380,6 +427,9 @@ TEST_F( Tool, helpIsNoError ) {
    EXPECT_THAT( run( { "load", "--help" } ).out, HasSubstr( "--keep-going" ) );
    EXPECT_EQ( run( { "load", "--help" } ).status, 0 );
    EXPECT_EQ( run( { "help", "load" } ).out, run( { "load", "--help" } ).out );
+   expectError( run( { "help", "laod" } ), 2, "there is no verb \"laod\"; the nearest is load" );
+   EXPECT_EQ( run( { "help", "help" } ).out, run( { "--help" } ).out );
+   expectError( run( { "--json", "help" } ), 2, "leave --json out" );
    EXPECT_EQ( run( { "help" } ).out, run( { "--help" } ).out );
 }
 

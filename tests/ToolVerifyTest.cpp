@@ -56,7 +56,11 @@ class ToolVerify : public ::testing::Test {
 TEST_F( ToolVerify, findsNothingWhereNothingIsWrong ) {
    EXPECT_THAT( problems( plan ), IsEmpty() );
    EXPECT_THAT( problems( bench.chunk() ), IsEmpty() );
-   EXPECT_EQ( bench.run( { "--json", "verify", plan } ).out, "{\"clean\":true,\"problems\":[]}\n" );
+   EXPECT_EQ( bench.run( { "--json", "verify", plan } ).out,
+              "{\"clean\":true,\"problems\":[],\"slotsChecked\":true}\n" );
+   EXPECT_THAT( bench.run( { "--json", "verify", bench.chunk() } ).out,
+                HasSubstr( "\"slotsChecked\":false" ) );
+   EXPECT_EQ( bench.run( { "verify", bench.chunk(), "--key", "20", "--result", "12" } ).status, 1 );
 }
 
 TEST_F( ToolVerify, namesEachWrongByteOfASlotByItsOffset ) {

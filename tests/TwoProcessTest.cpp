@@ -401,7 +401,9 @@ TEST( TheTool, besideAWriterNeverTellsAForeignOrATornResult ) {
                             .keys = 25 };
    std::string const plan = bench.planFile(
       R"({ "name": "mac", "kind": "exact", "entries": 64, "key": 20, "result": 12 })" );
-   ASSERT_EQ( bench.run( { "load", plan, "mac", "-" } ).status, 0 ) << "makes chunk and frame";
+   std::string const line = "0," + std::string( 40, '0' ) + ',' + std::string( 24, '0' );
+   ASSERT_EQ( bench.run( { "load", plan, "mac", "-" }, line ).status, 0 ) << "makes the chunk";
+   ASSERT_EQ( bench.run( { "clear", plan, "mac" } ).status, 0 );
    SharedPage<Traffic> traffic;
    Child agent( [ & ] { Peer( place, VellumChunk::Access::readWrite, 1 ).write( *traffic ); } );
    Peer chooser( place, VellumChunk::Access::readOnly, 2 );

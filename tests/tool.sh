@@ -50,7 +50,7 @@ expect_completion() {
    [ "${COMPREPLY[*]}" = "$wanted" ] || fail "completion of '$*': '${COMPREPLY[*]}', not '$wanted'"
 }
 
-mapfile -t verbs < <(tessel __complete "")
+mapfile -t verbs < <(tessel __complete help "")
 [ "${#verbs[@]}" -ge 13 ] || fail "the tool tells ${#verbs[@]} verbs"
 run_examples
 for verb in "${verbs[@]}"; do
@@ -67,6 +67,8 @@ source "$sources/completion/tessel.bash"
 start_anew ""
 touch another.json
 expect_completion "show" sh
+expect_completion "help" he
+expect_completion "show" help sh
 expect_completion "--json" --j
 expect_completion "mac" lookup "$name.json" m
 expect_completion "mac host vlan" --json map "$name.json" ""
@@ -76,6 +78,9 @@ expect_completion "another.json" load an
 expect_completion "--chip" clear "$name.json" --c
 expect_completion "csv" dump "$name.json" mac --as c
 expect_completion "" lookup "$name.json" mac 0 ""
+
+complaints=$(tessel load "$name.json" mac - 2>&1 <&-) && fail "a closed standard input was read"
+[[ $complaints == *"standard input: cannot be read"* ]] || fail "$complaints"
 
 for page in "$sources"/man/*; do
    complaints=$(groff -mandoc -Tutf8 -ww -z "$page" 2>&1)

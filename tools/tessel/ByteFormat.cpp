@@ -43,7 +43,14 @@ void appendAddress( std::string& text, int family, std::string_view bytes ) {
 }
 
 std::string parseNumber( std::string_view text, std::span<char> target ) {
+   if ( text.find_first_of( ":." ) != std::string_view::npos ) {
+      std::string const problem = parseHex( text, target );
+      return problem.empty() ? problem : joined( "is no uint: as bytes it ", problem );
+   }
    bool const isHex = text.starts_with( "0x" ) || text.starts_with( "0X" );
+   if ( !isHex && text.size() > 1 && text[ 0 ] == '0' ) {
+      return joined( "begins with a 0: a decimal number does not, and hex is 0x", text );
+   }
    std::string_view const digits = text.substr( isHex ? 2 : 0 );
    U64 number = 0;
    char const* const end = digits.data() + digits.size();

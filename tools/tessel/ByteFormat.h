@@ -8,10 +8,11 @@
 ///    mac      6 or 8     02:00:5e:00:53:01   02005e005301, 0200.5e00.5301
 ///    ipv4     4          192.0.2.1           c0000201, c0:00:02:01
 ///    ipv6     16         2001:db8::1         hex digits, with ':' between bytes
-///    uint     1 to 8     4094                0xffe
+///    uint     1 to 8     4094                0xffe, 0f:fe
 ///
-/// A number's bytes are high byte first. A '.' in an ipv4 always stands between decimal numbers,
-/// and digits of a uint without 0x are decimal.
+/// A number's bytes are high byte first. A '.' in an ipv4 always stands between decimal numbers.
+/// Digits of a uint without 0x are decimal, and a 0 in front of others is refused: it would be taken
+/// for the bare hex of the JSON form.
 ///
 /// Threads: functions of their arguments alone.
 

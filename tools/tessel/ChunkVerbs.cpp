@@ -126,6 +126,7 @@ ExitStatus init( Arguments const& arguments, Context const& context ) {
 ExitStatus remove( Arguments const& arguments, Context const& context ) {
    std::string const chunk =
       namesChunk( arguments.plan ) ? arguments.plan : readPlan( arguments.plan ).chunk;
+   ChunkLock const lock( chunk );
    U32 bytes = 0;
    std::vector<Frame> const frames = framesToRemove( chunk, bytes, arguments.force );
    if ( frames.empty() && !arguments.force ) {

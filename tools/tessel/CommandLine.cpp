@@ -40,6 +40,12 @@ constexpr std::string_view footer =
    "  tessel verify l2.json\n"
    "  tessel remove l2.json";
 
+constexpr std::string_view helpVerb = "help";
+
+constexpr std::string_view writingNote =
+   "Stop the agent first: two writers of one table know nothing of each other, and entries get\n"
+   "lost. A second tessel that would write to the chunk meanwhile is refused.\n\n";
+
 void addWord( CLI::App& command, Word const& word, Arguments& arguments ) {
    command
       .add_option( std::string( word.name.substr( 0, word.name.find( '|' ) ) ),
@@ -74,13 +80,14 @@ void addVerbs( CLI::App& app, Arguments& arguments ) {
    for ( Verb const& verb : verbs() ) {
       CLI::App* const command =
          app.add_subcommand( std::string( verb.name ), std::string( verb.summary ) );
-      command->footer( joined( "Examples:\n", verb.examples ) );
+      command->footer( joined( verb.writes ? writingNote : "", "Examples:\n", verb.examples ) );
       forEachName( verb.words,
                    [ & ]( auto name ) { addWord( *command, named( words(), name ), arguments ); } );
       forEachName( verb.options, [ & ]( auto name ) {
          addOption( *command, named( options(), name ), arguments );
       } );
    }
+   app.add_subcommand( std::string( helpVerb ), "The help of a verb: tessel help VERB" );
    app.require_subcommand( 1 );
 }
 
@@ -108,6 +115,7 @@ std::string adviceFor( std::vector<std::string_view> const& words ) {
    for ( Verb const& verb : verbs() ) {
       names.push_back( verb.name );
    }
+   names.push_back( helpVerb );
    auto const verb =
       std::find_if_not( words.begin(), words.end(), []( auto word ) { return word == "--json"; } );
    if ( verb == words.end() ) {
@@ -126,7 +134,8 @@ std::string adviceFor( std::vector<std::string_view> const& words ) {
    if ( std::find( verb, words.end(), "--json" ) != words.end() ) {
       return joined( "--json comes before the verb: tessel --json ", *verb );
    }
-   return adviceForOptions( *verbNamed( *verb ), { verb + 1, words.end() } );
+   return *verb == helpVerb ? std::string()
+                            : adviceForOptions( *verbNamed( *verb ), { verb + 1, words.end() } );
 }
 
 [[noreturn]] void refuseUsage( std::vector<std::string_view> const& words,
@@ -145,14 +154,34 @@ std::string adviceFor( std::vector<std::string_view> const& words ) {
    throw Failure( text, ExitStatus::usage );
 }
 
-/// The words behind the tool's name; `help VERB` stands for `VERB --help`.
+/// `help VERB` stands for `VERB --help`.
+std::vector<std::string> helpWords( std::vector<std::string> const& typed ) {
+   if ( typed.size() > 2 ) {
+      throw Failure( "help takes one verb; tessel --help lists them", ExitStatus::usage );
+   }
+   if ( typed.back() == helpVerb ) {
+      return { "--help" };
+   }
+   if ( !typed.back().starts_with( '-' ) && !verbNamed( typed.back() ) ) {
+      throw Failure( adviceFor( { typed.begin() + 1, typed.end() } ), ExitStatus::usage );
+   }
+   std::vector<std::string> words( typed.begin() + 1, typed.end() );
+   words.emplace_back( "--help" );
+   return words;
+}
+
+/// The words behind the tool's name.
 std::vector<std::string> wordsTyped( int argc, char const* const* argv ) {
    std::vector<std::string> typed( argv + std::min( argc, 1 ), argv + argc );
-   if ( !typed.empty() && typed.front() == "help" ) {
-      typed.erase( typed.begin() );
-      typed.emplace_back( "--help" );
+   auto const isJson = []( std::string const& word ) { return word == "--json"; };
+   auto const first = std::find_if_not( typed.begin(), typed.end(), isJson );
+   if ( first == typed.end() || *first != helpVerb ) {
+      return typed;
    }
-   return typed;
+   if ( std::any_of( typed.begin(), typed.end(), isJson ) ) {
+      throw Failure( "help is text alone: leave --json out", ExitStatus::usage );
+   }
+   return helpWords( typed );
 }
 
 ExitStatus runWords( std::vector<std::string> const& typed, std::ostream& out ) {
@@ -179,11 +208,18 @@ ExitStatus runWords( std::vector<std::string> const& typed, std::ostream& out ) 
       refuseUsage( { typed.begin(), typed.end() }, app, error );
    }
    Verb const* const verb = verbNamed( app.get_subcommands().front()->get_name() );
+   if ( !verb ) { // help, behind a word that says no more
+      out << app.help();
+      return ExitStatus::done;
+   }
    return verb->action( arguments, { .out = out, .err = std::cerr, .json = json } );
 }
 
 /// A chunk or a pipe opened later must not become standard output or standard error.
 void occupyStandardDescriptors() {
+   if ( ::fcntl( STDIN_FILENO, F_GETFD ) < 0 ) { // to be read from it is an error, not an end
+      ::open( "/dev/null", O_WRONLY | O_CLOEXEC );
+   }
    int opened = 0;
    do {
       opened = ::open( "/dev/null", O_RDONLY | O_CLOEXEC );

@@ -129,7 +129,12 @@ Candidates allCandidates( Typed const& typed ) {
          found = { "--json", "--help", "--version" };
       } else {
          addVerbs( found );
+         found.emplace_back( "help" );
       }
+      return found;
+   }
+   if ( *verbWord == "help" ) {
+      addVerbs( found );
       return found;
    }
    if ( Verb const* const verb = verbNamed( *verbWord ) ) {

@@ -127,7 +127,7 @@ class Agent {
 
  private:
    Plan const& plan_;
-   Corvo::Ptr<TableManager> manager_;
+   WritingManager manager_;
 };
 
 class Demo {

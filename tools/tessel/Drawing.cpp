@@ -89,8 +89,8 @@ std::string titled( std::string_view title, std::string const& content ) {
    return joined( "<g class=\"tip\"><title>", title, "</title>", content, "</g>\n" );
 }
 
-std::string chipClass( Picture const& picture, U8 chip ) {
-   return joined( 'c', picture.chipPlace( chip ) % chipColours );
+std::string chipClass( U8 chip ) {
+   return joined( 'c', chip % chipColours );
 }
 
 std::string shareText( Picture const& picture ) {
@@ -223,12 +223,12 @@ class TableDrawing {
       for ( auto const& [ chip, used ] : picture_.occupancy.byChip ) {
          double const wide = inner * used / picture_.table.entries;
          drawn += titled( joined( "chip ", U32{ chip }, ": ", grouped( used ) ),
-                          rect( left, y_, wide, 8, chipClass( picture_, chip ) ) );
+                          rect( left, y_, wide, 8, chipClass( chip ) ) );
          left += wide;
          U32 const row = place / legendColumns;
          double const x = margin + inner / legendColumns * ( place % legendColumns );
          double const y = y_ + 20 + 20 * row;
-         drawn += rect( x, y, 10, 10, chipClass( picture_, chip ) );
+         drawn += rect( x, y, 10, 10, chipClass( chip ) );
          drawn += TesselTool::text(
             x + 15, y + 9, "legend", joined( "chip ", U32{ chip }, " · ", grouped( used ) ) );
          ++place;
@@ -265,7 +265,7 @@ class TableDrawing {
       for ( auto const& [ chip, used ] : cell.byChip ) {
          double const high = cellSide * used / picture_.slotsIn( index );
          bottom -= high;
-         drawn += rect( x, bottom, cellSide, high, chipClass( picture_, chip ) );
+         drawn += rect( x, bottom, cellSide, high, chipClass( chip ) );
       }
       return titled( cellTitle( index ), drawn );
    }

@@ -28,7 +28,12 @@ Form formOf( Arguments const& arguments, Context const& context ) {
                              nearest( *arguments.form, names ) ),
                      ExitStatus::usage );
    }
-   return static_cast<Form>( found - names.begin() );
+   auto const form = static_cast<Form>( found - names.begin() );
+   if ( context.json && form != Form::json ) {
+      throw Failure( joined( "--json and --as ", *found, " contradict each other: leave one out" ),
+                     ExitStatus::usage );
+   }
+   return form;
 }
 
 void printCsv( Inspection const& inspection, PlannedTable const& table, std::ostream& out ) {

@@ -276,6 +276,15 @@ bool isZero( VellumChunk const& chunk, U64 offset, U64 length ) {
                           "; nothing was changed: correct the plan" ) );
 }
 
+[[noreturn]] void refuseDamage( VellumChunk const& chunk, std::string_view what ) {
+   throw Failure( joined( "chunk ",
+                          inQuotes( chunk.name() ),
+                          " is damaged: ",
+                          what,
+                          "; nothing was changed: see what tessel verify finds, then remove the "
+                          "chunk and have its tables filled again" ) );
+}
+
 /// What stands where the table's header belongs.
 std::string otherThan( VellumChunk const& chunk, PlannedTable const& table ) {
    auto const there = recordAt<EmTableHeader>( chunk, table.offset - headerBytes );
@@ -289,27 +298,32 @@ std::string otherThan( VellumChunk const& chunk, PlannedTable const& table ) {
 }
 
 [[noreturn]] void refuseHeader( VellumChunk const& chunk, PlannedTable const& table ) {
-   refuse( chunk,
-           joined( "at offset ",
-                   table.offset - headerBytes,
-                   ", where the header of table ",
-                   inQuotes( table.name ),
-                   " with ",
-                   table.shadowSize,
-                   " bytes belongs, stands ",
-                   otherThan( chunk, table ) ) );
+   std::string const what = joined( "at offset ",
+                                    table.offset - headerBytes,
+                                    ", where the header of table ",
+                                    inQuotes( table.name ),
+                                    " with ",
+                                    table.shadowSize,
+                                    " bytes belongs, stands ",
+                                    otherThan( chunk, table ) );
+   // A trailer where the plan has it says that the plan is right.
+   if ( !frameAt( chunk, table.offset - headerBytes ) &&
+        trailerState( chunk, table ) == RecordState::there ) {
+      refuseDamage( chunk, what );
+   }
+   refuse( chunk, what );
 }
 
 void checkTrailer( VellumChunk const& chunk, PlannedTable const& table, bool framed ) {
    RecordState const trailer = trailerState( chunk, table );
    // The manager writes the trailer first, so there is no header without one.
    if ( trailer == RecordState::other || ( framed && trailer == RecordState::notYet ) ) {
-      refuse( chunk,
-              joined( "the trailer of table ",
-                      inQuotes( table.name ),
-                      " at offset ",
-                      U64{ table.offset } + table.shadowSize,
-                      " is damaged" ) );
+      refuseDamage( chunk,
+                    joined( "the trailer of table ",
+                            inQuotes( table.name ),
+                            " at offset ",
+                            U64{ table.offset } + table.shadowSize,
+                            " is damaged" ) );
    }
 }
 

@@ -67,6 +67,43 @@ Inspection inspectChunk( Arguments const& arguments, std::optional<Lengths> cons
    return inspection;
 }
 
+/// A frame whose end is not in the chunk does not keep one from looking into the others.
+void leaveOutCut( Inspection& inspection ) {
+   U32 const size = inspection.chunk->size();
+   std::erase_if( inspection.tables, [ & ]( InspectedTable const& inspected ) {
+      PlannedTable const& table = inspected.table;
+      bool const cut = U64{ table.offset } + table.shadowSize > size;
+      if ( cut ) {
+         inspection.leftOut.push_back( joined( "table ",
+                                               inQuotes( table.name ),
+                                               " says that it has ",
+                                               table.shadowSize,
+                                               " bytes at offset ",
+                                               table.offset,
+                                               ", which do not fit into the chunk of ",
+                                               size,
+                                               " bytes: it is left out" ) );
+      }
+      return cut;
+   } );
+   if ( inspection.tables.empty() && !inspection.leftOut.empty() ) {
+      throw Failure( inspection.leftOut.front() );
+   }
+}
+
+void checkSlots( std::vector<InspectedTable> const& tables ) {
+   for ( InspectedTable const& inspected : tables ) {
+      if ( !inspected.hasSlots ) {
+         throw Failure( joined( "table ",
+                                inQuotes( inspected.table.name ),
+                                " of ",
+                                inspected.table.shadowSize,
+                                " bytes is not made of slots for such keys and results: give other "
+                                "lengths, or name another table" ) );
+      }
+   }
+}
+
 } // namespace
 
 bool namesChunk( std::string const& word ) {
@@ -128,15 +165,9 @@ Inspection inspectSlots( Arguments const& arguments ) {
                  "or --key N and --result N" ),
          ExitStatus::usage );
    }
-   for ( InspectedTable const& inspected : inspection.tables ) {
-      if ( !inspection.plan && !inspected.hasSlots ) {
-         throw Failure( joined( "table ",
-                                inQuotes( inspected.table.name ),
-                                " of ",
-                                inspected.table.shadowSize,
-                                " bytes is not made of slots for such keys and results: give other "
-                                "lengths, or name another table" ) );
-      }
+   if ( !inspection.plan ) {
+      leaveOutCut( inspection );
+      checkSlots( inspection.tables );
    }
    return inspection;
 }

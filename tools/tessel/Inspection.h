@@ -24,6 +24,7 @@ struct Inspection {
    Corvo::Ptr<Vellum::VellumChunk> chunk{}; ///< open for reading
    std::optional<Plan> plan{};
    std::vector<InspectedTable> tables{}; ///< all, or the one that was asked for
+   std::vector<std::string> leftOut{};   ///< a line for each table that cannot be looked into
 };
 
 /// Lengths of keys and results that stand on the command line.
@@ -46,7 +47,8 @@ InspectedTable tableOf( Frame const& frame, std::optional<Lengths> const& length
 /// lengths beside a plan.
 Inspection inspect( Arguments const& arguments );
 
-/// As inspect; Failure when one of its exact tables has no slots to look at.
+/// As inspect, without tables that do not lie within the chunk. Failure when none is left, or when
+/// one of them is not made of slots of the lengths that are given.
 Inspection inspectSlots( Arguments const& arguments );
 
 } // namespace TesselTool

@@ -26,8 +26,12 @@ CatchInterrupts::CatchInterrupts() {
    }
 }
 
+bool CatchInterrupts::isCaught() {
+   return caught != 0;
+}
+
 void CatchInterrupts::check() {
-   if ( caught != 0 ) {
+   if ( isCaught() ) {
       throw Interrupted( caught );
    }
 }

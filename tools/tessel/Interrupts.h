@@ -33,6 +33,8 @@ class CatchInterrupts {
 
    /// Interrupted, when one of the signals has come.
    static void check();
+   /// Whether one has come.
+   static bool isCaught();
    /// The signals act as they did before, at once: for a child process.
    void restore() const;
 

@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/tessel/Csv.h"
 #include "tools/tessel/EntryText.h"
+#include "tools/tessel/InputBuffer.h"
 #include "tools/tessel/Interrupts.h"
 #include "tools/tessel/Progress.h"
 #include "tools/tessel/Tables.h"
 #include "tools/tessel/Text.h"
 
-#include <cerrno>
-#include <fstream>
-#include <iostream>
+#include <istream>
 #include <span>
 #include <string_view>
 #include <system_error>
@@ -26,25 +25,32 @@ struct Counts {
    U64 bad = 0;     ///< lines
 };
 
-CsvInput readFrom( std::istream& stream, std::string const& name, PlannedTable const& table ) {
+CsvInput readInput( std::string const& file, PlannedTable const& table, std::ostream& err ) {
    CsvFormats const formats{ .key = table.keyFormat, .result = table.resultFormat };
+   InputBuffer buffer( file );
+   std::istream stream( &buffer );
+   CatchInterrupts const catching;
+   Progress progress( err, readingBytes, buffer.size() );
+   buffer.progressIs( &progress );
    CsvInput input = readCsv( stream, table.key, table.result, formats );
-   if ( stream.bad() ) {
-      throw Failure( joined( name, ": cannot be read to its end; nothing was loaded" ) );
+   CatchInterrupts::check();
+   if ( buffer.error() != 0 ) {
+      throw Failure( joined( buffer.name(),
+                             ": cannot be read to its end: ",
+                             std::generic_category().message( buffer.error() ),
+                             "; nothing was loaded" ) );
    }
    return input;
 }
 
-CsvInput readInput( std::string const& file, PlannedTable const& table ) {
-   if ( file == "-" ) {
-      return readFrom( std::cin, "standard input", table );
+CsvInput
+readOrSayNothingLoaded( std::string const& file, PlannedTable const& table, std::ostream& err ) {
+   try {
+      return readInput( file, table, err );
+   } catch ( Interrupted const& ) {
+      printError( err, "interrupted while the input was read: nothing was loaded" );
+      throw;
    }
-   std::ifstream stream( file, std::ios::binary );
-   if ( !stream ) {
-      throw Failure(
-         joined( file, ": cannot be opened: ", std::generic_category().message( errno ) ) );
-   }
-   return readFrom( stream, file, table );
 }
 
 void printBadLines( CsvInput const& input, std::string const& file, std::ostream& err ) {
@@ -155,7 +161,7 @@ void loadEntries( Plan const& plan,
    auto const table =
       Corvo::dynamicPtr<Tessel::EmShadowTable>( manager->managedTable( planned.name ) );
    CatchInterrupts const catching;
-   Progress progress( err, entries.size() );
+   Progress progress( err, loadingEntries, entries.size() );
    Block block( *table, planned );
    for ( std::size_t done = 0; done < entries.size(); progress.doneIs( done ) ) {
       CatchInterrupts::check();
@@ -209,10 +215,12 @@ ExitStatus load( Arguments const& arguments, Context const& context ) {
    Plan const plan = readPlan( arguments.plan );
    PlannedTable const& table = plannedTable( plan, arguments.table );
    refuseDirect( table );
-   CsvInput const input = readInput( arguments.file, table );
+   CsvInput const input = readOrSayNothingLoaded( arguments.file, table, context.err );
    printBadLines( input, arguments.file, context.err );
    Counts counts{ .bad = input.badLines };
-   if ( counts.bad == 0 || arguments.keepGoing ) {
+   bool const wanted = counts.bad == 0 || arguments.keepGoing;
+   // Nothing to add makes no chunk, but is refused as anything else is by one of another plan.
+   if ( wanted && ( !input.entries.empty() || isThere( plan.chunk ) ) ) {
       loadOrSayHowFar( plan, table, input.entries, counts, context.err );
    }
    printCounts( counts, arguments.keepGoing, context );

@@ -94,9 +94,7 @@ ExitStatus map( Arguments const& arguments, Context const& context ) {
    Inspection const inspection = inspectSlots( arguments );
    if ( arguments.out ) {
       draw( inspection, *arguments.out, asPage, context );
-      return ExitStatus::done;
-   }
-   if ( context.json ) {
+   } else if ( context.json ) {
       constexpr PictureSize size{ .cells = 1024 }; // whatever the terminal
       printJson( context, picturesOf( inspection, size ) );
    } else {
@@ -104,7 +102,10 @@ ExitStatus map( Arguments const& arguments, Context const& context ) {
       printPictures( context,
                      picturesOf( inspection, { .cells = cellsFor( terminalSize(), rows ) } ) );
    }
-   return ExitStatus::done;
+   for ( std::string const& line : inspection.leftOut ) {
+      printError( context.err, line );
+   }
+   return inspection.leftOut.empty() ? ExitStatus::done : ExitStatus::refused;
 }
 
 } // namespace TesselTool

@@ -28,47 +28,35 @@ std::string entryText( PlannedTable const& table, Slot const& slot ) {
 
 // ------------------------------------------------------------------------- in a terminal
 
-char letterOf( std::size_t place, std::string_view letters = "abcdefghijklmnopqrstuvwxyz" ) {
-   return place < letters.size() ? letters[ place ] : '#';
-}
-
-/// How full a cell is, in a letter of its own for each chip when it cannot be coloured.
+/// How full a cell is; where it can only be told in ASCII, whose it is.
 std::string cellText( Picture const& picture, std::size_t index, Style style ) {
    constexpr std::array<std::string_view, 9> levels{ "·", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█" };
    Cell const& cell = picture.cells[ index ];
-   U32 const slots = picture.slotsIn( index );
    if ( style.unicode ) {
+      U32 const slots = picture.slotsIn( index );
       U64 const level = ( U64{ cell.used } * 8 + slots - 1 ) / slots;
       return std::string( levels[ std::min<U64>( level, 8 ) ] );
    }
-   if ( cell.used == 0 ) {
-      return ".";
-   }
-   return std::string( 1,
-                       letterOf( picture.chipPlace( cell.mainChip() ),
-                                 cell.used == slots ? "ABCDEFGHIJKLMNOPQRSTUVWXYZ"
-                                                    : "abcdefghijklmnopqrstuvwxyz" ) );
+   return std::string( 1, cell.used == 0 ? '.' : chipLetter( cell.mainChip() ) );
 }
 
 std::string cellInColour( Picture const& picture, std::size_t index, Style style ) {
    Cell const& cell = picture.cells[ index ];
    std::string const text = cellText( picture, index, style );
-   return cell.used == 0
-             ? coloured( style, text, "2" )
-             : coloured( style, text, chipColour( picture.chipPlace( cell.mainChip() ) ) );
+   return cell.used == 0 ? coloured( style, text, "2" )
+                         : coloured( style, text, chipColour( cell.mainChip() ) );
 }
 
 void printChips( std::ostream& out, Picture const& picture, Style style ) {
    constexpr U32 width = 24;
    for ( auto const& [ chip, used ] : picture.occupancy.byChip ) {
-      std::size_t const place = picture.chipPlace( chip );
       std::string const letter =
-         style.unicode ? std::string( "■" ) : std::string( 1, letterOf( place ) );
-      out << "  " << coloured( style, letter, chipColour( place ) ) << " chip " << std::left
+         style.unicode ? std::string( "■" ) : std::string( 1, chipLetter( chip ) );
+      out << "  " << coloured( style, letter, chipColour( chip ) ) << " chip " << std::left
           << std::setw( 3 ) << U32{ chip } << std::right << "  "
           << coloured( style,
                        bar( used, picture.table.entries, width, style.unicode ),
-                       chipColour( place ) )
+                       chipColour( chip ) )
           << "  " << grouped( used ) << '\n';
    }
 }
@@ -126,11 +114,6 @@ U8 Cell::mainChip() const {
 U32 Picture::slotsIn( std::size_t cell ) const {
    U64 const first = U64{ slotsPerCell } * cell;
    return static_cast<U32>( std::min<U64>( slotsPerCell, table.entries - first ) );
-}
-
-std::size_t Picture::chipPlace( U8 chip ) const {
-   return static_cast<std::size_t>(
-      std::distance( occupancy.byChip.begin(), occupancy.byChip.lower_bound( chip ) ) );
 }
 
 Picture pictureOf( Vellum::VellumChunk const& chunk,

@@ -32,8 +32,6 @@ struct Picture {
    std::vector<Cell> cells{};
 
    U32 slotsIn( std::size_t cell ) const;
-   /// A chip's place among those that have entries, which is its colour.
-   std::size_t chipPlace( U8 chip ) const;
 };
 
 struct PictureSize {

@@ -10,25 +10,34 @@
 
 namespace TesselTool {
 
-std::string progressText( U64 done, U64 total, std::chrono::duration<double> elapsed ) {
+std::string progressText( Work const& work,
+                          U64 done,
+                          std::optional<U64> total,
+                          std::chrono::duration<double> elapsed ) {
    double const rate = static_cast<double>( done ) / std::max( elapsed.count(), 1e-9 );
-   std::string text = joined( grouped( done ), " of ", counted( total, "entry", "entries" ) );
-   if ( done == 0 || done > total ) {
+   std::string const speed =
+      joined( ", ", grouped( static_cast<U64>( std::llround( rate ) ) ), " a second" );
+   if ( !total ) {
+      return joined( work.doing, counted( done, work.one, work.many ), speed );
+   }
+   std::string const text =
+      joined( work.doing, grouped( done ), " of ", counted( *total, work.one, work.many ) );
+   if ( done == 0 || done > *total ) {
       return text;
    }
-   double const left = static_cast<double>( total - done ) / rate;
+   double const left = static_cast<double>( *total - done ) / rate;
    return joined( text,
                   ", ",
-                  done * 100 / total,
-                  " %, ",
-                  grouped( static_cast<U64>( std::llround( rate ) ) ),
-                  " a second, ",
+                  done * 100 / *total,
+                  " %",
+                  speed,
+                  ", ",
                   grouped( static_cast<U64>( std::ceil( left ) ) ),
                   " s left" );
 }
 
-Progress::Progress( std::ostream& err, U64 total )
-      : err_( err ), total_( total ), shown_( ::isatty( STDERR_FILENO ) == 1 ) {}
+Progress::Progress( std::ostream& err, Work const& work, std::optional<U64> total )
+      : err_( err ), work_( work ), total_( total ), shown_( ::isatty( STDERR_FILENO ) == 1 ) {}
 
 Progress::~Progress() {
    if ( drawn_ ) {
@@ -42,7 +51,8 @@ void Progress::doneIs( U64 done ) {
    }
    next_ = Clock::now() + std::chrono::milliseconds( 100 );
    drawn_ = true;
-   err_ << '\r' << progressText( done, total_, Clock::now() - start_ ) << "\x1b[K" << std::flush;
+   err_ << '\r' << progressText( work_, done, total_, Clock::now() - start_ ) << "\x1b[K"
+        << std::flush;
 }
 
 } // namespace TesselTool

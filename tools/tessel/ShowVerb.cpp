@@ -68,10 +68,13 @@ std::string chipList( Row const& row ) {
    return list.empty() ? "-" : list;
 }
 
-void printPlan( std::ostream& out, Plan const& plan, std::vector<Row> const& rows ) {
+void printPlan( std::ostream& out, Plan const& plan, U32 chunkSize, std::vector<Row> const& rows ) {
    out << "agent " << inQuotes( plan.agent ) << ", chunk " << printable( plan.chunk ) << ", "
-       << counted( plan.size, "byte", "bytes" ) << ", " << counted( rows.size(), "table", "tables" )
-       << '\n';
+       << counted( chunkSize, "byte", "bytes" );
+   if ( chunkSize != plan.size ) {
+      out << " (planned: " << grouped( plan.size ) << ')';
+   }
+   out << ", " << counted( rows.size(), "table", "tables" ) << '\n';
    Columns columns( { { "table" },
                       { "kind" },
                       { "entries", Align::right },
@@ -151,7 +154,7 @@ ExitStatus show( Arguments const& arguments, Context const& context ) {
    if ( context.json ) {
       printJson( context, rows, inspection.plan.has_value() );
    } else if ( inspection.plan ) {
-      printPlan( context.out, *inspection.plan, rows );
+      printPlan( context.out, *inspection.plan, inspection.chunk->size(), rows );
    } else {
       printChunk( context.out, *inspection.chunk, rows );
    }

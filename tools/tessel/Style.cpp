@@ -79,9 +79,15 @@ std::string coloured( Style style, std::string_view text, std::string_view code 
    return style.colour ? joined( "\x1b[", code, 'm', text, "\x1b[0m" ) : std::string( text );
 }
 
-std::string chipColour( std::size_t n ) {
-   constexpr std::array<U32, 8> colours{ 33, 214, 36, 175, 117, 166, 141, 246 };
-   return joined( "38;5;", colours[ n % colours.size() ] );
+std::string chipColour( U8 chip ) {
+   constexpr std::array<U32, chipColours> colours{ 33,  214, 36, 175, 117, 166, 141, 246,
+                                                   113, 160, 44, 226, 94,  201, 61,  223 };
+   return joined( "38;5;", colours[ chip % chipColours ] );
+}
+
+char chipLetter( U8 chip ) {
+   constexpr std::string_view letters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+   return letters[ chip % letters.size() ];
 }
 
 } // namespace TesselTool

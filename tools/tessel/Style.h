@@ -32,8 +32,15 @@ TerminalSize terminalSize();
 /// The text in a colour or weight, "32" for green, where the style has colour.
 std::string coloured( Style style, std::string_view text, std::string_view code );
 
-/// The colour of the n-th chip that a picture shows, in the terminal's 256.
-std::string chipColour( std::size_t n );
+/// Chips of numbers this far apart look alike. DrawingStyle.h has as many.
+inline constexpr U32 chipColours = 16;
+
+/// The chip's colour in the terminal's 256: by its number, so that it has the same in every table
+/// and at any time.
+std::string chipColour( U8 chip );
+
+/// The chip's letter where there is no colour: a to z, then A to Z, and from the front again.
+char chipLetter( U8 chip );
 
 /// A bar `width` characters wide of which `value` of `full` is filled.
 std::string bar( U64 value, U64 full, U32 width, bool unicode );

@@ -45,16 +45,22 @@ Chunk createIfMissing( Plan const& plan ) {
 }
 
 [[noreturn]] void refuseSize( VellumChunk const& chunk, Plan const& plan ) {
-   throw Failure( joined( "chunk ",
-                          inQuotes( chunk.name() ),
-                          " has ",
-                          chunk.size(),
-                          " bytes, the plan says ",
-                          plan.size,
-                          "; nothing was changed: correct the plan" ) );
+   throw Failure(
+      joined( "chunk ",
+              inQuotes( chunk.name() ),
+              " has ",
+              chunk.size(),
+              " bytes, the plan says ",
+              plan.size,
+              "; nothing was changed: correct the plan",
+              chunk.size() < plan.size ? ", or remove a chunk that was cut short" : "" ) );
 }
 
 } // namespace
+
+bool isThere( Corvo::String const& chunkName ) {
+   return openIfThere( chunkName, VellumChunk::Access::readOnly ) != nullptr;
+}
 
 Chunk openForReading( Corvo::String const& chunkName ) {
    Chunk chunk = openIfThere( chunkName, VellumChunk::Access::readOnly );
@@ -82,12 +88,14 @@ Corvo::Ptr<Tessel::EmShadowTable> tableForReading( Chunk const& chunk,
       planned.offset );
 }
 
-Corvo::Ptr<Tessel::TableManager> openForWriting( Plan const& plan, IfMissing ifMissing ) {
+WritingManager openForWriting( Plan const& plan, IfMissing ifMissing ) {
+   ChunkLock lock( plan.chunk );
    Chunk chunk = openIfThere( plan.chunk, VellumChunk::Access::readWrite );
    if ( !chunk && ifMissing == IfMissing::create ) {
       chunk = createIfMissing( plan );
+      lock = ChunkLock( plan.chunk );
       if ( chunk ) {
-         return manageTables( plan, chunk );
+         return { std::move( lock ), manageTables( plan, chunk ) };
       }
       chunk = openIfThere( plan.chunk, VellumChunk::Access::readWrite );
    }
@@ -98,7 +106,7 @@ Corvo::Ptr<Tessel::TableManager> openForWriting( Plan const& plan, IfMissing ifM
       refuseSize( *chunk, plan );
    }
    checkFrames( *chunk, plan, FrameUse::writing );
-   return manageTables( plan, chunk );
+   return { std::move( lock ), manageTables( plan, chunk ) };
 }
 
 Corvo::Ptr<Tessel::TableManager> manageTables( Plan const& plan, Chunk const& chunk ) {

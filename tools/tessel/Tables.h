@@ -9,6 +9,7 @@
 /// Threads: as Tessel/TableManager.h.
 
 #include "Tessel/TableManager.h"
+#include "tools/tessel/ChunkLock.h"
 #include "tools/tessel/Plan.h"
 
 namespace TesselTool {
@@ -24,11 +25,28 @@ Corvo::Ptr<Vellum::VellumChunk> openForReading( Corvo::String const& chunkName )
 Corvo::Ptr<Tessel::EmShadowTable> tableForReading( Corvo::Ptr<Vellum::VellumChunk> const& chunk,
                                                    PlannedTable const& planned );
 
+/// Whether there is a chunk of this name, which can be opened for reading.
+bool isThere( Corvo::String const& chunkName );
+
 enum class IfMissing { refuse, create };
 
+/// A manager, and what keeps other commands from writing meanwhile.
+class WritingManager {
+ public:
+   WritingManager( ChunkLock lock, Corvo::Ptr<Tessel::TableManager> manager )
+         : lock_( std::move( lock ) ), manager_( std::move( manager ) ) {}
+
+   Tessel::TableManager* operator->() const { return manager_.get(); }
+   Tessel::TableManager& operator*() const { return *manager_; }
+
+ private:
+   ChunkLock lock_;
+   Corvo::Ptr<Tessel::TableManager> manager_;
+};
+
 /// A manager that has made the agent's manage calls, over the chunk or, where it may, over a new
-/// one. Every table of the plan is among managedTables().
-Corvo::Ptr<Tessel::TableManager> openForWriting( Plan const& plan, IfMissing ifMissing );
+/// one. Every table of the plan is among managedTables(). Failure also while another command writes.
+WritingManager openForWriting( Plan const& plan, IfMissing ifMissing );
 
 /// The same over a chunk that is open already, unchecked.
 Corvo::Ptr<Tessel::TableManager> manageTables( Plan const& plan,

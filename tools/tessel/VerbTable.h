@@ -40,6 +40,7 @@ struct Verb {
    std::string_view options; ///< names of options, likewise
    std::string_view examples;
    Action action;
+   bool writes = false; ///< to a chunk that an agent may have open
 };
 
 std::span<Verb const> verbs();

@@ -18,26 +18,25 @@ class Findings {
    Findings( Context const& context, std::string chunk )
          : context_( context ), chunk_( std::move( chunk ) ) {}
 
+   /// Problems to be printed where their offsets belong among those that are added.
+   void framesAre( std::vector<FrameProblem> problems ) {
+      frames_ = std::move( problems );
+      std::stable_sort( frames_.begin(), frames_.end(), []( auto const& a, auto const& b ) {
+         return a.offset > b.offset;
+      } );
+   }
+
    void add( FrameProblem const& found ) {
-      if ( context_.json ) {
-         context_.out << ( count_ == 0 ? "{\"clean\":false,\"problems\":[\n" : ",\n" )
-                      << JsonObject()
-                            .number( "offset", found.offset )
-                            .text( "table", found.table )
-                            .text( "problem", found.problem )
-                            .text();
-      } else {
-         context_.out << printable( chunk_ ) << " offset " << found.offset
-                      << ( found.table.empty() ? "" : ", table " + inQuotes( found.table ) ) << ": "
-                      << printable( found.problem ) << '\n';
-      }
-      ++count_;
+      printFramesTo( found.offset );
+      print( found );
    }
 
    /// The verdict over so many tables, of which the slots of `unseen` were not looked at.
    ExitStatus end( std::size_t tables, std::size_t unseen ) {
+      printFramesTo( ~U64{ 0 } );
       if ( context_.json ) {
-         context_.out << ( count_ == 0 ? "{\"clean\":true,\"problems\":[]}\n" : "]}\n" );
+         context_.out << ( count_ == 0 ? "{\"clean\":true,\"problems\":[]" : "]" )
+                      << ",\"slotsChecked\":" << ( unseen == 0 ? "true" : "false" ) << "}\n";
       } else if ( count_ == 0 ) {
          context_.out << "chunk " << printable( chunk_ )
                       << " is sound: " << counted( tables, "table", "tables" );
@@ -53,19 +52,32 @@ class Findings {
    }
 
  private:
+   void print( FrameProblem const& found ) {
+      if ( context_.json ) {
+         context_.out << ( count_ == 0 ? "{\"clean\":false,\"problems\":[\n" : ",\n" )
+                      << JsonObject()
+                            .number( "offset", found.offset )
+                            .text( "table", found.table )
+                            .text( "problem", found.problem )
+                            .text();
+      } else {
+         context_.out << printable( chunk_ ) << " offset " << found.offset
+                      << ( found.table.empty() ? "" : ", table " + inQuotes( found.table ) ) << ": "
+                      << printable( found.problem ) << '\n';
+      }
+      ++count_;
+   }
+   void printFramesTo( U64 offset ) {
+      for ( ; !frames_.empty() && frames_.back().offset <= offset; frames_.pop_back() ) {
+         print( frames_.back() );
+      }
+   }
+
    Context const& context_;
    std::string chunk_;
+   std::vector<FrameProblem> frames_{}; ///< not printed yet, the last ones first
    U64 count_ = 0;
 };
-
-void addAll( Findings& findings, std::vector<FrameProblem> problems ) {
-   std::stable_sort( problems.begin(), problems.end(), []( auto const& a, auto const& b ) {
-      return a.offset < b.offset;
-   } );
-   for ( FrameProblem const& problem : problems ) {
-      findings.add( problem );
-   }
-}
 
 void addSlots( Findings& findings, Vellum::VellumChunk const& chunk, PlannedTable const& table ) {
    verifySlots( chunk, table, [ & ]( FrameProblem const& found ) { findings.add( found ); } );
@@ -76,12 +88,33 @@ bool isWanted( Arguments const& arguments, PlannedTable const& table ) {
    return !arguments.someTable || *arguments.someTable == table.name;
 }
 
+/// Lengths that no table can have would look at nothing and find nothing.
+void checkLengths( Inspection const& inspection ) {
+   auto const& all = inspection.tables;
+   U32 const size = inspection.chunk->size();
+   bool const fits =
+      std::any_of( all.begin(), all.end(), []( auto const& table ) { return table.hasSlots; } );
+   bool const within = std::any_of( all.begin(), all.end(), [ & ]( auto const& inspected ) {
+      return U64{ inspected.table.offset } + inspected.table.shadowSize <= size;
+   } );
+   if ( within && !fits ) {
+      throw Failure( joined( "chunk ",
+                             inQuotes( inspection.chunk->name() ),
+                             " has no such table made of slots for such keys and results: give "
+                             "other lengths" ) );
+   }
+}
+
 ExitStatus verifyChunk( Arguments const& arguments, Context const& context ) {
    auto const lengths = lengthsIn( arguments );
-   auto const chunk = inspect( arguments ).chunk; // which has the table that is asked for
+   Inspection const inspection = inspect( arguments ); // which has the table that is asked for
+   if ( lengths ) {
+      checkLengths( inspection );
+   }
+   auto const& chunk = inspection.chunk;
    std::vector<Frame> const frames = findFrames( *chunk );
    Findings findings( context, arguments.plan );
-   addAll( findings, problemsOf( *chunk, frames ) );
+   findings.framesAre( problemsOf( *chunk, frames ) );
    std::size_t unseen = 0;
    for ( Frame const& frame : frames ) {
       InspectedTable const table = tableOf( frame, lengths, chunk->size() );
@@ -118,9 +151,9 @@ ExitStatus verifyPlan( Arguments const& arguments, Context const& context ) {
    auto problems = problemsOf( *chunk, frames );
    auto const more = problemsWith( *chunk, frames, plan );
    problems.insert( problems.end(), more.begin(), more.end() );
-   addAll( findings, std::move( problems ) );
+   findings.framesAre( std::move( problems ) );
    std::size_t unseen = 0;
-   for ( PlannedTable const& table : plan.tables ) {
+   for ( PlannedTable const& table : plan.tables ) { // in the order of their offsets
       U64 const end = U64{ table.offset } + table.shadowSize;
       bool const there = end <= chunk->size() && isFramed( frames, table );
       if ( table.kind == TableKind::exact && there && isWanted( arguments, table ) ) {

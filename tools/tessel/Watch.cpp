@@ -66,7 +66,6 @@ void addTable( Columns& columns, SeenTable const& seen, Look const& look, Style 
    };
    Change const& all = seen.seen.all;
    addRow( columns, printable( table.name ), "all", all, look, table.entries, draw( all ) );
-   std::size_t place = 0;
    for ( auto const& [ chip, change ] : seen.seen.byChip ) {
       addRow( columns,
               "",
@@ -74,7 +73,7 @@ void addTable( Columns& columns, SeenTable const& seen, Look const& look, Style 
               change,
               look,
               table.entries,
-              coloured( style, draw( change ), chipColour( place++ ) ) );
+              coloured( style, draw( change ), chipColour( chip ) ) );
    }
 }
 
