@@ -78,6 +78,14 @@ expect_completion "another.json" load an
 expect_completion "--chip" clear "$name.json" --c
 expect_completion "csv" dump "$name.json" mac --as c
 expect_completion "" lookup "$name.json" mac 0 ""
+expect_completion "mac" show "/$name" --table = m
+expect_completion "mac host" show "/$name" --table =
+expect_completion "another.json" map "$name.json" --out = an
+cp "$name.json" "a b.json"
+expect_completion "mac" lookup '"a b.json"' m
+expect_completion "mac" lookup 'a\ b.json' m
+# shellcheck disable=SC2088
+HOME=$PWD expect_completion "mac" lookup "~/$name.json" m
 
 complaints=$(tessel load "$name.json" mac - 2>&1 <&-) && fail "a closed standard input was read"
 [[ $complaints == *"standard input: cannot be read"* ]] || fail "$complaints"

@@ -4,8 +4,18 @@
 # that is a file.
 
 _tessel() {
-   local line word=${COMP_WORDS[COMP_CWORD]}
+   local line word
+   local -a words=()
    COMPREPLY=()
+   # An option and its value with a `=` between are two words here. Quotes and backslashes go, as they
+   # do when the line is run.
+   for word in "${COMP_WORDS[@]:1:COMP_CWORD}"; do
+      [ "$word" = = ] && continue
+      word=${word//[\\\'\"]/}
+      words+=("${word/#\~\//"$HOME/"}")
+   done
+   [ "${COMP_WORDS[COMP_CWORD]}" = = ] && words+=('')
+   word=${words[-1]}
    while IFS= read -r line; do
       if [ "$line" = :files ]; then
          compopt -o filenames 2>/dev/null
@@ -13,7 +23,7 @@ _tessel() {
       else
          COMPREPLY+=("$(printf '%q' "$line")")
       fi
-   done < <("${COMP_WORDS[0]}" __complete "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null)
+   done < <("${COMP_WORDS[0]}" __complete "${words[@]}" 2>/dev/null)
 }
 
 complete -F _tessel tessel
