@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/tessel/Progress.h"
 
+#include "tools/tessel/Style.h"
 #include "tools/tessel/Text.h"
 
 #include <cmath>
@@ -37,7 +38,8 @@ std::string progressText( Work const& work,
 }
 
 Progress::Progress( std::ostream& err, Work const& work, std::optional<U64> total )
-      : err_( err ), work_( work ), total_( total ), shown_( ::isatty( STDERR_FILENO ) == 1 ) {}
+      : err_( err ), work_( work ), total_( total ),
+        shown_( ::isatty( STDERR_FILENO ) == 1 && !terminalIsDumb() ) {}
 
 Progress::~Progress() {
    if ( drawn_ ) {

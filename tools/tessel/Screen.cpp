@@ -40,6 +40,21 @@ void write( std::string_view text ) {
    out << text << std::flush;
 }
 
+std::vector<std::string> fitting( std::vector<std::string> lines, std::size_t rows ) {
+   if ( lines.size() <= rows ) {
+      return lines;
+   }
+   std::string const last = lines.back();
+   std::size_t const kept = rows < 2 ? 0 : rows - 2;
+   std::size_t const missing = lines.size() - kept - 1;
+   lines.resize( kept );
+   if ( rows >= 2 ) {
+      lines.push_back( counted( missing, "more line", "more lines" ) + ", in a higher window" );
+   }
+   lines.push_back( last );
+   return lines;
+}
+
 timespec until( std::chrono::steady_clock::time_point deadline ) {
    using namespace std::chrono;
    auto const left = std::max( deadline - steady_clock::now(), steady_clock::duration::zero() );
@@ -118,7 +133,7 @@ void SignalWait::stopHere() {
 }
 
 bool Screen::isThere() {
-   return ::isatty( STDIN_FILENO ) == 1 && ::isatty( STDOUT_FILENO ) == 1;
+   return ::isatty( STDIN_FILENO ) == 1 && ::isatty( STDOUT_FILENO ) == 1 && !terminalIsDumb();
 }
 
 // From the other constructor on there is a Screen, which leaves when entering fails.
@@ -140,10 +155,11 @@ void Screen::leave() {
 }
 
 void Screen::show( std::vector<std::string> const& lines ) {
-   std::size_t const rows = std::min<std::size_t>( lines.size(), terminalSize().rows );
    std::string page = "\x1b[H";
-   for ( std::size_t i = 0; i < rows; ++i ) {
-      page += joined( i == 0 ? "" : "\r\n", lines[ i ], "\x1b[K" );
+   std::string_view before;
+   for ( std::string const& line : fitting( lines, terminalSize().rows ) ) {
+      page += joined( before, line, "\x1b[K" );
+      before = "\r\n";
    }
    write( page + "\x1b[J" );
 }

@@ -55,10 +55,11 @@ class Screen {
    Screen& operator=( Screen const& ) = delete;
    ~Screen() { leave(); }
 
-   /// Whether there is a terminal to read from and to write to.
+   /// Whether there is a terminal to read from and to write to, which can be drawn on.
    static bool isThere();
 
-   /// The lines from the top, as many as fit; the rest is blank.
+   /// The lines from the top; where they do not fit, as many as do, how many are missing, and the
+   /// last one.
    static void show( std::vector<std::string> const& lines );
 
    /// Goes back to the terminal as it was, and comes again.

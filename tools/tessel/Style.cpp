@@ -45,9 +45,13 @@ U32 numberIn( std::string const& text, U32 otherwise ) {
 } // namespace
 
 Style styleOfTerminal() {
-   bool const colour = ::isatty( STDOUT_FILENO ) == 1 && environment( "NO_COLOR" ).empty() &&
-                       environment( "TERM" ) != "dumb";
+   bool const colour =
+      ::isatty( STDOUT_FILENO ) == 1 && environment( "NO_COLOR" ).empty() && !terminalIsDumb();
    return { .colour = colour, .unicode = localeIsUtf8() };
+}
+
+bool terminalIsDumb() {
+   return environment( "TERM" ) == "dumb";
 }
 
 std::string bar( U64 value, U64 full, U32 width, bool unicode ) {

@@ -21,6 +21,9 @@ struct Style {
 /// the environment says UTF-8.
 Style styleOfTerminal();
 
+/// Whether the terminal takes text alone: TERM is "dumb".
+bool terminalIsDumb();
+
 struct TerminalSize {
    U32 columns = 80;
    U32 rows = 24;
