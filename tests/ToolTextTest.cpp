@@ -39,7 +39,10 @@ TEST( ToolText, theNearestNameTakesTheFewestChanges ) {
    std::vector<std::string_view> const names{ "show", "dump", "delete" };
    EXPECT_EQ( nearest( "shwo", names ), "show" );
    EXPECT_EQ( nearest( "del", names ), "delete" );
+   EXPECT_EQ( nearest( "SHWO", names ), "show" );
    EXPECT_EQ( nearest( "x", {} ), "" );
+   EXPECT_EQ( nearest( "frobnicate", names ), "" );
+   EXPECT_THAT( suggestion( "frobnicate", names ), ::testing::StartsWith( "; there is " ) );
 }
 
 TEST( ToolText, numbersAreGroupedByThree ) {

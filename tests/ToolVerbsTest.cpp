@@ -339,7 +339,7 @@ TEST_F( Tool, aChunkThatLetsOthersInIsRefused ) {
    EXPECT_EQ( bench.bytes(), "(missing)" ) << "nothing to load makes no chunk";
    load( "0,000000000001,0001\n" );
    std::filesystem::permissions( "/dev/shm" + bench.chunk(), std::filesystem::perms( 0644 ) );
-   expectError( run( { "show", plan } ), 1, "lets other users in" );
+   expectError( run( { "show", plan } ), 1, "; it has to be yours alone" );
 }
 
 // ------------------------------------------------------------------------- answers

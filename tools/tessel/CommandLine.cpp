@@ -99,11 +99,7 @@ std::string adviceForOptions( Verb const& verb, std::vector<std::string_view> co
       std::string_view const name = word.substr( 0, word.find( '=' ) );
       bool const known = std::find( names.begin(), names.end(), name ) != names.end();
       if ( name.starts_with( "--" ) && name.size() > 2 && !known ) {
-         return joined( verb.name,
-                        " has no option ",
-                        inQuotes( name ),
-                        "; the nearest is ",
-                        nearest( name, names ) );
+         return joined( verb.name, " has no option ", inQuotes( name ), suggestion( name, names ) );
       }
    }
    return {};
@@ -127,8 +123,7 @@ std::string adviceFor( std::vector<std::string_view> const& words ) {
    if ( std::find( names.begin(), names.end(), *verb ) == names.end() ) {
       return joined( "there is no verb ",
                      inQuotes( *verb ),
-                     "; the nearest is ",
-                     nearest( *verb, names ),
+                     suggestion( *verb, names ),
                      ", tessel --help lists them" );
    }
    if ( std::find( verb, words.end(), "--json" ) != words.end() ) {

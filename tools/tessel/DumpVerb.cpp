@@ -24,8 +24,8 @@ Form formOf( Arguments const& arguments, Context const& context ) {
    if ( found == names.end() ) {
       throw Failure( joined( "--as ",
                              inQuotes( *arguments.form ),
-                             " is no form; the nearest is ",
-                             nearest( *arguments.form, names ) ),
+                             " is no form",
+                             suggestion( *arguments.form, names ) ),
                      ExitStatus::usage );
    }
    auto const form = static_cast<Form>( found - names.begin() );

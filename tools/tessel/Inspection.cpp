@@ -38,8 +38,7 @@ InspectedTable const& namedIn( std::vector<InspectedTable> const& tables,
                           inQuotes( chunk ),
                           " has no table ",
                           inQuotes( name ),
-                          names.empty() ? "; it has none at all" : "; the nearest is ",
-                          names.empty() ? "" : inQuotes( nearest( name, names ) ) ) );
+                          suggestion( name, names, inQuotes ) ) );
 }
 
 Inspection inspectPlan( Arguments const& arguments ) {

@@ -113,11 +113,9 @@ ByteFormat formatIn( Fields& fields, std::string_view field, U32 bytes ) {
    std::string const name = fields.textOr( field, nameOf( ByteFormat::hex ) );
    auto const format = byteFormatOf( name );
    if ( !format ) {
-      fields.refuse( field,
-                     joined( "unknown format ",
-                             inQuotes( name ),
-                             "; the nearest is ",
-                             nearest( name, byteFormatNames() ) ) );
+      fields.refuse(
+         field,
+         joined( "unknown format ", inQuotes( name ), suggestion( name, byteFormatNames() ) ) );
    }
    if ( std::string const problem = lengthProblem( *format, bytes ); !problem.empty() ) {
       fields.refuse( field, joined( name, ' ', problem ) );
@@ -218,7 +216,10 @@ Plan readPlan( std::string const& path ) {
    std::ifstream file( path, std::ios::binary );
    if ( !file ) {
       throw Failure(
-         joined( path, ": cannot be opened: ", std::generic_category().message( errno ) ) );
+         joined( path,
+                 ": cannot be opened: ",
+                 std::generic_category().message( errno ),
+                 errno == ENOENT ? "; name an agent's plan, or have tessel init write one" : "" ) );
    }
    std::string text( static_cast<std::size_t>( largest ) + 1, '\0' );
    file.read( text.data(), largest + 1 );
@@ -240,10 +241,8 @@ PlannedTable const& plannedTable( Plan const& plan, std::string_view name ) {
       }
       names.emplace_back( table.name );
    }
-   throw Failure( joined( "the plan has no table ",
-                          inQuotes( name ),
-                          names.empty() ? "; it has none at all" : "; the nearest is ",
-                          names.empty() ? "" : inQuotes( nearest( name, names ) ) ) );
+   throw Failure(
+      joined( "the plan has no table ", inQuotes( name ), suggestion( name, names, inQuotes ) ) );
 }
 
 } // namespace TesselTool

@@ -117,7 +117,7 @@ Fields::Fields( Json const& json, std::string path, std::span<std::string_view c
    }
    for ( auto const& [ field, value ] : json.items() ) {
       if ( std::find( known.begin(), known.end(), field ) == known.end() ) {
-         refuse( field, joined( "unknown field; the nearest is ", nearest( field, known ) ) );
+         refuse( field, "unknown field" + suggestion( field, known ) );
       }
    }
 }

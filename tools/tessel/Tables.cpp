@@ -14,6 +14,21 @@ namespace {
 using Vellum::VellumChunk;
 using Chunk = Corvo::Ptr<VellumChunk>;
 
+/// What to do about a chunk that cannot be opened.
+std::string adviceFor( std::system_error const& failure, Corvo::String const& name ) {
+   if ( failure.code() == std::errc::invalid_argument && isChunkName( name ) ) { // empty
+      return "; try again if somebody is creating it just now, or else tessel remove --force";
+   }
+   if ( failure.code() == std::errc::permission_denied ) {
+      return joined( "; it has to be yours alone: chmod 600 /dev/shm",
+                     printable( name ),
+                     " if you trust what it holds, or else tessel remove --force" );
+   }
+   return failure.code() == std::errc::too_many_symbolic_link_levels
+             ? "; name the chunk that it leads to, or have the link removed"
+             : "";
+}
+
 /// Null when there is no chunk of this name.
 Chunk openIfThere( Corvo::String const& name, VellumChunk::Access access ) {
    try {
@@ -22,7 +37,7 @@ Chunk openIfThere( Corvo::String const& name, VellumChunk::Access access ) {
       if ( failure.code() == std::errc::no_such_file_or_directory ) {
          return nullptr;
       }
-      throw Failure( failure.what() );
+      throw Failure( joined( failure.what(), adviceFor( failure, name ) ) );
    }
 }
 

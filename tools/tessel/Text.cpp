@@ -74,6 +74,14 @@ void appendEscaped( std::string& line, std::string_view bytes ) {
    }
 }
 
+std::string inSmallLetters( std::string_view text ) {
+   std::string small( text );
+   for ( char& c : small ) {
+      c = c >= 'A' && c <= 'Z' ? static_cast<char>( c - 'A' + 'a' ) : c;
+   }
+   return small;
+}
+
 std::size_t distance( std::string_view a, std::string_view b ) {
    std::vector<std::size_t> row( b.size() + 1 );
    std::iota( row.begin(), row.end(), std::size_t{ 0 } );
@@ -120,18 +128,38 @@ std::string inQuotes( std::string_view text ) {
 
 std::string_view nearest( std::string_view wanted, std::span<std::string_view const> names ) {
    constexpr std::size_t longest = 64; // the work grows with the product of the lengths
-   auto const begun = std::find_if( names.begin(), names.end(), [ & ]( auto name ) {
-      return !wanted.empty() && name.starts_with( wanted );
-   } );
-   if ( begun != names.end() ) {
-      return *begun;
+   std::string const folded = inSmallLetters( wanted.substr( 0, longest ) );
+   std::size_t fewest =
+      std::min( folded.size(), std::max<std::size_t>( folded.size() / 3, 2 ) + 1 );
+   std::string_view found;
+   for ( std::string_view const name : names ) {
+      std::string const other = inSmallLetters( name );
+      if ( !folded.empty() && other.starts_with( folded ) ) {
+         return name;
+      }
+      if ( std::size_t const changes = distance( folded, other ); changes < fewest ) {
+         fewest = changes;
+         found = name;
+      }
    }
-   auto const closer = [ & ]( std::string_view a, std::string_view b ) {
-      return distance( wanted.substr( 0, longest ), a ) <
-             distance( wanted.substr( 0, longest ), b );
-   };
-   auto const found = std::min_element( names.begin(), names.end(), closer );
-   return found == names.end() ? std::string_view() : *found;
+   return found;
+}
+
+std::string suggestion( std::string_view wanted,
+                        std::span<std::string_view const> names,
+                        std::string ( *shown )( std::string_view ) ) {
+   constexpr std::size_t most = 8;
+   if ( names.empty() ) {
+      return "; it has none at all";
+   }
+   if ( std::string_view const near = nearest( wanted, names ); !near.empty() ) {
+      return "; the nearest is " + shown( near );
+   }
+   std::string list;
+   for ( std::string_view const name : names.first( std::min( names.size(), most ) ) ) {
+      list += joined( list.empty() ? "; there is " : ", ", shown( name ) );
+   }
+   return names.size() > most ? joined( list, " and ", names.size() - most, " more" ) : list;
 }
 
 std::string grouped( U64 number ) {

@@ -29,9 +29,14 @@ std::string printable( std::string_view text );
 /// The text in quotes, cut to 64 bytes, for a message about an input.
 std::string inQuotes( std::string_view text );
 
-/// The name that begins so, else the one that takes the fewest changed letters to reach; empty when
-/// there are no names.
+/// The name that begins so, else the one that takes the fewest changed letters to reach, two or a
+/// third of them at most; empty when there is none. Capitals count as small letters.
 std::string_view nearest( std::string_view wanted, std::span<std::string_view const> names );
+
+/// What to say behind a name that is none of `names`: "; the nearest is NAME", or some of them.
+std::string suggestion( std::string_view wanted,
+                        std::span<std::string_view const> names,
+                        std::string ( *shown )( std::string_view ) = printable );
 
 /// 1234567 as "1,234,567".
 std::string grouped( U64 number );
