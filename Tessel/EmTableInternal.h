@@ -75,8 +75,8 @@ inline void traceTableDelete( Brine::ChipId chip ) {
    emTableTrace( { 7, operation }, "EmShadowTable::", operation, " chipId:", chip );
 }
 
-/// How many entries a restart or a removal works on at once: enough to hide the time of a cache miss behind
-/// the work on the others, few enough that what was fetched is still there.
+/// How many entries a restart or a removal works on at once: enough to hide the time of a cache miss
+/// behind the work on the others, few enough that what was fetched is still there.
 inline constexpr U32 bulkBlock = 32;
 /// How many entries a bulk call takes from one stage to the next at once: so long it takes, at the
 /// least, until what a stage has fetched is needed.
