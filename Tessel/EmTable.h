@@ -149,11 +149,13 @@ class [[gnu::visibility( "default" )]] EmTableFapIndices : public Corvo::Node {
 
    /// A new object without members. std::bad_alloc.
    static Corvo::Ptr<EmTableFapIndices> EmTableFapIndicesIs();
+   /// The same with room for so many, at most 256. Allocates once.
+   static Corvo::Ptr<EmTableFapIndices> withRoomFor( U32 members );
 
    /// The chip's slot; the invalid index when it has none here.
    EmTableIndex index( Brine::ChipId chip ) const {
-      U32 const place = more_ ? placeOf( chip ) : inlinePlaceOf( chip );
-      return place < count_ ? EmTableIndex( slots()[ place ] ) : EmTableIndex();
+      U32 const place = placeOf( chip );
+      return place < count_ ? EmTableIndex( slots_[ place ] ) : EmTableIndex();
    }
    /// Adds the member or replaces its slot. std::bad_alloc leaves the object as it was.
    void indexIs( Brine::ChipId chip, EmTableIndex slot );
@@ -175,28 +177,25 @@ class [[gnu::visibility( "default" )]] EmTableFapIndices : public Corvo::Node {
    static Weft::AllocTrackTypeInfo memAllocationTracker_;
 
  private:
+   class WithMembers;
    static constexpr U16 inlineMembers = 4; // most keys are programmed on a handful of chips
 
-   /// count_, or more, when the chip is no member.
+   /// With memory for a multiple of four members, wordsFor( capacity ) words, which outlives the object.
+   EmTableFapIndices( U32* members, U16 capacity ) : capacity_( capacity ), slots_( members ) {}
+
+   static constexpr auto wordsFor = []( std::size_t capacity ) {
+      return capacity + capacity / sizeof( U32 );
+   };
+   /// count_ when the chip is no member.
    U32 placeOf( Brine::ChipId chip ) const;
-   /// The same while the members are inline: all of them looked at as one word.
-   U32 inlinePlaceOf( Brine::ChipId chip ) const {
-      U32 const difference = std::bit_cast<U32>( inlineChips_ ) ^ chip.value() * 0x01010101U;
-      // The lowest bit that is set lies in the lowest byte that is zero.
-      U32 const zeroBytes = ( difference - 0x01010101U ) & ~difference & 0x80808080U;
-      return static_cast<U32>( std::countr_zero( zeroBytes ) ) / 8;
-   }
-   U32* slots() { return more_ ? more_.get() : inlineSlots_.data(); }
-   U32 const* slots() const { return more_ ? more_.get() : inlineSlots_.data(); }
-   U8* chips() { return more_ ? chipsBehind( more_.get() ) : inlineChips_.data(); }
-   U8 const* chips() const { return more_ ? chipsBehind( more_.get() ) : inlineChips_.data(); }
-   U8* chipsBehind( U32* slots ) const { return reinterpret_cast<U8*>( slots + capacity_ ); }
+   U8* chips() { return reinterpret_cast<U8*>( slots_ + capacity_ ); }
+   U8 const* chips() const { return reinterpret_cast<U8 const*>( slots_ + capacity_ ); }
 
    U16 count_ = 0;
    U16 capacity_ = inlineMembers;
-   std::array<U32, inlineMembers> inlineSlots_{};
-   std::array<U8, inlineMembers> inlineChips_{};
-   std::unique_ptr<U32[]> more_; ///< capacity_ slots, then as many chips; null while inline
+   U32* slots_ = inline_.data(); ///< capacity_ slots, then as many chips
+   std::array<U32, wordsFor( inlineMembers )> inline_{};
+   std::unique_ptr<U32[]> more_; ///< where the members are once they have had to move
 };
 
 /// As EmTableFapIndices::EmTableFapIndicesIs.

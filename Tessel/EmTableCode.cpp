@@ -18,23 +18,23 @@ struct EmShadowTable::CodeChoice {
                            Weft::CharPtrConst key,
                            Weft::CharPtrConst result ) {
          Work const work( table );
-         return work.template set<Result>( chipId, key, work.keyAt( key ).hash, result );
+         return work.template set<Result>( chipId, key, work.hashOf( chipId, key ), result );
       }
       static void entryDel( EmShadowTable& table, Brine::ChipId chipId, Weft::CharPtrConst key ) {
          Work const work( table );
-         work.del( chipId, key, work.keyAt( key ).hash );
+         work.del( chipId, key, work.hashOf( chipId, key ) );
       }
       static bool
       entryHas( EmShadowTable const& table, Brine::ChipId chipId, Weft::CharPtrConst key ) {
          Look const look( table );
-         return look.has( chipId, key, look.keyAt( key ).hash );
+         return look.has( chipId, key, look.hashOf( chipId, key ) );
       }
       static bool entry( EmShadowTable const& table,
                          Brine::ChipId chipId,
                          Weft::CharPtrConst key,
                          Weft::CharPtr result ) {
          Look const look( table );
-         return look.template get<Result>( chipId, key, look.keyAt( key ).hash, result );
+         return look.template get<Result>( chipId, key, look.hashOf( chipId, key ), result );
       }
       static U64
       entryIsBulk( EmShadowTable& table, std::span<EmPairAndResult const> pairs, bool* answers ) {

@@ -72,6 +72,40 @@ Corvo::Ptr<EmTableFapIndices> EmTableFapIndices::EmTableFapIndicesIs() {
    return Corvo::makePtr<EmTableFapIndices>();
 }
 
+/// An object and room for its members in one block.
+class [[gnu::visibility( "hidden" )]] EmTableFapIndices::WithMembers final
+      : public EmTableFapIndices {
+ public:
+   explicit WithMembers( U16 capacity )
+         : EmTableFapIndices( reinterpret_cast<U32*>( this + 1 ), capacity ) {}
+
+   static void* operator new( std::size_t size, U16 capacity ) {
+      std::size_t const bytes = sizeof( Head ) + size + wordsFor( capacity ) * sizeof( U32 );
+      auto* const head = ::new ( Quarry::slabAllocOrStdMalloc( bytes ) ) Head{ bytes };
+      memAllocationTracker_.allocationInc();
+      return head + 1;
+   }
+   static void operator delete( void* object, std::size_t /*size*/ ) noexcept {
+      Head* const head = static_cast<Head*>( object ) - 1;
+      memAllocationTracker_.allocationDec();
+      Quarry::slabFreeOrStdFree( head, head->bytes );
+   }
+
+ private:
+   /// In front of the object, which is gone when its memory is given back.
+   struct alignas( 16 ) Head {
+      std::size_t bytes; ///< of the block
+   };
+};
+
+Corvo::Ptr<EmTableFapIndices> EmTableFapIndices::withRoomFor( U32 members ) {
+   if ( members <= inlineMembers ) {
+      return EmTableFapIndicesIs();
+   }
+   U16 const capacity = static_cast<U16>( std::bit_ceil( members ) );
+   return Corvo::Ptr<EmTableFapIndices>::adopt( new ( capacity ) WithMembers( capacity ) );
+}
+
 Corvo::Ptr<EmTableFapIndices> emTableFapIndicesFactory() {
    return EmTableFapIndices::EmTableFapIndicesIs();
 }
@@ -88,7 +122,7 @@ void EmTableFapIndices::indexIs( Brine::ChipId chip, EmTableIndex slot ) {
       chips()[ at ] = chip.value();
       ++count_;
    }
-   slots()[ at ] = slot.value();
+   slots_[ at ] = slot.value();
 }
 
 EmTableIndex EmTableFapIndices::indexDel( Brine::ChipId chip ) {
@@ -96,9 +130,9 @@ EmTableIndex EmTableFapIndices::indexDel( Brine::ChipId chip ) {
    if ( place == count_ ) {
       return {};
    }
-   EmTableIndex const removed( slots()[ place ] );
+   EmTableIndex const removed( slots_[ place ] );
    --count_;
-   slots()[ place ] = slots()[ count_ ];
+   slots_[ place ] = slots_[ count_ ];
    chips()[ place ] = chips()[ count_ ];
    return removed;
 }
@@ -119,10 +153,11 @@ void EmTableFapIndices::makeRoom() {
       return;
    }
    U16 const larger = static_cast<U16>( capacity_ * 2 );
-   auto memory = std::make_unique_for_overwrite<U32[]>( larger + larger / sizeof( U32 ) );
-   std::copy_n( slots(), count_, memory.get() );
+   auto memory = std::make_unique_for_overwrite<U32[]>( wordsFor( larger ) );
+   std::copy_n( slots_, count_, memory.get() );
    std::copy_n( chips(), count_, reinterpret_cast<U8*>( memory.get() + larger ) );
    more_ = std::move( memory );
+   slots_ = more_.get();
    capacity_ = larger;
 }
 

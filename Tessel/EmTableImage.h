@@ -19,6 +19,7 @@ struct ImageShape {
    U32 resultLength;
    U32 length; ///< of the image
 
+   static constexpr U32 chipOffset = 1;
    static constexpr U32 keyOffset = 2;
    U32 resultOffset() const { return keyOffset + keyLength; }
    U32 paddingOffset() const { return resultOffset() + resultLength; }
@@ -193,7 +194,7 @@ template<std::size_t wordCount, class Result, Before before = Before::maybeNothi
          __attribute__( ( always_inline ) ) {
          bytes.store( image + shape.resultOffset(), shape.resultLength );
          Vellum::detail::orderStores();
-         image[ 1 ] = chip.value();
+         image[ ImageShape::chipOffset ] = chip.value();
          copyKey<wordCount>( image + ImageShape::keyOffset, key, shape.keyLength );
          storePadding( image, shape );
       };

@@ -11,12 +11,12 @@ namespace Tessel {
 template<bool traced, class KeyClass>
 class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTable> {
    using Entries = EntryWork<traced, KeyClass, EmShadowTable>;
-   using Entries::keyAt;
+   using Entries::hashOf;
    using Entries::keys;
    using Entries::table_;
    using Entries::wordCount;
-   using typename Entries::Key;
    using typename Entries::Keys;
+   using typename Entries::Pair;
 
  public:
    using Entries::Entries;
@@ -35,15 +35,16 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
    }
 
    void deleteAll( Brine::ChipId chip ) const {
-      forEachKey( [ & ]( U64 position, SlotOrObject where ) {
-         if ( !traced && where.isOn( chip ) && this->removesInPlace( where.slot() ) ) [[likely]] {
-            keys().eraseKey( position, keys().keyOf( position ) );
-            this->removeInPlace( where.slot(), chip );
-            return;
-         }
-         EmTableIndex const index = where.indexOn( chip );
-         if ( index.valid() ) {
-            deletePair( { .position = position, .index = index }, chip );
+      forEachPair( [ & ]( U64 position, SlotOrObject where ) {
+         if ( where.isOn( chip ) ) {
+            if ( !traced && this->removesInPlace( where.slot() ) ) [[likely]] {
+               keys().eraseAt( position );
+               this->removeInPlace( where.slot(), chip );
+            } else {
+               deletePair( { .position = position, .index = where.slot() }, chip );
+            }
+         } else if ( where.isObject() && where.object()->indexHas( chip ) ) {
+            deletePair( { .position = position, .index = where.object()->index( chip ) }, chip );
          }
       } );
       table_.keyToSlot_->indexDelOfStrays( chip );
@@ -62,8 +63,8 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
    /// Takes the image of a slot, if there is one, into the bookkeeping.
    void takeOver( EmTableIndex index ) const {
       this->template readImage<NoResult>( index, [ & ]( auto const& image ) {
-         Key const hashed = Keys::hashed( image.key() );
-         KeyPlace const place = keys().find( image.chip(), hashed );
+         Pair const pair( image.chip(), image.key() );
+         KeyPlace const place = keys().find( pair );
          if ( !place.index.valid() ) {
             keys().makeRoom( place );
          }
@@ -72,7 +73,7 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
          bool const alreadyCounted = !table_.freeIndexBmp_->bit( index.value() );
          this->markSlotUsed( index );
          this->traceUpdate( image.chip(), index );
-         keys().set( place, image.chip(), hashed, index );
+         keys().set( place, pair, index );
          if ( !alreadyCounted ) {
             this->countOneMore( image.chip() );
          }
@@ -88,27 +89,21 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
          ++images;
          end = slot + 1;
       } );
+      keys().makeRoomFor( images - std::min( images, keys().size() ) );
       if ( images * sizeof( KeyElement<wordCount> ) <= cachedBytes ) {
-         keys().makeRoomFor( images );
          forEachImage( end, [ & ]( U32 slot ) { takeOverInPlace( EmTableIndex( slot ) ); } );
          return;
       }
       std::array<U32, bulkBlock> block;
       U32 inBlock = 0;
-      U64 taken = 0;
-      auto const takeBlock = [ & ] {
-         makeRoomForRest( images, taken );
-         takeOverBlock( std::span( block ).first( inBlock ) );
-         taken += inBlock;
-         inBlock = 0;
-      };
       forEachImage( end, [ & ]( U32 slot ) {
          block[ inBlock++ ] = slot;
          if ( inBlock == bulkBlock ) {
-            takeBlock();
+            takeOverBlock( block );
+            inBlock = 0;
          }
       } );
-      takeBlock();
+      takeOverBlock( std::span( block ).first( inBlock ) );
    }
 
    /// Calls `visit( slot )` for every slot below `slots` whose image shows itself, in order.
@@ -138,46 +133,32 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
       }
    }
 
-   /// Makes room for as many more keys as `images` will bring if they go on as the first `taken` did:
-   /// several chips may share a key.
-   void makeRoomForRest( U64 images, U64 taken ) const {
-      constexpr U64 sample = 1024; // before, it is too early to tell
-      U64 const held = keys().count();
-      bool const more = images > taken;
-      if ( more && held + bulkBlock > keys().capacity() &&
-           ( taken >= sample || images < sample ) ) {
-         U64 const keysPerImage1024 =
-            taken == 0 ? 1024 : std::min<U64>( held * 1024 / taken, 1024 );
-         keys().makeRoomFor( ( images - taken ) * keysPerImage1024 / 1024 + 1 );
-      }
-   }
-
    void takeOverBlock( std::span<U32 const> slots ) const {
-      std::array<Key, bulkBlock> hashed;
-      U8 const* const range = table_.readableRange();
+      std::array<U64, bulkBlock> hashes;
       for ( std::size_t i = 0; i < slots.size(); ++i ) {
          // A hint, read without care: what counts is read again below.
-         hashed[ i ] = keyAt( reinterpret_cast<char const*>(
-            range + table_.offsetOf( EmTableIndex( slots[ i ] ) ) + ImageShape::keyOffset ) );
-         keys().fetchTags( hashed[ i ].hash );
+         U8 const* const image =
+            table_.readableRange() + table_.offsetOf( EmTableIndex( slots[ i ] ) );
+         hashes[ i ] = hashOf( Brine::ChipId( image[ ImageShape::chipOffset ] ),
+                               reinterpret_cast<char const*>( image + ImageShape::keyOffset ) );
+         keys().fetchTags( hashes[ i ] );
       }
       for ( std::size_t i = 0; i < slots.size(); ++i ) {
-         keys().fetchElementOrPlace( hashed[ i ].hash );
+         keys().fetchElementOrPlace( hashes[ i ] );
       }
       for ( U32 const slot : slots ) {
          takeOverInPlace( EmTableIndex( slot ) );
       }
    }
 
-   /// takeOver() of a slot whose image showed itself in place, and whose key is most likely new.
+   /// takeOver() of a slot whose image showed itself in place, and whose pair is most likely new.
    [[gnu::always_inline]] void takeOverInPlace( EmTableIndex index ) const {
       auto const image =
          Vellum::loadImageBy( ImageFields<wordCount, NoResult>( this->template shape<NoResult>() ),
                               table_.readableRange() + table_.offsetOf( index ),
                               table_.entryLengthBytes_ );
-      Key const hashed = Keys::hashed( image.key() );
       bool const isTaken = image.firstByte() != 0 && table_.freeIndexBmp_->bit( index.value() ) &&
-                           keys().addAtFirstLook( image.chip(), hashed, index );
+                           keys().addAtFirstLook( Pair( image.chip(), image.key() ), index );
       if ( !isTaken ) [[unlikely]] {
          takeOver( index );
          return;
@@ -186,9 +167,10 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
       this->countOneMore( image.chip() );
    }
 
-   /// Calls `visit( position, where )` for every key; the key may be removed meanwhile.
+   /// Calls `visit( position, where )` for every pair of a key without an object and every object; what is
+   /// there may be removed meanwhile.
    template<class Visit>
-   void forEachKey( Visit const& visit ) const {
+   void forEachPair( Visit const& visit ) const {
       std::array<U64, bulkBlock> block;
       U64 at = keys().next( 0 );
       while ( at != Keys::nowhere ) {
@@ -206,9 +188,9 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
       }
    }
 
-   /// Nothing here can fail, so the keys may go all at once in the end.
+   /// Nothing here can fail, so the pairs may go all at once in the end.
    void clearInPlace() const {
-      forEachKey( [ & ]( U64 /*position*/, SlotOrObject where ) {
+      forEachPair( [ & ]( U64 /*position*/, SlotOrObject where ) {
          if ( where.slot().value() < table_.numEntries_ ) [[likely]] { // else a caller has set it
             this->removeInPlace( where.slot(), where.chip() );
          }
@@ -217,7 +199,7 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
    }
 
    void clearOneByOne() const {
-      forEachKey( [ & ]( U64 position, SlotOrObject where ) {
+      forEachPair( [ & ]( U64 position, SlotOrObject where ) {
          if ( where.isObject() ) {
             deleteObject( position, *where.object() );
          } else {
@@ -227,15 +209,15 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
    }
 
    void deletePair( KeyPlace const& place, Brine::ChipId chip ) const {
-      Key const hashed = keys().keyOf( place.position );
+      Pair const pair( chip, keys().wordsOf( place.position ) );
       // A caller may have set an index that is no slot.
       if ( place.index.value() >= table_.numEntries_ ) {
-         keys().erase( place, chip, hashed );
+         keys().erase( place, pair );
          return;
       }
       this->traceKey();
       this->traceLookup( chip, place.index );
-      this->delAt( place, hashed, chip );
+      this->delAt( place, pair );
    }
 
    void deleteObject( U64 position, EmTableFapIndices& object ) const {
@@ -245,7 +227,7 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
          deletePair( { .position = position, .index = indices->index( chip ) }, chip );
       }
       if ( keys().next( position ) == position ) {
-         keys().eraseKey( position, keys().keyOf( position ) ); // an object that a caller emptied
+         keys().eraseAt( position ); // an object that a caller emptied
       }
    }
 };

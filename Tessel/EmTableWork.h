@@ -27,25 +27,33 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
  public:
    static constexpr std::size_t wordCount = KeyClass::words;
    using Keys = KeyTable<wordCount>;
-   using Key = HashedKey<wordCount>;
+   using Pair = HashedPair<wordCount>;
 
    using Slots::Slots;
 
-   /// The key whose bytes are at `bytes`.
-   [[gnu::always_inline]] Key keyAt( Weft::CharPtrConst bytes ) const {
-      return Keys::hashed(
-         keyWordsAt<wordCount>( bytes, KeyClass::exactly( table_.keyLengthBytes_ ) ) );
+   [[gnu::always_inline]] KeyWords<wordCount> wordsAt( Weft::CharPtrConst key ) const {
+      return keyWordsAt<wordCount>( key, KeyClass::exactly( table_.keyLengthBytes_ ) );
+   }
+   /// The pair of a chip and the key whose bytes are at `key`.
+   [[gnu::always_inline]] Pair pairOf( Brine::ChipId chip, Weft::CharPtrConst key ) const {
+      return Pair( chip, wordsAt( key ) );
+   }
+   [[gnu::always_inline]] U64 hashOf( Brine::ChipId chip, Weft::CharPtrConst key ) const {
+      return pairOf( chip, key ).hash;
    }
 
-   /// Whether an element holds the key whose bytes are at `bytes`.
-   struct Holds {
+   /// Whether an element is the pair of a chip and the key whose bytes are at `key`.
+   struct IsPair {
       EntryWork const& work;
-      Weft::CharPtrConst bytes;
+      Brine::ChipId chip;
+      Weft::CharPtrConst key;
       [[gnu::always_inline]] bool operator()( KeyElement<wordCount> const& element ) const {
-         return sameWords( element.words(), work.keyAt( readAgain( bytes ) ).words );
+         return isPair( element, chip, work.wordsAt( readAgain( key ) ) );
       }
    };
-   [[gnu::always_inline]] Holds holds( Weft::CharPtrConst bytes ) const { return { *this, bytes }; }
+   [[gnu::always_inline]] IsPair isPairOf( Brine::ChipId chip, Weft::CharPtrConst key ) const {
+      return { *this, chip, key };
+   }
 
    // ---- single entries. Each first tries what nearly always does, in a few instructions and without
    // a stack frame, and starts again with the whole of it where that does not answer.
@@ -60,9 +68,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
          return fully();
       } else {
          return keys().glance(
-            chip,
             hash,
-            holds( key ),
+            isPairOf( chip, key ),
             [ & ]( EmTableIndex slot, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
                U64 const offset = offsetOf<Result>( slot );
                if ( offset >= table_.trustedSize() ) [[unlikely]] {
@@ -73,9 +80,6 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
                storeEntryImage<wordCount, Result, Before::anImage>(
                   table_.writableRange() + offset, shape<Result>(), chip, key, result );
                return true;
-            },
-            [ & ]( SlotOrObject where, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
-               return setOther<Result>( table_, where, chip, key, result );
             },
             [ & ]() __attribute__( ( always_inline ) ) {
                return addAbsent<Result>( table_, chip, key, hash, result );
@@ -92,12 +96,9 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
          return fully();
       } else {
          return keys().glance(
-            chip,
             hash,
-            holds( key ),
+            isPairOf( chip, key ),
             []( EmTableIndex, U64 ) { return true; },
-            [ & ]( SlotOrObject where, U64 /*position*/ )
-               __attribute__( ( always_inline ) ) { return where.indexOn( chip ).valid(); },
             [] { return false; },
             fully );
       }
@@ -113,9 +114,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
          return fully();
       } else {
          return keys().glance(
-            chip,
             hash,
-            holds( key ),
+            isPairOf( chip, key ),
             [ & ]( EmTableIndex slot, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
                U64 const offset = offsetOf<Result>( slot );
                if ( offset >= table_.readableSize() ) [[unlikely]] {
@@ -128,15 +128,12 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
                if ( readImageOf<wordCount>( table_.readableRange() + offset,
                                             shape<Result>(),
                                             chip,
-                                            keyAt( readAgain( key ) ).words,
+                                            wordsAt( readAgain( key ) ),
                                             bytes ) != 0 ) [[unlikely]] {
                   return fully();
                }
                bytes.store( reinterpret_cast<U8*>( result ), shape<Result>().resultLength );
                return true;
-            },
-            [ & ]( SlotOrObject where, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
-               return getOther<Result>( table_, where, chip, key, result );
             },
             []() __attribute__( ( always_inline ) ) { return false; },
             fully );
@@ -152,9 +149,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
          return fully();
       } else {
          return keys().glance(
-            chip,
             hash,
-            holds( key ),
+            isPairOf( chip, key ),
             [ & ]( EmTableIndex slot, U64 position ) __attribute__( ( always_inline ) ) {
                if ( !this->removesInPlace( slot ) ) [[unlikely]] {
                   return fully();
@@ -162,9 +158,6 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
                keys().eraseGlanced( position );
                this->removeInPlace( slot, chip );
                return true;
-            },
-            [ & ]( SlotOrObject where, U64 position ) __attribute__( ( always_inline ) ) {
-               return delOther( table_, where, position, chip, key );
             },
             []() __attribute__( ( always_inline ) ) { return false; },
             fully );
@@ -175,12 +168,12 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
 
    /// Calls `one( pair, hash of its key )` for each pair, in order, and counts what it answers. What the
    /// calls will read, images among it where `readsImages`, is fetched ahead of them.
-   template<bool readsImages, class Pair, class One>
-   U64 inBulk( std::span<Pair const> pairs, bool* answers, One const& one ) const {
+   template<bool readsImages, class Asked, class One>
+   U64 inBulk( std::span<Asked const> pairs, bool* answers, One const& one ) const {
       U64 count = 0;
       auto const perform = [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
          // Hashed here and not with what is fetched: a call before may have written where the key lies.
-         bool const answer = one( pairs[ at ], keyAt( pairs[ at ].key ).hash );
+         bool const answer = one( pairs[ at ], hashOf( pairs[ at ].chipId, pairs[ at ].key ) );
          count += answer ? 1 : 0;
          if ( answers != nullptr ) {
             answers[ at ] = answer;
@@ -216,13 +209,13 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    delFully( Table& table, Brine::ChipId chip, Weft::CharPtrConst key ) {
       EntryWork const work( table );
       work.traceKey();
-      Key const hashed = work.keyAt( key );
-      KeyPlace const place = work.keys().find( chip, hashed );
+      Pair const pair = work.pairOf( chip, key );
+      KeyPlace const place = work.keys().find( pair );
       work.traceLookup( chip, place.index );
       if ( !place.index.valid() ) {
          return false;
       }
-      work.delAt( place, hashed, chip );
+      work.delAt( place, pair );
       return true;
    }
 
@@ -232,62 +225,17 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       EntryWork const work( table );
       work.traceKey();
       work.traceResult();
-      Key const hashed = work.keyAt( key );
-      KeyPlace const place = work.keys().find( chip, hashed );
+      Pair const pair = work.pairOf( chip, key );
+      KeyPlace const place = work.keys().find( pair );
       work.traceLookup( chip, place.index );
       if ( !place.index.valid() ) {
-         return work.template add<Result>( place.position, hashed, chip, key, result );
+         return work.template add<Result>( place.position, pair, key, result );
       }
       work.template writeImage<Result>( place.index, chip, key, result );
       return true;
    }
 
-   /// For a key that has an object, or another chip.
-   template<class Result>
-   [[gnu::noinline]] static bool setOther( Table& table,
-                                           SlotOrObject where,
-                                           Brine::ChipId chip,
-                                           Weft::CharPtrConst key,
-                                           Weft::CharPtrConst result ) {
-      EmTableIndex const slot = where.indexOn( chip );
-      if ( !slot.valid() ) {
-         return setFully<Result>( table, chip, key, result );
-      }
-      EntryWork const work( table );
-      U64 const offset = work.template offsetOf<Result>( slot );
-      if ( offset < table.trustedSize() ) [[likely]] {
-         storeEntryImage<wordCount, Result, Before::anImage>(
-            table.writableRange() + offset, work.template shape<Result>(), chip, key, result );
-      } else {
-         work.template writeImage<Result>( slot, chip, key, result );
-      }
-      return true;
-   }
-   [[gnu::noinline]] static bool delOther(
-      Table& table, SlotOrObject where, U64 position, Brine::ChipId chip, Weft::CharPtrConst key ) {
-      EntryWork const work( table );
-      KeyPlace const place{ .position = position, .index = where.indexOn( chip ) };
-      if ( place.index.valid() ) {
-         work.delAt( place, work.keyAt( key ), chip );
-      }
-      return place.index.valid();
-   }
-   template<class Result>
-   [[gnu::noinline]] static bool getOther( Table& table,
-                                           SlotOrObject where,
-                                           Brine::ChipId chip,
-                                           Weft::CharPtrConst key,
-                                           Weft::CharPtr result ) {
-      EmTableIndex const slot = where.indexOn( chip );
-      U64 const offset = EntryWork( table ).template offsetOf<Result>( slot );
-      if ( !slot.valid() ) {
-         return false;
-      }
-      return offset < table.readableSize() ? getInPlace<Result>( table, offset, chip, key, result )
-                                           : getFully<Result>( table, chip, key, result );
-   }
-
-   /// For a key that is known to be absent.
+   /// For a pair that is known to be absent.
    template<class Result>
    [[gnu::noinline]] static bool addAbsent( Table& table,
                                             Brine::ChipId chip,
@@ -295,15 +243,15 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
                                             U64 hash,
                                             Weft::CharPtrConst result ) {
       EntryWork const work( table );
-      Key const hashed{ .words = work.keyAt( key ).words, .hash = hash };
-      return work.template add<Result>( Keys::nowhere, hashed, chip, key, result );
+      Pair const pair( chip, work.wordsAt( key ), hash );
+      return work.template add<Result>( Keys::nowhere, pair, key, result );
    }
 
    [[gnu::noinline]] static bool
    hasFully( Table& table, Brine::ChipId chip, Weft::CharPtrConst key ) {
       EntryWork const work( table );
       work.traceKey();
-      EmTableIndex const index = work.keys().find( chip, work.keyAt( key ) ).index;
+      EmTableIndex const index = work.keys().find( work.pairOf( chip, key ) ).index;
       work.traceLookup( chip, index );
       return index.valid();
    }
@@ -315,7 +263,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       EntryWork const work( table );
       ImageShape const shape = work.template shape<Result>();
       U8 const* const image = table.readableRange() + offset;
-      auto const& words = work.keyAt( key ).words;
+      auto const words = work.wordsAt( key );
       Result bytes;
       U64 const difference = table.isWriter()
                                 ? readImageOf<wordCount>( image, shape, chip, words, bytes )
@@ -333,8 +281,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       EntryWork const work( table );
       work.traceLine( { 7, "entry" }, "EmShadowTable::", "entry", " chipId:", chip );
       work.traceKey();
-      Key const hashed = work.keyAt( key );
-      EmTableIndex const index = work.keys().find( chip, hashed ).index;
+      Pair const pair = work.pairOf( chip, key );
+      EmTableIndex const index = work.keys().find( pair ).index;
       work.traceLookup( chip, index );
       if ( !index.valid() ) {
          return false;
@@ -342,7 +290,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       bool const valid = work.template readImage<Result>( index, [ & ]( auto const& image ) {
          sassert( image.chip() == chip, { "entry.chipId() == chipId", "entry" } );
          sassert(
-            sameWords( image.key(), hashed.words ),
+            sameWords( image.key(), pair.words ),
             { "memcmp( key, entry.key().bytes().bytesPtr(), tableHelper()->keyLengthBytes() ) == 0",
               "entry" } );
          image.storeResult( result );
@@ -372,11 +320,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       return table_.keyToSlot_->template keys<wordCount>();
    }
    template<class Result>
-   [[gnu::always_inline]] bool add( U64 position,
-                                    Key const& hashed,
-                                    Brine::ChipId chip,
-                                    Weft::CharPtrConst key,
-                                    Weft::CharPtrConst result ) const {
+   [[gnu::always_inline]] bool
+   add( U64 position, Pair const& pair, Weft::CharPtrConst key, Weft::CharPtrConst result ) const {
       EmTableIndex const slot = this->takeSlot();
       if ( !slot.valid() ) {
          return false;
@@ -385,38 +330,35 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       typename Slots::ClaimedSlot claimed( *table_.freeIndexBmp_, slot );
       KeyPlace const place{ .position = position, .index = {} };
       keys().makeRoom( place );
-      writeImage<Result>( slot, chip, key, result );
+      writeImage<Result>( slot, pair.chip, key, result );
       claimed.keep();
-      this->traceUpdate( chip, slot );
-      keys().set( place, chip, hashed, slot );
-      this->countOneMore( chip );
+      this->traceUpdate( pair.chip, slot );
+      keys().set( place, pair, slot );
+      this->countOneMore( pair.chip );
       return true;
    }
 
-   [[gnu::always_inline]] void
-   delAt( KeyPlace const& place, Key const& hashed, Brine::ChipId chip ) const {
+   [[gnu::always_inline]] void delAt( KeyPlace const& place, Pair const& pair ) const {
       sassert( place.index.value() < table_.bitmap( "entryDel" ).size(),
                { "index.value() < freeIndexBmp()->size()", "entryDel" } );
-      this->traceDelete( chip );
+      this->traceDelete( pair.chip );
       // The write may fail its contract, the steps after it cannot: failing here, nothing has changed.
       this->wipeImage( place.index );
-      keys().erase( place, chip, hashed );
+      keys().erase( place, pair );
       this->giveBackSlot( place.index );
       table_.numUsedEntriesDec( 1 );
-      table_.numUsedEntriesByChipIdDec( chip, 1 );
+      table_.numUsedEntriesByChipIdDec( pair.chip, 1 );
    }
 
    /// Calls `perform( number )` for each pair, in order. What the calls will read is fetched in stages
    /// of which each needs what the one before it has fetched: the tags, then the element, then the
-   /// object where there are any, then the image.
-   template<bool readsImages, class Pair, class Perform>
-   [[gnu::always_inline]] void fetchingAhead( std::span<Pair const> pairs,
+   /// image.
+   template<bool readsImages, class Asked, class Perform>
+   [[gnu::always_inline]] void fetchingAhead( std::span<Asked const> pairs,
                                               Perform const& perform ) const {
-      constexpr std::size_t mostStages = 4;
-      bool const readsObjects = keys().objects() != 0;
-      std::size_t const stages = 2 + ( readsImages ? 1 : 0 ) + ( readsObjects ? 1 : 0 );
-      std::array<U64, mostStages * bulkStep> hashes; // of pair n at n modulo the size
-      auto const hashOf = [ & ]( std::size_t at ) -> U64& { return hashes[ at % hashes.size() ]; };
+      constexpr std::size_t stages = readsImages ? 3 : 2;
+      std::array<U64, stages * bulkStep> hashes; // of pair n at n modulo the size
+      auto const hashAt = [ & ]( std::size_t at ) -> U64& { return hashes[ at % hashes.size() ]; };
       // Works on the pairs that are in this stage at this turn.
       auto const inStage = [ & ]( std::size_t turn, std::size_t stage, auto const& work )
          __attribute__( ( always_inline ) ) {
@@ -432,58 +374,32 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
          if constexpr ( readsImages ) {
             inStage(
                turn, stages - 1, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-                  fetchImageOf( pairs[ at ], hashOf( at ) );
-               } );
-         }
-         if ( readsObjects ) {
-            inStage(
-               turn, 2, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-                  fetchObjectOf( pairs[ at ], hashOf( at ) );
+                  fetchImageOf( pairs[ at ], hashAt( at ) );
                } );
          }
          inStage(
             turn, 1, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-               if constexpr ( std::is_same_v<Pair, EmPairAndResult> ) {
-                  keys().fetchElementOrPlace( hashOf( at ) );
+               if constexpr ( std::is_same_v<Asked, EmPairAndResult> ) {
+                  keys().fetchElementOrPlace( hashAt( at ) );
                } else {
-                  keys().fetchElement( hashOf( at ) );
+                  keys().fetchElement( hashAt( at ) );
                }
             } );
          inStage(
             turn, 0, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-               hashOf( at ) = keyAt( pairs[ at ].key ).hash;
-               keys().fetchTags( hashOf( at ) );
+               hashAt( at ) = hashOf( pairs[ at ].chipId, pairs[ at ].key );
+               keys().fetchTags( hashAt( at ) );
             } );
       }
    }
 
-   template<class Pair>
-   [[gnu::always_inline]] void fetchObjectOf( Pair const& pair, U64 hash ) const {
+   template<class Asked>
+   [[gnu::always_inline]] void fetchImageOf( Asked const& pair, U64 hash ) const {
       keys().glance(
-         pair.chipId,
          hash,
-         holds( pair.key ),
-         []( EmTableIndex, U64 ) __attribute__( ( always_inline ) ){},
-         []( SlotOrObject where, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
-            if ( where.isObject() ) {
-               Keys::fetchObject( *where.object() );
-            }
-         },
-         []() __attribute__( ( always_inline ) ){},
-         []() __attribute__( ( always_inline ) ){} );
-   }
-
-   template<class Pair>
-   [[gnu::always_inline]] void fetchImageOf( Pair const& pair, U64 hash ) const {
-      keys().glance(
-         pair.chipId,
-         hash,
-         holds( pair.key ),
+         isPairOf( pair.chipId, pair.key ),
          [ & ]( EmTableIndex slot, U64 /*position*/ )
             __attribute__( ( always_inline ) ) { this->fetchImage( slot ); },
-         [ & ]( SlotOrObject where, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
-            this->fetchImage( where.indexOn( pair.chipId ) );
-         },
          []() __attribute__( ( always_inline ) ){},
          []() __attribute__( ( always_inline ) ){} );
    }

@@ -3,19 +3,20 @@
 
 /// From (chip, key) to slot, for keys of one length and one class of lengths. Internal to EmTable.
 ///
-/// Most keys live on one chip. So an element holds its key and, in one word, either the one chip and
-/// slot of the key or its EmTableFapIndices:
+/// An element is a pair. It holds its key and, in one word, its chip and its slot; a pair lies where the
+/// hash of both leads, so that it is found at the first look however many chips a key has:
 ///
 ///    K <= 8      key  8 bytes, where 8 bytes
 ///    K <= 16     key 16 bytes, where 8 bytes
 ///    K <= 20     key 20 bytes, where 8 bytes
 ///
 ///    where       bit 0 set: chip in bits 8 to 15, slot in bits 32 to 63
-///                bit 0 clear: pointer to the object, on which the element holds a reference
+///                bit 0 clear: pointer to the key's object in bits 0 to 55, on which the element holds a
+///                reference; in bits 56 to 63 the chip of the pair whose place the element has taken
 ///
-/// The object is made when the key gets a second chip or when somebody asks for it. From then on it
-/// is *the* object of the key and the only holder of its slots, so it does not matter to a caller
-/// which way a key is stored.
+/// The EmTableFapIndices of a key is made when somebody asks for it, out of all pairs of the key, and
+/// takes the place of the one with the lowest chip. From then on it is *the* object of the key and the
+/// only holder of its slots, so it does not matter to a caller which way a key is stored.
 ///
 /// Threads: as the table that owns the map.
 
@@ -30,36 +31,42 @@ namespace Tessel {
 
 /// Where a pair stands in a table of keys; void once a key has been added or removed.
 struct KeyPlace {
-   U64 position;       ///< of the key; nowhere when it is absent
+   U64 position;       ///< of the pair, or of the object of its key; nowhere when there is neither
    EmTableIndex index; ///< of the pair; invalid when it is absent
 };
 
-/// What an element knows about its key's slots.
+/// What an element knows beside its key.
 class SlotOrObject {
  public:
    SlotOrObject( Brine::ChipId chip, EmTableIndex slot )
          : bits_( U64{ slot.value() } << slotBit | tagOf( chip ) ) {}
-   /// Takes the reference over.
-   explicit SlotOrObject( Corvo::Ptr<EmTableFapIndices> object )
-         : bits_( reinterpret_cast<std::uintptr_t>( object.release() ) ) {}
+   /// Takes the reference over, and the place of the pair with `chip`.
+   SlotOrObject( Brine::ChipId chip, Corvo::Ptr<EmTableFapIndices> object )
+         : bits_( U64{ chip.value() } << placeBit |
+                  reinterpret_cast<std::uintptr_t>( object.release() ) ) {}
 
    bool isObject() const { return ( bits_ & 1 ) == 0; }
-   EmTableFapIndices* object() const { return reinterpret_cast<EmTableFapIndices*>( bits_ ); }
+   EmTableFapIndices* object() const {
+      constexpr U64 pointerBits = ( U64{ 1 } << placeBit ) - 1;
+      return reinterpret_cast<EmTableFapIndices*>( bits_ & pointerBits );
+   }
    Brine::ChipId chip() const { return Brine::ChipId( static_cast<U8>( bits_ >> chipBit ) ); }
    EmTableIndex slot() const { return EmTableIndex( static_cast<U32>( bits_ >> slotBit ) ); }
-
-   /// Whether the key has this one chip, and no object.
-   bool isOn( Brine::ChipId chip ) const { return static_cast<U32>( bits_ ) == tagOf( chip ); }
-   EmTableIndex indexOn( Brine::ChipId wanted ) const {
-      if ( isOn( wanted ) ) [[likely]] {
-         return slot();
-      }
-      return isObject() ? object()->index( wanted ) : EmTableIndex();
+   /// The chip with which the element was hashed.
+   Brine::ChipId placeChip() const {
+      return isObject() ? Brine::ChipId( static_cast<U8>( bits_ >> placeBit ) ) : chip();
    }
+
+   /// Zero for the pair with this chip.
+   U32 differenceFrom( Brine::ChipId chip ) const {
+      return static_cast<U32>( bits_ ) ^ tagOf( chip );
+   }
+   bool isOn( Brine::ChipId chip ) const { return differenceFrom( chip ) == 0; }
 
  private:
    static constexpr U32 chipBit = 8;
    static constexpr U32 slotBit = 32;
+   static constexpr U32 placeBit = 56; // no process has memory above
    /// Differs from the low half of every pointer, and from that of every other chip.
    static U32 tagOf( Brine::ChipId chip ) { return U32{ chip.value() } << chipBit | 1; }
 
@@ -173,9 +180,26 @@ static_assert( sizeof( KeyElement<1> ) == 16 );
 static_assert( sizeof( KeyElement<2> ) == 24 );
 static_assert( sizeof( KeyElement<3> ) == 28 );
 
-/// A key that has been read and hashed.
+/// Whether an element is this pair, in one comparison.
 template<std::size_t wordCount>
-struct HashedKey {
+[[gnu::always_inline]] inline bool
+isPair( KeyElement<wordCount> const& element, Brine::ChipId chip, KeyWords<wordCount> const& key ) {
+   return ( differenceOf<wordCount>( element.words(), key ) |
+            element.where().differenceFrom( chip ) ) == 0;
+}
+
+/// A pair whose key has been read, and its hash.
+template<std::size_t wordCount>
+struct HashedPair {
+   [[gnu::always_inline]] HashedPair( Brine::ChipId chipId, KeyWords<wordCount> const& keyWords )
+         : HashedPair( chipId, keyWords, Weft::hashWordsOfOneLength( keyWords, chipId.value() ) ) {}
+   /// `knownHash` is what the other constructor finds.
+   [[gnu::always_inline]] HashedPair( Brine::ChipId chipId,
+                                      KeyWords<wordCount> const& keyWords,
+                                      U64 knownHash )
+         : chip( chipId ), words( keyWords ), hash( knownHash ) {}
+
+   Brine::ChipId chip;
    KeyWords<wordCount> words;
    U64 hash;
 };
@@ -196,64 +220,88 @@ struct KeyClass {
    return bytes;
 }
 
-/// The keys of one exact-match table.
+/// Chips, as a set.
+class ChipSet {
+ public:
+   void add( Brine::ChipId chip ) { wordOf( chip ) |= bitOf( chip ); }
+   void clear() { words_ = {}; }
+
+   /// Calls `visit( chip )` for each from the lowest on, until it answers true; whether it did.
+   template<class Visit>
+   bool anyOf( Visit const& visit ) const {
+      for ( std::size_t i = 0; i < words_.size(); ++i ) {
+         for ( U64 left = words_[ i ]; left != 0; left &= left - 1 ) {
+            auto const chip = i * 64 + static_cast<U32>( std::countr_zero( left ) );
+            if ( visit( Brine::ChipId( static_cast<U8>( chip ) ) ) ) {
+               return true;
+            }
+         }
+      }
+      return false;
+   }
+
+ private:
+   U64& wordOf( Brine::ChipId chip ) { return words_[ chip.value() / 64U ]; }
+   static U64 bitOf( Brine::ChipId chip ) { return U64{ 1 } << chip.value() % 64U; }
+
+   std::array<U64, 4> words_{};
+};
+
+/// The pairs of one exact-match table.
 template<std::size_t wordCount>
 class KeyTable {
  public:
    static constexpr std::size_t words = wordCount;
    static constexpr U64 nowhere = ~U64{ 0 };
-   using Key = HashedKey<wordCount>;
+   using Pair = HashedPair<wordCount>;
+   using Words = KeyWords<wordCount>;
 
-   /// For keys of `keyLength` bytes, of which there will be at most `mostKeys`.
-   KeyTable( U32 keyLength, U64 mostKeys ) : elements_( mostKeys ), keyLength_( keyLength ) {}
+   /// For keys of `keyLength` bytes, in at most `mostPairs` pairs.
+   KeyTable( U32 keyLength, U64 mostPairs ) : elements_( mostPairs ), keyLength_( keyLength ) {}
    KeyTable( KeyTable&& ) noexcept = default;
    KeyTable& operator=( KeyTable&& ) = delete;
    ~KeyTable() { delAll(); }
 
-   U64 count() const { return elements_.size(); }
+   /// Pairs, and keys that have an object; held now, and before more memory is taken.
+   U64 size() const { return elements_.size(); }
    U64 capacity() const { return elements_.capacity(); }
+   /// Keys that have an object.
+   U64 objects() const { return objects_; }
 
-   [[gnu::always_inline]] static Key hashed( KeyWords<wordCount> const& words ) {
-      return { .words = words, .hash = Weft::hashWordsOfOneLength( words ) };
-   }
    /// Reads keyLength bytes.
-   [[gnu::always_inline]] Key keyAt( char const* bytes ) const {
-      return hashed( keyWordsAt<wordCount>( bytes, keyLength_ ) );
+   [[gnu::always_inline]] Words wordsAt( char const* bytes ) const {
+      return keyWordsAt<wordCount>( bytes, keyLength_ );
    }
 
-   [[gnu::always_inline]] U64 positionOf( Key const& key ) const {
-      return elements_.find( key.hash, Holds{ key.words } ).position;
-   }
-   [[gnu::always_inline]] KeyPlace find( Brine::ChipId chip, Key const& key ) const {
-      auto const found = elements_.find( key.hash, Holds{ key.words } );
-      if ( found.element == nullptr ) {
-         return { .position = nowhere, .index = {} };
+   [[gnu::always_inline]] KeyPlace find( Pair const& pair ) const {
+      auto const found = elements_.find( pair.hash, IsPair{ pair } );
+      if ( found.element != nullptr ) {
+         return { .position = found.position, .index = found.element->where().slot() };
       }
-      return { .position = found.position, .index = found.element->where().indexOn( chip ) };
+      return objects_ == 0 ? KeyPlace{ .position = nowhere, .index = {} } : findInObject( pair );
    }
 
    /// What the first look of find() says, which nearly always decides: calls `onSlot( slot, position )`
-   /// when the key has this one chip and no object, `onOther( where, position )` when it has an
-   /// object or another chip, `absent()` when it is not there, or else `unsure()`; and answers what that does.
-   template<class HoldsKey, class OnSlot, class OnOther, class Absent, class Unsure>
-   [[gnu::always_inline]] auto glance( Brine::ChipId chip,
-                                       U64 hash,
-                                       HoldsKey const& holdsKey,
+   /// for the pair of which `isPair( element )` is true, `absent()` when it is not there, or else
+   /// `unsure()`; and answers what that does.
+   template<class IsThePair, class OnSlot, class Absent, class Unsure>
+   [[gnu::always_inline]] auto glance( U64 hash,
+                                       IsThePair const& isPair,
                                        OnSlot const& onSlot,
-                                       OnOther const& onOther,
                                        Absent const& absent,
                                        Unsure const& unsure ) const {
       return elements_.glance(
          hash,
-         holdsKey,
+         isPair,
          [ & ]( auto const& found ) __attribute__( ( always_inline ) ) {
-            SlotOrObject const where = found.element->where();
-            if ( where.isOn( chip ) ) [[likely]] {
-               return onSlot( where.slot(), found.position );
-            }
-            return onOther( where, found.position );
+            return onSlot( found.element->where().slot(), found.position );
          },
-         absent,
+         [ & ]() __attribute__( ( always_inline ) ) {
+            if ( objects_ != 0 ) [[unlikely]] { // of which one may hold the pair, at another place
+               return unsure();
+            }
+            return absent();
+         },
          unsure );
    }
 
@@ -262,150 +310,246 @@ class KeyTable {
    [[gnu::always_inline]] void makeRoom( KeyPlace const& place ) {
       if ( place.position == nowhere ) {
          elements_.makeRoom();
-      } else {
-         makeRoomOnChips( elements_[ place.position ] );
+      } else if ( SlotOrObject const where = whereOf( place.position ); where.isObject() ) {
+         where.object()->makeRoom();
       }
    }
-   /// The same for that many keys that are absent.
-   void makeRoomFor( U64 keys ) { elements_.makeRoomFor( keys ); }
+   /// The same for that many pairs of keys that have no object.
+   void makeRoomFor( U64 pairs ) { elements_.makeRoomFor( pairs ); }
 
    /// Sets the pair's slot; for a pair that find() did not find, after makeRoom().
-   [[gnu::always_inline]] void
-   set( KeyPlace const& place, Brine::ChipId chip, Key const& key, EmTableIndex slot ) {
+   [[gnu::always_inline]] void set( KeyPlace const& place, Pair const& pair, EmTableIndex slot ) {
       if ( place.position == nowhere ) {
-         elements_.insert( key.hash,
-                           KeyElement<wordCount>( key.words, SlotOrObject( chip, slot ) ) );
+         chips_.add( pair.chip );
+         elements_.insert( pair.hash, elementOf( pair, slot ) );
       } else if ( auto& element = elements_[ place.position ]; element.where().isObject() ) {
-         element.where().object()->indexIs( chip, slot );
+         element.where().object()->indexIs( pair.chip, slot );
       } else {
-         element.whereIs( SlotOrObject( chip, slot ) );
+         element.whereIs( SlotOrObject( pair.chip, slot ) );
       }
    }
 
-   /// Adds a pair if the first look shows that its key is absent and that there is room for it. False,
-   /// and nothing added, otherwise.
-   [[gnu::always_inline]] bool
-   addAtFirstLook( Brine::ChipId chip, Key const& key, EmTableIndex slot ) {
-      return elements_.insertAtFirstLook(
-         key.hash, KeyElement<wordCount>( key.words, SlotOrObject( chip, slot ) ) );
+   /// Adds a pair if the first look shows that it is absent and that there is room for it. False, and
+   /// nothing added, otherwise.
+   [[gnu::always_inline]] bool addAtFirstLook( Pair const& pair, EmTableIndex slot ) {
+      if ( objects_ != 0 || !elements_.insertAtFirstLook( pair.hash, elementOf( pair, slot ) ) ) {
+         return false;
+      }
+      chips_.add( pair.chip );
+      return true;
    }
 
-   /// Removes a pair that find() found, and the key with its last pair.
-   [[gnu::always_inline]] void erase( KeyPlace const& place, Brine::ChipId chip, Key const& key ) {
-      SlotOrObject const where = elements_[ place.position ].where();
+   /// Removes a pair that find() found, and the object of its key with its last pair.
+   [[gnu::always_inline]] void erase( KeyPlace const& place, Pair const& pair ) {
+      SlotOrObject const where = whereOf( place.position );
       if ( where.isObject() ) [[unlikely]] {
-         where.object()->indexDel( chip );
-         if ( where.object()->indexCount() > 0 ) {
-            return;
+         where.object()->indexDel( pair.chip );
+         if ( where.object()->indexCount() == 0 ) {
+            eraseAt( place.position );
          }
-      }
-      eraseKey( place.position, key );
-   }
-
-   /// Removes the key at a position that glance() gave.
-   [[gnu::always_inline]] void eraseGlanced( U64 position ) { elements_.eraseGlanced( position ); }
-   /// Removes all keys, of which none has an object.
-   void eraseAll() { elements_.eraseAll(); }
-
-   [[gnu::always_inline]] Corvo::Ptr<EmTableFapIndices> eraseKey( U64 position, Key const& key ) {
-      SlotOrObject const where = elements_.erase( position, key.hash ).where();
-      if ( !where.isObject() ) {
-         return {};
-      }
-      --objects_;
-      return Corvo::Ptr<EmTableFapIndices>::adopt( where.object() );
-   }
-
-   /// The object of the key at `position`, made when it was not there. std::bad_alloc.
-   EmTableFapIndices& objectAt( U64 position ) { return objectOf( elements_[ position ] ); }
-
-   /// `object` is not null. std::bad_alloc leaves the table as it was.
-   void objectIs( Key const& key, Corvo::Ptr<EmTableFapIndices> const& object ) {
-      U64 const position = positionOf( key );
-      if ( position == nowhere ) {
-         elements_.makeRoom();
-         elements_.insert( key.hash, KeyElement<wordCount>( key.words, SlotOrObject( object ) ) );
-         ++objects_;
          return;
       }
-      SlotOrObject const before = elements_[ position ].where();
-      elements_[ position ].whereIs( SlotOrObject( object ) );
-      if ( before.isObject() ) {
-         Corvo::Ptr<EmTableFapIndices>::adopt( before.object() ); // drops the element's reference
-      } else {
-         ++objects_;
+      elements_.erase( place.position, pair.hash );
+   }
+
+   /// Removes the pair at a position that glance() gave.
+   [[gnu::always_inline]] void eraseGlanced( U64 position ) { elements_.eraseGlanced( position ); }
+   /// Removes all pairs, of whose keys none has an object.
+   void eraseAll() { elements_.eraseAll(); }
+   /// Removes the pair, or the object with all pairs of its key, at `position`.
+   [[gnu::always_inline]] void eraseAt( U64 position ) {
+      SlotOrObject const where = elements_.erase( position, hashOf( position ) ).where();
+      if ( where.isObject() ) {
+         --objects_;
+         Corvo::Ptr<EmTableFapIndices>::adopt( where.object() ); // drops the element's reference
       }
    }
 
    void delAll() noexcept {
       for ( U64 at = next( 0 ); objects_ > 0 && at != nowhere; at = next( at + 1 ) ) {
-         eraseKey( at, keyOf( at ) );
+         eraseAt( at );
       }
       elements_.clear();
+      chips_.clear();
+      objectPlaces_.clear();
    }
-   /// Keys that have an object.
-   U64 objects() const { return objects_; }
 
-   /// The first position of a key at or after `position`, or nowhere. Positions stay good while
-   /// keys are removed.
+   // ---- every pair, and every object
+
+   /// The first position of either at or after `position`, or nowhere. Positions stay good while
+   /// pairs are removed.
    U64 next( U64 position ) const { return elements_.next( position ); }
-   Key keyOf( U64 position ) const { return hashed( elements_[ position ].words() ); }
+   SlotOrObject whereOf( U64 position ) const { return elements_[ position ].where(); }
+   Words wordsOf( U64 position ) const { return elements_[ position ].words(); }
+
+   // ---- the collection of keys
+
+   /// How many there are. Takes a look at every pair, and one more for each lower chip that the table has
+   /// seen.
+   U64 countKeys() const {
+      U64 count = 0;
+      for ( U64 at = nextKey( 0 ); at != nowhere; at = nextKey( at + 1 ) ) {
+         ++count;
+      }
+      return count;
+   }
+   /// The first position at or after `position` of what stands for a key: its object, or its pair with
+   /// the lowest chip. Nowhere when there is none. Positions stay good while pairs are removed.
+   U64 nextKey( U64 position ) const {
+      U64 at = next( position );
+      while ( at != nowhere && !standsForKey( at ) ) {
+         at = next( at + 1 );
+      }
+      return at;
+   }
+   /// The position of what stands for a key; nowhere when it is absent.
+   U64 positionOfKey( Words const& key ) const {
+      U64 const position = objects_ == 0 ? nowhere : positionOfObject( key );
+      return position == nowhere ? lowestPairOf( key ) : position;
+   }
    /// The keyLength bytes of the key at `position`.
    char const* bytesOf( U64 position ) const { return elements_[ position ].key(); }
-   SlotOrObject whereOf( U64 position ) const { return elements_[ position ].where(); }
 
-   // Steps on the way to a key, each of which starts to fetch what the next one reads.
+   /// The object of the key for which `position` stands, made when it was not there. std::bad_alloc leaves
+   /// the table as it was.
+   EmTableFapIndices& objectAt( U64 position ) {
+      SlotOrObject const where = whereOf( position );
+      if ( where.isObject() ) {
+         return *where.object();
+      }
+      Words const key = wordsOf( position );
+      U32 pairs = 0;
+      forEachPairOf( key, [ & ]( U64 /*position*/ ) { ++pairs; } );
+      auto object = EmTableFapIndices::withRoomFor( pairs );
+      forEachPairOf(
+         key, [ & ]( U64 at ) { object->indexIs( whereOf( at ).chip(), whereOf( at ).slot() ); } );
+      auto& made = *object;
+      objectTakesPlace( position, std::move( object ) );
+      return made;
+   }
+
+   /// `object` is not null. std::bad_alloc leaves the table as it was.
+   void objectIs( Words const& key, Corvo::Ptr<EmTableFapIndices> object ) {
+      U64 const position = positionOfKey( key );
+      if ( position != nowhere ) {
+         objectTakesPlace( position, std::move( object ) );
+         return;
+      }
+      elements_.makeRoom();
+      Pair const place( Brine::ChipId( 0 ), key );
+      elements_.insert( place.hash,
+                        Element( key, SlotOrObject( place.chip, std::move( object ) ) ) );
+      objectPlaces_.add( place.chip );
+      ++objects_;
+   }
+
+   // Steps on the way to a pair, each of which starts to fetch what the next one reads.
 
    [[gnu::always_inline]] void fetchTags( U64 hash ) const { elements_.fetchTags( hash ); }
    [[gnu::always_inline]] void fetchElement( U64 hash ) const { elements_.fetchElement( hash ); }
    [[gnu::always_inline]] void fetchElementOrPlace( U64 hash ) const {
       elements_.fetchElementOrPlace( hash );
    }
-   static void fetchObject( EmTableFapIndices const& object ) {
-      __builtin_prefetch( &object );
-      __builtin_prefetch( reinterpret_cast<char const*>( &object + 1 ) - 1 );
-   }
    /// Bytes that a look-up may touch.
    U64 bytes() const { return elements_.bytes(); }
 
  private:
-   struct Holds {
-      KeyWords<wordCount> wanted;
-      [[gnu::always_inline]] bool operator()( KeyElement<wordCount> const& element ) const {
-         return sameWords( element.words(), wanted );
+   using Element = KeyElement<wordCount>;
+
+   struct IsPair {
+      Pair const& pair;
+      [[gnu::always_inline]] bool operator()( Element const& element ) const {
+         return isPair( element, pair.chip, pair.words );
       }
    };
    struct ElementHash {
-      U64 operator()( KeyElement<wordCount> const& element ) const {
-         return Weft::hashWordsOfOneLength( element.words() );
+      U64 operator()( Element const& element ) const {
+         return Pair( element.where().placeChip(), element.words() ).hash;
       }
    };
 
-   void makeRoomOnChips( KeyElement<wordCount>& element ) {
-      // Either a new object, which has room, or room in the object: one allocation.
-      if ( element.where().isObject() ) {
-         element.where().object()->makeRoom();
-      } else {
-         objectOf( element );
-      }
+   static Element elementOf( Pair const& pair, EmTableIndex slot ) {
+      return Element( pair.words, SlotOrObject( pair.chip, slot ) );
    }
+   U64 hashOf( U64 position ) const { return ElementHash()( elements_[ position ] ); }
 
-   EmTableFapIndices& objectOf( KeyElement<wordCount>& element ) {
-      SlotOrObject const where = element.where();
+   U64 positionOfPair( Pair const& pair ) const {
+      return elements_.find( pair.hash, IsPair{ pair } ).position;
+   }
+   /// Calls `visit( position )` for each pair of a key that has no object, the lowest chip first.
+   template<class Visit>
+   void forEachPairOf( Words const& key, Visit const& visit ) const {
+      chips_.anyOf( [ & ]( Brine::ChipId chip ) {
+         U64 const position = positionOfPair( Pair( chip, key ) );
+         if ( position != nowhere ) {
+            visit( position );
+         }
+         return false;
+      } );
+   }
+   U64 lowestPairOf( Words const& key ) const {
+      U64 position = nowhere;
+      chips_.anyOf( [ & ]( Brine::ChipId chip ) {
+         position = positionOfPair( Pair( chip, key ) );
+         return position != nowhere;
+      } );
+      return position;
+   }
+   bool standsForKey( U64 position ) const {
+      SlotOrObject const where = whereOf( position );
       if ( where.isObject() ) {
-         return *where.object();
+         return true;
       }
-      auto object = EmTableFapIndices::EmTableFapIndicesIs();
-      object->indexIs( where.chip(), where.slot() );
-      auto& made = *object;
-      element.whereIs( SlotOrObject( std::move( object ) ) );
-      ++objects_;
-      return made;
+      Words const key = wordsOf( position );
+      return !chips_.anyOf( [ & ]( Brine::ChipId chip ) {
+         return chip < where.chip() && positionOfPair( Pair( chip, key ) ) != nowhere;
+      } );
    }
 
-   Weft::FlatTable<KeyElement<wordCount>, ElementHash> elements_;
+   U64 positionOfObject( Words const& key ) const {
+      U64 position = nowhere;
+      objectPlaces_.anyOf( [ & ]( Brine::ChipId chip ) {
+         Pair const place( chip, key );
+         position =
+            elements_
+               .find( place.hash,
+                      [ & ]( Element const& element ) {
+                         return element.where().isObject() && sameWords( element.words(), key );
+                      } )
+               .position;
+         return position != nowhere;
+      } );
+      return position;
+   }
+   [[gnu::noinline]] KeyPlace findInObject( Pair const& pair ) const {
+      U64 const position = positionOfObject( pair.words );
+      return { .position = position,
+               .index = position == nowhere ? EmTableIndex()
+                                            : whereOf( position ).object()->index( pair.chip ) };
+   }
+
+   /// Puts an object in the place of what stands for its key, and takes the other pairs of it out.
+   void objectTakesPlace( U64 position, Corvo::Ptr<EmTableFapIndices> object ) {
+      SlotOrObject const before = whereOf( position );
+      if ( before.isObject() ) {
+         Corvo::Ptr<EmTableFapIndices>::adopt( before.object() ); // drops the element's reference
+      } else {
+         forEachPairOf( wordsOf( position ), [ & ]( U64 at ) {
+            if ( at != position ) {
+               elements_.erase( at, hashOf( at ) );
+            }
+         } );
+         ++objects_;
+      }
+      elements_[ position ].whereIs( SlotOrObject( before.placeChip(), std::move( object ) ) );
+      objectPlaces_.add( before.placeChip() );
+   }
+
+   Weft::FlatTable<Element, ElementHash> elements_;
    U32 keyLength_;
-   U64 objects_ = 0; ///< elements that hold an object
+   U64 objects_ = 0;      ///< elements that hold an object
+   ChipSet chips_;        ///< of every pair, and of some that were
+   ChipSet objectPlaces_; ///< the places that objects have taken, as `chips_`
 };
 
 } // namespace Tessel

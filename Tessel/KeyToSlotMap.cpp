@@ -3,6 +3,17 @@
 
 namespace Tessel {
 
+namespace {
+
+/// The pair of a key that is no stray.
+template<std::size_t wordCount>
+HashedPair<wordCount>
+pairIn( KeyTable<wordCount> const& keys, Brine::ChipId chip, EntryKey const& key ) {
+   return HashedPair<wordCount>( chip, keys.wordsAt( key.bytes().bytesPtr() ) );
+}
+
+} // namespace
+
 KeyToSlotMap::KeyToSlotMap( U32 keyLength, U32 mostKeys )
       : keyLength_( keyLength ), keys_( keysFor( keyLength, mostKeys ) ) {}
 
@@ -19,9 +30,8 @@ KeyToSlotMap::Keys KeyToSlotMap::keysFor( U32 keyLength, U32 mostKeys ) {
 
 EmTableIndex KeyToSlotMap::index( Brine::ChipId chip, EntryKey const& key ) const {
    if ( ofLength( key ) ) {
-      return onKeys( [ & ]( auto const& keys ) {
-         return keys.find( chip, keys.keyAt( key.bytes().bytesPtr() ) ).index;
-      } );
+      return onKeys(
+         [ & ]( auto const& keys ) { return keys.find( pairIn( keys, chip, key ) ).index; } );
    }
    U64 const position = strayPosition( key );
    return position == nowhere ? EmTableIndex()
@@ -31,12 +41,12 @@ EmTableIndex KeyToSlotMap::index( Brine::ChipId chip, EntryKey const& key ) cons
 void KeyToSlotMap::indexIs( Brine::ChipId chip, EntryKey const& key, EmTableIndex slot ) {
    if ( ofLength( key ) ) {
       onKeys( [ & ]( auto& keys ) {
-         auto const hashed = keys.keyAt( key.bytes().bytesPtr() );
-         KeyPlace const place = keys.find( chip, hashed );
+         auto const pair = pairIn( keys, chip, key );
+         KeyPlace const place = keys.find( pair );
          if ( !place.index.valid() ) {
             keys.makeRoom( place );
          }
-         keys.set( place, chip, hashed, slot );
+         keys.set( place, pair, slot );
       } );
       return;
    }
@@ -52,10 +62,10 @@ void KeyToSlotMap::indexIs( Brine::ChipId chip, EntryKey const& key, EmTableInde
 void KeyToSlotMap::indexDel( Brine::ChipId chip, EntryKey const& key ) {
    if ( ofLength( key ) ) {
       onKeys( [ & ]( auto& keys ) {
-         auto const hashed = keys.keyAt( key.bytes().bytesPtr() );
-         KeyPlace const place = keys.find( chip, hashed );
+         auto const pair = pairIn( keys, chip, key );
+         KeyPlace const place = keys.find( pair );
          if ( place.index.valid() ) {
-            keys.erase( place, chip, hashed );
+            keys.erase( place, pair );
          }
       } );
       return;
@@ -87,7 +97,7 @@ void KeyToSlotMap::objectIs( EntryKey const& key, Corvo::Ptr<EmTableFapIndices> 
       objectDel( key );
    } else if ( ofLength( key ) ) {
       onKeys(
-         [ & ]( auto& keys ) { keys.objectIs( keys.keyAt( key.bytes().bytesPtr() ), object ); } );
+         [ & ]( auto& keys ) { keys.objectIs( keys.wordsAt( key.bytes().bytesPtr() ), object ); } );
    } else {
       strayIs( key, object );
    }
@@ -115,7 +125,7 @@ Corvo::Ptr<EmTableFapIndices> KeyToSlotMap::objectDel( EntryKey const& key ) {
    if ( isStray( position ) ) {
       strays_.erase( position & ~strayBit, Weft::widened( key.hash() ) );
    } else {
-      onKeys( [ & ]( auto& keys ) { keys.eraseKey( position, keys.keyOf( position ) ); } );
+      onKeys( [ & ]( auto& keys ) { keys.eraseAt( position ); } );
    }
    return removed;
 }
@@ -136,7 +146,7 @@ void KeyToSlotMap::delStrays() noexcept {
 }
 
 U64 KeyToSlotMap::count() const {
-   return strays_.size() + onKeys( []( auto const& keys ) { return keys.count(); } );
+   return strays_.size() + onKeys( []( auto const& keys ) { return keys.countKeys(); } );
 }
 
 U64 KeyToSlotMap::capacity() const {
@@ -145,7 +155,7 @@ U64 KeyToSlotMap::capacity() const {
 
 U64 KeyToSlotMap::next( U64 position ) const {
    if ( !isStray( position ) ) {
-      U64 const at = onKeys( [ & ]( auto const& keys ) { return keys.next( position ); } );
+      U64 const at = onKeys( [ & ]( auto const& keys ) { return keys.nextKey( position ); } );
       if ( at != nowhere ) {
          return at;
       }
@@ -168,7 +178,7 @@ U64 KeyToSlotMap::positionOf( EntryKey const& key ) const {
       return strayPosition( key );
    }
    return onKeys( [ & ]( auto const& keys ) {
-      return keys.positionOf( keys.keyAt( key.bytes().bytesPtr() ) );
+      return keys.positionOfKey( keys.wordsAt( key.bytes().bytesPtr() ) );
    } );
 }
 

@@ -114,6 +114,64 @@ TEST( KeyToSlotMap, theObjectOfAKeyOnOneChipIsTheTablesOwn ) {
    EXPECT_EQ( indices->useCount(), 1U );
 }
 
+std::set<std::string> keysMet( EmShadowTable const& table ) {
+   std::set<std::string> keys;
+   for ( auto at = table.keyToIndexListCursor(); at.onMember(); at.advance() ) {
+      EXPECT_TRUE( keys.insert( textOf( at.key().bytes() ) ).second ) << "each key once";
+   }
+   EXPECT_EQ( table.keyToIndexListCount(), keys.size() );
+   return keys;
+}
+
+TEST( KeyToSlotMap, aKeyOnManyChipsIsOneMemberWithAndWithoutItsObject ) {
+   auto const table = tableOver( Vellum::VellumChunk::inProcess( 1 << 16 ), { .entries = 600 } );
+   for ( U32 chip = 0; chip < 256; ++chip ) {
+      add( table, Brine::ChipId( static_cast<U8>( chip ) ), "key0", "r0" );
+      add( table, Brine::ChipId( static_cast<U8>( chip ) ), "key1", "r1" );
+   }
+   EXPECT_THAT( keysMet( *table ), ElementsAre( "key0", "key1" ) );
+   auto const indices = table->keyToIndexList( keyOf( "key0" ) );
+   EXPECT_THAT( keysMet( *table ), ElementsAre( "key0", "key1" ) );
+   ASSERT_EQ( indices->indexCount(), 256U );
+   for ( U32 chip = 0; chip < 256; ++chip ) {
+      Brine::ChipId const chipId( static_cast<U8>( chip ) );
+      EXPECT_EQ( indices->index( chipId ).value(), 2 * chip );
+      EXPECT_EQ( table->getTableIndex( chipId, keyOf( "key0" ) ).value(), 2 * chip );
+      table->entryDel( chipId, "key0" );
+      table->entryDel( chipId, "key1" );
+      EXPECT_EQ( keysMet( *table ).size(), chip < 255 ? 2U : 0U );
+   }
+   EXPECT_EQ( table->numUsedEntries(), 0U );
+}
+
+TEST( KeyToSlotMap, anObjectTakesThePlaceOfItsKeysPairsAndLeavesOthersAlone ) {
+   auto const table = tableOver( Vellum::VellumChunk::inProcess( 1 << 16 ), { .entries = 3000 } );
+   auto const keyNumber = []( U32 number ) { return std::to_string( 1000 + number ); };
+   for ( U32 i = 0; i < 100; ++i ) {
+      add( table, chip5, keyNumber( i ), "r0" );
+      add( table, chip3, keyNumber( i ), "r0" );
+   }
+   auto const asked = table->keyToIndexList( keyOf( keyNumber( 7 ) ) );
+   auto const given = emTableFapIndicesFactory();
+   given->indexIs( chip1, EmTableIndex( 9 ) );
+   table->keyToIndexListIs( keyOf( keyNumber( 8 ) ), given );
+   EXPECT_FALSE( table->getTableIndex( chip3, keyOf( keyNumber( 8 ) ) ).valid() );
+   EXPECT_FALSE( table->entryHas( chip5, keyNumber( 8 ).data() ) );
+   EXPECT_TRUE( table->entryHas( chip1, keyNumber( 8 ).data() ) );
+   for ( U32 i = 100; i < 1000; ++i ) { // so that the map grows
+      add( table, chip7, keyNumber( i ), "r0" );
+   }
+   table->entryDel( chip3, keyNumber( 7 ).data() ); // whose place the object has
+   EXPECT_EQ( table->keyToIndexList( keyOf( keyNumber( 7 ) ) ), asked );
+   EXPECT_TRUE( table->entryHas( chip5, keyNumber( 7 ).data() ) );
+   add( table, chip0, keyNumber( 7 ), "r0" );
+   EXPECT_TRUE( asked->indexHas( chip0 ) );
+   EXPECT_EQ( asked->indexCount(), 2U );
+   EXPECT_EQ( keysMet( *table ).size(), 1000U );
+   EXPECT_EQ( table->keyToIndexListDel( keyOf( keyNumber( 9 ) ) )->indexCount(), 2U );
+   EXPECT_FALSE( table->entryHas( chip5, keyNumber( 9 ).data() ) );
+}
+
 TEST( KeyToSlotMap, releasesEveryObjectWithTheTable ) {
    U64 const before = EmTableFapIndices::memAllocationTracker_.live();
    {
@@ -123,12 +181,18 @@ TEST( KeyToSlotMap, releasesEveryObjectWithTheTable ) {
          add( table, chip, "key1", "r1" );
       }
       table->keyToIndexListIs( keyOf( "of another length" ), emTableFapIndicesFactory() );
+      EXPECT_EQ( EmTableFapIndices::memAllocationTracker_.live(), before + 1 ) << "nobody asked";
+      for ( auto const* key : { "key0", "key1" } ) {
+         EXPECT_EQ( table->keyToIndexList( keyOf( key ) )->indexCount(), 2U );
+      }
       EXPECT_EQ( EmTableFapIndices::memAllocationTracker_.live(), before + 3 );
       table->keyToIndexListDelAll();
       EXPECT_EQ( EmTableFapIndices::memAllocationTracker_.live(), before );
       EXPECT_EQ( table->keyToIndexListCount(), 0U );
-      add( table, chip5, "key0", "r0" );
-      add( table, chip7, "key0", "r0" );
+      for ( U32 chip = 0; chip < 256; chip += 9 ) {
+         add( table, Brine::ChipId( static_cast<U8>( chip ) ), "key0", "r0" );
+      }
+      EXPECT_TRUE( table->keyToIndexList( keyOf( "key0" ) ) );
    }
    EXPECT_EQ( EmTableFapIndices::memAllocationTracker_.live(), before );
 }

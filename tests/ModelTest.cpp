@@ -35,8 +35,10 @@ class ModelledTable {
          addOne();
       } else if ( dice < 9200 ) {
          removeOne();
-      } else if ( dice < 9600 ) {
+      } else if ( dice < 9500 ) {
          addOrRemoveInBulk();
+      } else if ( dice < 9600 ) {
+         askForObject();
       } else if ( dice < 9940 ) {
          table_->reconcile(); // which changes nothing
       } else if ( dice < 9970 ) {
@@ -56,7 +58,7 @@ class ModelledTable {
       ASSERT_EQ( table_->numUsedEntries(), entries_.size() );
       ASSERT_EQ( table_->isFull(), entries_.size() >= geometry_.entries );
       std::map<U8, U32> counts = chipsMet_;
-      std::set<std::string_view> keys;
+      std::set<std::string> keys;
       std::string bytes( chunk_->size(), '\0' );
       for ( auto const& [ pair, entry ] : entries_ ) {
          auto const& [ chip, key ] = pair;
@@ -70,6 +72,9 @@ class ModelledTable {
       }
       ASSERT_EQ( allBytes( chunk_ ), bytes );
       ASSERT_EQ( table_->keyToIndexListCount(), keys.size() );
+      for ( auto at = table_->keyToIndexListCursor(); at.onMember(); at.advance() ) {
+         ASSERT_EQ( keys.erase( textOf( at.key().bytes() ) ), 1U ) << "each key once";
+      }
       ASSERT_EQ( table_->numUsedEntriesByChipIdCount(), counts.size() );
       for ( auto const& [ chip, count ] : counts ) {
          ASSERT_EQ( table_->numUsedEntriesByChipId( Brine::ChipId( chip ) ), count );
@@ -171,6 +176,23 @@ class ModelledTable {
          expected += adds ? remember( pair, result ) : forget( pair );
       }
       ASSERT_EQ( done, expected );
+   }
+
+   /// From then on the table looks for the key's slots in its object.
+   void askForObject() {
+      std::string const key = anyPair().second;
+      auto const object = table_->keyToIndexList( keyOf( key ) );
+      U32 slots = 0;
+      for ( U32 chip = 0; chip < 256; ++chip ) {
+         auto const found = entries_.find( { static_cast<U8>( chip ), key } );
+         if ( found != entries_.end() ) {
+            ++slots;
+            ASSERT_TRUE( object );
+            ASSERT_EQ( object->index( Brine::ChipId( static_cast<U8>( chip ) ) ).value(),
+                       found->second.slot );
+         }
+      }
+      ASSERT_EQ( object ? object->indexCount() : 0, slots );
    }
 
    void rebuild() {

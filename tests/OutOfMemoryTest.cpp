@@ -78,8 +78,9 @@ TEST( OutOfMemory, aLargeTableWhoseMapGrowsKeepsItsEntries ) {
 TEST( OutOfMemory, addingAKnownKeyOnFurtherChipsDoesSoToo ) {
    auto const table = newTable( { .entries = 300 } );
    add( table, chip0, "AAAA", "r1" );
+   auto const object = table->keyToIndexList( keyOf( "AAAA" ) );
    U64 failures = 0;
-   for ( U32 chip = 1; chip < 256; ++chip ) { // its object is made, then grows now and then
+   for ( U32 chip = 1; chip < 256; ++chip ) { // the object grows now and then
       std::string const before = stateOf( *table );
       failures += failEachWithoutSlabs(
          ofKeys,
@@ -88,6 +89,19 @@ TEST( OutOfMemory, addingAKnownKeyOnFurtherChipsDoesSoToo ) {
    }
    EXPECT_GT( failures, 2U );
    EXPECT_EQ( table->numUsedEntries(), 256U );
+}
+
+TEST( OutOfMemory, askingForAKeysObjectAllocatesItAtOnce ) {
+   auto table = newTable( { .entries = 300 } );
+   for ( U32 chips = 1; chips < 256; ++chips ) {
+      add( table, Brine::ChipId( static_cast<U8>( chips ) ), "AAAA", "r1" );
+      std::string const before = stateOf( *table );
+      U64 const failures = failEachAllocation( [ & ] { table->keyToIndexList( keyOf( "AAAA" ) ); },
+                                               [ & ] { ASSERT_EQ( stateOf( *table ), before ); } );
+      EXPECT_LE( failures, 1U );
+      EXPECT_EQ( stateOf( *table ), before );
+      table = tableOver( table->vellumChunk(), { .entries = 300 } );
+   }
 }
 
 TEST( OutOfMemory, removingAndRewritingAndLookingUpNeedNone ) {
@@ -139,12 +153,15 @@ TEST( OutOfMemory, addingInBulkStopsBetweenTwoEntriesAndGoesOnWhereItStopped ) {
    constexpr U32 pairs = 90;
    auto const table = newTable( { .entries = pairs, .result = 4 } );
    std::vector<std::string> keys;
-   for ( U32 i = 0; i < pairs; ++i ) { // each key on three chips, which takes an object
-      keys.push_back( keyNumber( i / 3 ) );
+   for ( U32 i = 0; i < pairs; ++i ) { // each key on six chips, more than an object holds at first
+      keys.push_back( keyNumber( i / 6 ) );
    }
    std::vector<EmPairAndResult> wanted;
    for ( U32 i = 0; i < pairs; ++i ) {
-      wanted.push_back( { Brine::ChipId( static_cast<U8>( i % 3 ) ), keys[ i ].data(), "res1" } );
+      wanted.push_back( { Brine::ChipId( static_cast<U8>( i % 6 ) ), keys[ i ].data(), "res1" } );
+   }
+   for ( U32 i = 0; i < 30; i += 6 ) {
+      table->keyToIndexListIs( keyOf( keys[ i ] ), emTableFapIndicesFactory() );
    }
    bool answers[ pairs ] = {};
    U64 const failures = failEachWithoutSlabs(
@@ -154,7 +171,7 @@ TEST( OutOfMemory, addingInBulkStopsBetweenTwoEntriesAndGoesOnWhereItStopped ) {
          auto const answered = std::count( answers, answers + pairs, true );
          ASSERT_EQ( usedAlike( *table ), answered );
       } );
-   EXPECT_GT( failures, 1U ); // the map, and the slab of the objects
+   EXPECT_GT( failures, 1U ); // each continues where the one before has stopped
    EXPECT_EQ( usedAlike( *table ), pairs );
    EXPECT_EQ( stateOf( *table ), stateOf( *tableOver( table->vellumChunk(), { pairs, 4, 4 } ) ) );
 }

@@ -32,14 +32,15 @@ inline U64 foldedProduct( U64 a, U64 b ) {
 inline constexpr U64 evenWordMix = 0x9e3779b97f4a7c15;
 inline constexpr U64 oddWordMix = 0xd1b54a32d192ed03;
 inline constexpr U64 lengthMix = 0x8bb84b93962eacc9;
+// A factor that fits into the instruction.
+inline constexpr U64 numberMix = 0x5f356495;
 
 inline U64 mixWords( U64 state, U64 even, U64 odd ) {
    return foldedProduct( even ^ evenWordMix ^ state, odd ^ oddWordMix );
 }
 
 template<std::size_t wordCount>
-inline U64 stateOf( std::array<U64, wordCount> const& words ) {
-   U64 state = 0;
+inline U64 stateOf( std::array<U64, wordCount> const& words, U64 state = 0 ) {
    for ( std::size_t i = 0; i < wordCount; i += 2 ) {
       state = mixWords( state, words[ i ], i + 1 < wordCount ? words[ i + 1 ] : 0 );
    }
@@ -72,11 +73,11 @@ inline U32 hashWords( std::array<U64, wordCount> const& words, U32 length ) {
    return detail::hashResult( detail::mixLength( detail::stateOf( words ), length ) );
 }
 
-/// The same without the length and in 64 bits, one multiplication for two words: for a table whose
-/// keys all have one length.
+/// The same without the length, in 64 bits and with a number that goes with the bytes, one
+/// multiplication for two words: for a table whose keys all have one length.
 template<std::size_t wordCount>
-inline U64 hashWordsOfOneLength( std::array<U64, wordCount> const& words ) {
-   return detail::stateOf( words );
+inline U64 hashWordsOfOneLength( std::array<U64, wordCount> const& words, U64 number ) {
+   return detail::stateOf( words, number * detail::numberMix );
 }
 
 /// An accumulator of byte strings. A fresh one is all zero.
