@@ -404,17 +404,27 @@ inline void storeImage( U8* to, U8 const* from, U32 length ) {
    } );
 }
 
+namespace detail {
+
+// Out of the way of those who wipe images of usual lengths.
+[[gnu::noinline]] inline void storeZerosOfAnyLength( U8* image, U32 length ) {
+   withReadingFor( length,
+                   [ & ]<class R>( std::type_identity<R> ) { R::zeros().store( image, length ); } );
+}
+
+} // namespace detail
+
 /// Writes zeros over the image of `length` bytes, 1 to 48, at `to`.
 [[gnu::always_inline]] inline void storeNoImage( U8* to, U32 length ) {
-   storeImageBy( to, 0, [ & ]( U8* image, U8 /*meanwhile*/ ) {
-      using Usual = detail::Reading<detail::Unit16, 2>;
-      if ( length - 16 <= 16 ) [[likely]] {
-         Usual::zeros().store( image, length );
-         return;
-      }
-      detail::withReadingFor(
-         length, [ & ]<class R>( std::type_identity<R> ) { R::zeros().store( image, length ); } );
-   } );
+   storeImageBy(
+      to, 0, [length]( U8 * image, U8 /*meanwhile*/ ) __attribute__( ( always_inline ) ) {
+         using Usual = detail::Reading<detail::Unit16, 2>;
+         if ( length - 16 <= 16 ) [[likely]] {
+            Usual::zeros().store( image, length );
+         } else {
+            detail::storeZerosOfAnyLength( image, length );
+         }
+      } );
 }
 
 /// Takes one image of `length` bytes at `from`, written by storeImage with the same bounds in this
