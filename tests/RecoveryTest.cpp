@@ -107,6 +107,38 @@ TEST( Recovery, runningAgainTakesOverWhatAnotherWriterAdded ) {
    EXPECT_EQ( table->numUsedEntries(), 1U );
 }
 
+// Its map takes no room for all at once, and guesses from the first keys, which are on two chips here,
+// how much the others need.
+TEST( Recovery, ofALargeTableFindsEveryEntryWhileItsMapGrows ) {
+   Geometry const geometry{ .entries = 400'000 };
+   constexpr U32 keys = 60'000;
+   constexpr U32 shared = 5'000;
+   auto const chunk = Vellum::VellumChunk::inProcess( 4 << 20 );
+   auto const chips = [ & ]( U32 number, auto const& visit ) {
+      std::string const key( reinterpret_cast<char const*>( &number ), sizeof number );
+      visit( chip3, key );
+      if ( number < shared ) {
+         visit( chip5, key );
+      }
+   };
+   auto const before = tableOver( chunk, geometry );
+   for ( U32 number = 0; number < keys; ++number ) {
+      chips( number, [ & ]( auto chip, auto const& key ) {
+         add( before, chip, key, key.substr( 0, 2 ) );
+      } );
+   }
+   auto const table = tableOver( chunk, geometry );
+   EXPECT_EQ( table->numUsedEntries(), keys + shared );
+   EXPECT_EQ( table->keyToIndexListCount(), keys );
+   for ( U32 number = 0; number < keys; ++number ) {
+      chips( number, [ & ]( auto chip, auto const& key ) {
+         std::string result( 2, '#' );
+         ASSERT_TRUE( table->entry( chip, key.data(), result.data() ) );
+         ASSERT_EQ( result, key.substr( 0, 2 ) );
+      } );
+   }
+}
+
 TEST( Recovery, tracesEverySlotInOrder ) {
    auto const chunk = Vellum::VellumChunk::inProcess( 64 );
    writeImage( chunk, 1, "\1\3AAAAr1" );

@@ -86,10 +86,13 @@ TEST_F( ToolFrames, withoutTheirTrailerAreDamaged ) {
 
 TEST_F( ToolFrames, reachingOutOfTheChunkAreDamaged ) {
    manageTables( plan, chunk );
-   put( host.offset - 8, "\xff\xff\xff\xff" );
-   auto const frames = findFrames( *chunk );
-   ASSERT_EQ( frames.size(), 2U );
-   EXPECT_FALSE( frames[ 1 ].intact );
+   U32 const backToTheTrailerOfMac = mac.offset + mac.shadowSize - host.offset; // in 32 bits
+   for ( U32 const size : { 0xFFFFFFFFU, backToTheTrailerOfMac } ) {
+      chunk->write( host.offset - 8, &size, sizeof size );
+      auto const frames = findFrames( *chunk );
+      ASSERT_EQ( frames.size(), 2U );
+      EXPECT_FALSE( frames[ 1 ].intact ) << size;
+   }
 }
 
 TEST_F( ToolFrames, copiedElsewhereOrIntoAnEntryAreNone ) {

@@ -124,11 +124,17 @@ TEST_F( InterruptedReader, ofATableGetsOneResultOrTheOther ) {
 }
 
 TEST_F( InterruptedReader, waitsForAnImageThatIsMarked ) {
-   std::string const torn = "\xff\3kkbbbbbbbbaaaaaaaa";
-   InterruptedReading reading( [ & ]( char* to ) { chunk->read( offset, to, 20 ); } );
+   Geometry const geometry{ .entries = 1, .key = 2, .result = 12 };
+   auto const put = [ & ]( std::string const& image ) {
+      chunk->write( offset, image.data(), static_cast<U32>( image.size() ) );
+   };
+   put( imageOf( 16, 'b' ) );
+   auto const table = tableOver( chunk, geometry, offset );
+   InterruptedReading reading( [ & ]( char* to ) { table->entry( chip3, "kk", to ); } );
    if ( !reading.traced() ) {
       GTEST_SKIP() << "no process may be traced here";
    }
+   std::string const torn = "\xff\3kkbbbbbbaaaaaa";
    for ( U32 i = 0; i < torn.size(); ++i ) { // as it is, without the care of a whole image
       chunk->write( offset + i, &torn[ i ], 1 );
    }
@@ -138,8 +144,8 @@ TEST_F( InterruptedReader, waitsForAnImageThatIsMarked ) {
       reading.steps( reading.instructions() );
       ASSERT_FALSE( reading.isOver() ) << "after " << changes << " changes";
    }
-   chunk->write( offset, imageOf( 20, 'a' ).data(), 20 );
-   EXPECT_EQ( reading.finishes( 20 ), imageOf( 20, 'a' ) );
+   put( imageOf( 16, 'a' ) );
+   EXPECT_EQ( reading.finishes( 12 ), std::string( 12, 'a' ) );
 }
 
 /// A result that tells its chip, its key and its own version, as far as it has room.

@@ -8,10 +8,12 @@
 #include "support/Tables.h"
 #include "tools/tessel/Csv.h"
 #include "tools/tessel/Failure.h"
-#include "tools/tessel/Frames.h"
+#include "tools/tessel/SlotScan.h"
+#include "tools/tessel/Verify.h"
 
 #include <cstdio>
 #include <cstdlib>
+#include <set>
 #include <sstream>
 
 namespace Fuzz {
@@ -91,11 +93,40 @@ void requireEmptied( Chunk const& chunk, Geometry geometry, U32 offset ) {
    require( false, "a table is empty at last" );
 }
 
+/// What `tessel verify` says of the slots of a table is what is wrong with them.
+void requireNamed( Vellum::VellumChunk const& chunk, TesselTool::PlannedTable const& table ) {
+   U32 const length = TesselTool::slotBytes( table.key, table.result );
+   std::set<U64> wrong;
+   std::set<std::string> pairs;
+   for ( U32 slot = 0; slot < table.entries; ++slot ) {
+      std::string image( length, '#' );
+      chunk.read( table.offset + slot * length, image.data(), length );
+      bool const used = image[ 0 ] != 0;
+      std::string const zeros = used ? image.substr( 2 + table.key + table.result ) : image;
+      bool const sound =
+         static_cast<U8>( image[ 0 ] ) <= 1 && zeros.find_first_not_of( '\0' ) == std::string::npos;
+      bool const twice = used && !pairs.insert( image.substr( 1, 1 + table.key ) ).second;
+      if ( !sound || twice ) {
+         wrong.insert( slot );
+      }
+   }
+   std::set<U64> named;
+   TesselTool::verifySlots(
+      chunk,
+      table,
+      [ & ]( auto const& problem ) { named.insert( ( problem.offset - table.offset ) / length ); },
+      [] {} );
+   require( named == wrong, "verify names the slots that are wrong, and no others" );
+}
+
 /// The tool's looks into a chunk.
 void inspect( Vellum::VellumChunk const& chunk, Geometry geometry, U32 offset ) {
-   for ( auto const& frame : TesselTool::findFrames( chunk ) ) {
+   auto const frames = TesselTool::findFrames( chunk );
+   auto const problems = TesselTool::problemsOf( chunk, frames );
+   for ( auto const& frame : frames ) {
       require( !frame.intact || U64{ frame.offset } + frame.shadowSize + 8 <= chunk.size(),
                "an intact frame lies within its chunk" );
+      require( frame.intact || !problems.empty(), "verify names a frame that is not intact" );
    }
    TesselTool::Plan plan{ .agent = "a",
                           .chunk = "/c",
@@ -108,6 +139,7 @@ void inspect( Vellum::VellumChunk const& chunk, Geometry geometry, U32 offset ) 
                                         .result = geometry.result } } };
    try {
       TesselTool::placeTables( plan );
+      requireNamed( chunk, plan.tables[ 0 ] );
       TesselTool::checkFrames( chunk, plan, TesselTool::FrameUse::writing );
    } catch ( TesselTool::Failure const& ) {
       return;

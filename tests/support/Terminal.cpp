@@ -63,20 +63,20 @@ bool Terminal::readMore() {
 }
 
 bool Terminal::shows( std::string const& text ) {
-   for ( ;; ) {
+   constexpr std::size_t muchElse = 1 << 18; // as a watch draws that never comes to it
+   do {
       auto const at = output_.find( text, seen_ );
       if ( at != std::string::npos ) {
          seen_ = at + text.size();
          return true;
       }
-      if ( !readMore() ) {
-         return false;
-      }
-   }
+   } while ( output_.size() - seen_ < muchElse && readMore() );
+   return false;
 }
 
 int Terminal::finish() {
    while ( readMore() ) {}
+   ::kill( tool_, SIGKILL ); // one that has fallen silent without an end
    int status = 0;
    ::waitpid( tool_, &status, 0 );
    tool_ = -1;

@@ -24,10 +24,11 @@ class Terminal {
    void type( std::string const& keys ) const;
    void signal( int number ) const;
    void resize( unsigned short rows ) const;
-   /// Reads until `text` has come, since the last time; false when the tool ended before, or
-   /// nothing came for half a minute.
+   /// Reads until `text` has come, since the last time; false when the tool ended before, when
+   /// nothing came for half a minute, or a quarter of a megabyte came without it.
    bool shows( std::string const& text );
-   /// Waits for the end: the exit status, or 128 and the signal.
+   /// Waits for the end: the exit status, or 128 and the signal. SIGKILL is also that of a tool that
+   /// was silent for half a minute.
    int finish();
 
    /// All that came.

@@ -25,11 +25,9 @@ struct Counts {
    U64 bad = 0;     ///< lines
 };
 
-CsvInput readInput( std::string const& file, PlannedTable const& table, std::ostream& err ) {
+CsvInput readInput( InputBuffer& buffer, PlannedTable const& table, std::ostream& err ) {
    CsvFormats const formats{ .key = table.keyFormat, .result = table.resultFormat };
-   InputBuffer buffer( file );
    std::istream stream( &buffer );
-   CatchInterrupts const catching;
    Progress progress( err, readingBytes, buffer.size() );
    buffer.progressIs( &progress );
    CsvInput input = readCsv( stream, table.key, table.result, formats );
@@ -45,8 +43,10 @@ CsvInput readInput( std::string const& file, PlannedTable const& table, std::ost
 
 CsvInput
 readOrSayNothingLoaded( std::string const& file, PlannedTable const& table, std::ostream& err ) {
+   InputBuffer buffer( file );
+   CatchInterrupts const catching; // a second signal must not cut off what is said of the first
    try {
-      return readInput( file, table, err );
+      return readInput( buffer, table, err );
    } catch ( Interrupted const& ) {
       printError( err, "interrupted while the input was read: nothing was loaded" );
       throw;
@@ -160,7 +160,6 @@ void loadEntries( Plan const& plan,
    auto const manager = openForWriting( plan, IfMissing::create );
    auto const table =
       Corvo::dynamicPtr<Tessel::EmShadowTable>( manager->managedTable( planned.name ) );
-   CatchInterrupts const catching;
    Progress progress( err, loadingEntries, entries.size() );
    Block block( *table, planned );
    for ( std::size_t done = 0; done < entries.size(); progress.doneIs( done ) ) {
@@ -176,6 +175,7 @@ void loadOrSayHowFar( Plan const& plan,
                       Entries entries,
                       Counts& counts,
                       std::ostream& err ) {
+   CatchInterrupts const catching; // as above
    try {
       loadEntries( plan, planned, entries, counts, err );
    } catch ( Interrupted const& ) {
