@@ -425,6 +425,7 @@ TEST_F( Tool, initWritesAPlanThatWorksAndKeepsWhatIsThere ) {
 TEST_F( Tool, helpIsNoError ) {
    EXPECT_THAT( run( { "--help" } ).out, HasSubstr( "Exit status: 0 done" ) );
    EXPECT_THAT( run( { "load", "--help" } ).out, HasSubstr( "--keep-going" ) );
+   EXPECT_THAT( run( { "show", "--help" } ).out, HasSubstr( "show [OPTIONS] PLAN|CHUNK\n" ) );
    EXPECT_EQ( run( { "load", "--help" } ).status, 0 );
    EXPECT_EQ( run( { "help", "load" } ).out, run( { "load", "--help" } ).out );
    expectError( run( { "help", "laod" } ), 2, "there is no verb \"laod\"; the nearest is load" );
