@@ -334,7 +334,19 @@ TEST_F( Tool, aChunkThatLetsOthersInIsRefused ) {
    EXPECT_EQ( bench.bytes(), "(missing)" ) << "nothing to load makes no chunk";
    load( "0,000000000001,0001\n" );
    std::filesystem::permissions( "/dev/shm" + bench.chunk(), std::filesystem::perms( 0644 ) );
-   expectError( run( { "show", plan } ), 1, "; it has to be yours alone" );
+   expectError( run( { "show", plan } ), 1, "; it has to be yours alone: chmod 600 /dev/shm" );
+   std::filesystem::permissions( "/dev/shm" + bench.chunk(), std::filesystem::perms( 0600 ) );
+   std::string const second = "/dev/shm" + bench.chunk() + " $(b)";
+   std::filesystem::create_hard_link( "/dev/shm" + bench.chunk(), second );
+   expectError( run( { "show", plan } ), 1, "; have its other name removed" );
+   std::filesystem::remove( second );
+   ASSERT_EQ( ::mkfifo( second.c_str(), 0600 ), 0 );
+   expectError( run( { "show", bench.chunk() + " $(b)" } ), 1, "; name another chunk" );
+   std::filesystem::remove( second );
+   std::ofstream( second ) << 'x';
+   std::filesystem::permissions( second, std::filesystem::perms( 0644 ) );
+   expectError( run( { "show", bench.chunk() + " $(b)" } ), 1, "chmod 600 '" + second + "' if" );
+   std::filesystem::remove( second );
 }
 
 // ------------------------------------------------------------------------- answers

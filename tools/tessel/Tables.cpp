@@ -7,6 +7,9 @@
 
 #include <system_error>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace TesselTool {
 
 namespace {
@@ -14,15 +17,35 @@ namespace {
 using Vellum::VellumChunk;
 using Chunk = Corvo::Ptr<VellumChunk>;
 
+/// What to do about a chunk that this user may not open, or that others may.
+std::string adviceAboutRights( Corvo::String const& name ) {
+   std::string const path = "/dev/shm" + name;
+   struct stat status {};
+   if ( ::lstat( path.c_str(), &status ) != 0 ) {
+      return {};
+   }
+   if ( !S_ISREG( status.st_mode ) ) {
+      return "; name another chunk";
+   }
+   if ( status.st_uid != ::geteuid() ) {
+      return joined( "; run tessel as its user, whose number is ", status.st_uid );
+   }
+   if ( status.st_nlink > 1 ) {
+      return "; have its other name removed, under which it is not guarded, or else tessel remove "
+             "--force";
+   }
+   return joined( "; it has to be yours alone: chmod 600 ",
+                  shellWord( path ),
+                  " if you trust what it holds, or else tessel remove --force" );
+}
+
 /// What to do about a chunk that cannot be opened.
 std::string adviceFor( std::system_error const& failure, Corvo::String const& name ) {
    if ( failure.code() == std::errc::invalid_argument && isChunkName( name ) ) { // empty
       return "; try again if somebody is creating it just now, or else tessel remove --force";
    }
    if ( failure.code() == std::errc::permission_denied ) {
-      return joined( "; it has to be yours alone: chmod 600 /dev/shm",
-                     printable( name ),
-                     " if you trust what it holds, or else tessel remove --force" );
+      return adviceAboutRights( name );
    }
    return failure.code() == std::errc::too_many_symbolic_link_levels
              ? "; name the chunk that it leads to, or have the link removed"
