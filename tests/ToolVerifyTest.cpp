@@ -61,6 +61,22 @@ TEST_F( ToolVerify, findsNothingWhereNothingIsWrong ) {
    EXPECT_THAT( bench.run( { "--json", "verify", bench.chunk() } ).out,
                 HasSubstr( "\"slotsChecked\":false" ) );
    EXPECT_EQ( bench.run( { "verify", bench.chunk(), "--key", "20", "--result", "12" } ).status, 1 );
+   EXPECT_THAT( bench.run( { "--json", "verify", plan, "--table", "mac" } ).out,
+                HasSubstr( "\"slotsChecked\":true" ) );
+   EXPECT_THAT( bench.run( { "verify", plan, "--table", "mac" } ).out,
+                HasSubstr( "2 tables, of 1 the frame alone" ) );
+}
+
+TEST_F( ToolVerify, saysWhenThereIsNoFrameToCheck ) {
+   for ( char const byte : { '\0', '\x12' } ) {
+      put( 0, std::string( chunk->size(), byte ) );
+      std::string const what = byte == '\0' ? "it is all zero" : "its bytes hold no table's frame";
+      EXPECT_THAT( bench.run( { "verify", bench.chunk() } ).out,
+                   HasSubstr( "nothing to check, " + what ) );
+      EXPECT_THAT( bench.run( { "show", bench.chunk() } ).out, HasSubstr( "0 tables: " ) );
+      EXPECT_THAT( bench.run( { "map", bench.chunk(), "--key", "6", "--result", "2" } ).out,
+                   HasSubstr( "nothing to draw" ) );
+   }
 }
 
 TEST_F( ToolVerify, namesEachWrongByteOfASlotByItsOffset ) {

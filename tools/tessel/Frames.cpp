@@ -383,6 +383,17 @@ std::vector<Frame> findFrames( VellumChunk const& chunk ) {
    return frames;
 }
 
+std::string_view unframedText( VellumChunk const& chunk ) {
+   Vellum::Stretch stretch = chunk.suppliedFrom( 0 );
+   while ( stretch.begin < stretch.end ) {
+      if ( !isZero( chunk, stretch.begin, stretch.end - stretch.begin ) ) {
+         return "its bytes hold no table's frame: they are no agent's, or damaged";
+      }
+      stretch = chunk.suppliedFrom( stretch.end );
+   }
+   return "it is all zero: its agent has made no table yet";
+}
+
 Problems problemsOf( VellumChunk const& chunk, std::vector<Frame> const& frames ) {
    Problems problems;
    for ( std::size_t i = 0; i < frames.size(); ++i ) {

@@ -25,6 +25,9 @@ struct Frame {
 /// bytes and no frame.
 std::vector<Frame> findFrames( Vellum::VellumChunk const& chunk );
 
+/// What a chunk without a frame holds, in words.
+std::string_view unframedText( Vellum::VellumChunk const& chunk );
+
 /// Something that stands where it should not, or does not where it should.
 struct FrameProblem {
    U64 offset = 0;
