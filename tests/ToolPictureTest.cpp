@@ -122,6 +122,12 @@ TEST_F( ToolPicture, leavesOutATableThatDoesNotFitIntoTheChunk ) {
    EXPECT_EQ( answer.status, 1 );
    EXPECT_THAT( answer.out, HasSubstr( "mac  1 of 8 slots used" ) );
    EXPECT_THAT( answer.err, HasSubstr( "table \"cut\" says that it has 4294967295 bytes" ) );
+   auto const watched =
+      bench.run( { "watch", bench.chunk(), "--count", "1", "--key", "6", "--result", "2" } );
+   EXPECT_EQ( watched.status, 1 );
+   EXPECT_THAT( watched.err, HasSubstr( "table \"cut\" says that it has" ) );
+   EXPECT_THAT( bench.run( { "map", bench.chunk(), "--key", "20", "--result", "12" } ).err,
+                HasSubstr( "is not made of slots for keys of 20 bytes and results of 12" ) );
 }
 
 TEST_F( ToolPicture, watchedTellsWhatCameAndWent ) {

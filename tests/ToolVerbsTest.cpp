@@ -283,13 +283,39 @@ TEST_F( Tool, aChunkOfAnotherPlanIsRefusedWithItsBytesUnchanged ) {
       run( { "dump", bench.path( "other.json" ), "mac" } ), 1, "does not match the plan" );
 }
 
-TEST_F( Tool, aChunkThatShrankIsReportedByEveryVerb ) {
+TEST_F( Tool, ofAChunkThatShrankIsReadWhatIsLeft ) {
    load( "0,000000000001,0001\n" );
-   std::filesystem::resize_file( "/dev/shm" + bench.chunk(), 100 );
-   expectError( run( { "show", plan } ), 1, "has 100 bytes, the plan says 65536" );
-   expectError( run( { "dump", plan, "mac" } ), 1, "has 100 bytes" );
+   std::filesystem::resize_file( "/dev/shm" + bench.chunk(), 100 ); // table mac ends there
+   expectError( run( { "dump", plan, "set" } ), 1, "has 100 bytes, the plan says 65536" );
+   expectError(
+      run( { "lookup", plan, "set", "0", "0001" } ), 1, "or remove a chunk that was cut" );
    expectError( run( { "clear", plan, "mac" } ), 1, "has 100 bytes" );
+   EXPECT_EQ( dump(), "0,000000000001,0001\n" );
+   EXPECT_EQ( run( { "lookup", plan, "mac", "0", "000000000001" } ).out, "0001\n" );
+   Answer const shown = run( { "show", plan } );
+   EXPECT_EQ( shown.status, 1 );
+   EXPECT_THAT( shown.out, AllOf( HasSubstr( "(planned: 65,536)" ), HasSubstr( "25.0 %" ) ) );
+   EXPECT_THAT( shown.err, HasSubstr( "table \"set\" with 400 bytes at offset 144" ) );
    EXPECT_EQ( run( { "show", bench.chunk() } ).status, 0 );
+   std::filesystem::resize_file( "/dev/shm" + bench.chunk(), 90 );
+   expectError( run( { "dump", plan, "mac" } ), 1, "has 90 bytes" );
+}
+
+TEST_F( Tool, tablesOfOneNameInAChunkAreToldApartByTheirPlans ) {
+   load( "0,000000000001,0001\n" );
+   auto const chunk = Vellum::VellumChunk::open( bench.chunk() );
+   auto const other = Tessel::tableManagerFactory( "other", chunk, 30000, 30000 );
+   other->manageEmShadow( "mac", Tessel::emTableHelperFactory( 4, 6, 2 ) );
+   auto const withLengths = [ & ]( Words words ) {
+      words.insert( words.end(), { bench.chunk(), "mac", "--key", "6", "--result", "2" } );
+      return run( words );
+   };
+   expectError( withLengths( { "dump" } ), 1, "has 2 tables \"mac\": give the plan" );
+   std::string const watched =
+      withLengths( { "--json", "watch", "--count", "2", "--interval", "0.05" } ).out;
+   EXPECT_THAT( watched,
+                AllOf( HasSubstr( R"("used":1,"added":0)" ), HasSubstr( R"("used":0)" ) ) );
+   EXPECT_THAT( watched, testing::Not( HasSubstr( R"("added":1)" ) ) );
 }
 
 // A dump that waits for who reads it has most of its table still before it.

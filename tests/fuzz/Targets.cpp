@@ -108,7 +108,7 @@ void inspect( Vellum::VellumChunk const& chunk, Geometry geometry, U32 offset ) 
                                         .result = geometry.result } } };
    try {
       TesselTool::placeTables( plan );
-      TesselTool::checkFrames( chunk, plan, TesselTool::FrameUse::writing );
+      TesselTool::checkForWriting( chunk, plan );
    } catch ( TesselTool::Failure const& ) {
       return;
    }

@@ -109,10 +109,8 @@ ExitStatus map( Arguments const& arguments, Context const& context ) {
                      *inspection.chunk,
                      picturesOf( inspection, { .cells = cellsFor( terminalSize(), rows ) } ) );
    }
-   for ( std::string const& line : inspection.leftOut ) {
-      printError( context.err, line );
-   }
-   return inspection.leftOut.empty() ? ExitStatus::done : ExitStatus::refused;
+   printLeftOut( inspection, context.err );
+   return inspection.status();
 }
 
 } // namespace TesselTool

@@ -162,7 +162,8 @@ ExitStatus show( Arguments const& arguments, Context const& context ) {
    } else {
       printChunk( context.out, *inspection.chunk, rows );
    }
-   return ExitStatus::done;
+   printLeftOut( inspection, context.err );
+   return inspection.status();
 }
 
 } // namespace TesselTool

@@ -108,13 +108,33 @@ Chunk openForReading( Corvo::String const& chunkName ) {
    return chunk;
 }
 
-Chunk openForReading( Plan const& plan ) {
+Chunk openForReading( Plan const& plan, PlannedTable const& table ) {
    Chunk chunk = openForReading( plan.chunk );
-   if ( chunk->size() < plan.size ) {
-      refuseSize( *chunk, plan );
+   if ( std::string const cut = cutText( *chunk, plan, table ); !cut.empty() ) {
+      throw Failure( joined( cut, ": ", cutAdvice ) );
    }
-   checkFrames( *chunk, plan, FrameUse::reading );
+   checkForReading( *chunk, table );
    return chunk;
+}
+
+std::string cutText( VellumChunk const& chunk, Plan const& plan, PlannedTable const& table ) {
+   if ( U64{ table.offset } + table.shadowSize <= chunk.size() ||
+        table.kind == TableKind::direct ) {
+      return {};
+   }
+   return joined( "chunk ",
+                  inQuotes( chunk.name() ),
+                  " has ",
+                  chunk.size(),
+                  " bytes, the plan says ",
+                  plan.size,
+                  ", and table ",
+                  inQuotes( table.name ),
+                  " with ",
+                  table.shadowSize,
+                  " bytes at offset ",
+                  table.offset,
+                  " does not fit into it" );
 }
 
 Corvo::Ptr<Tessel::EmShadowTable> tableForReading( Chunk const& chunk,
@@ -143,7 +163,7 @@ WritingManager openForWriting( Plan const& plan, IfMissing ifMissing ) {
    if ( chunk->size() != plan.size ) {
       refuseSize( *chunk, plan );
    }
-   checkFrames( *chunk, plan, FrameUse::writing );
+   checkForWriting( *chunk, plan );
    return { std::move( lock ), manageTables( plan, chunk ) };
 }
 
