@@ -35,9 +35,9 @@ class ToolPicture : public ::testing::Test {
       return pictureOf(
          *chunk, { .table = plan.tables[ 0 ] }, { .cells = cells, .entriesPerCell = entries } );
    }
-   std::string printed( U32 cells, Style style ) const {
+   std::string printed( U32 cells, Style style, U32 columns = 42 ) const {
       std::ostringstream out;
-      printPicture( out, picture( cells ), style, { .columns = 27, .rows = 24 } );
+      printPicture( out, picture( cells ), style, { .columns = columns, .rows = 24 } );
       return out.str();
    }
 
@@ -61,7 +61,13 @@ TEST_F( ToolPicture, showsWhereEntriesLieAndOfWhichChip ) {
    EXPECT_THAT( printed( 10, {} ),
                 HasSubstr( "4 to a character\n  d chip 3    #########...............  15\n" ) );
    EXPECT_THAT( printed( 10, {} ), HasSubstr( "         0 ddddS.....\n" ) );
-   std::string const chip200 = "\x1b[38;5;113m█\x1b[0m";
+   EXPECT_EQ( printed( 10, {}, 24 ),
+              "mac  17 of 40 slots used, 42.5 %, 4 to a character\n"
+              "  d chip 3    ##....  15\n"
+              "  S chip 200  ......  2\n"
+              "         0 ddddS...\n"
+              "        32 to 39: free\n" );
+   std::string const chip200 = "\x1b[38;5;209m█\x1b[0m";
    Style const inColour{ .colour = true, .unicode = true };
    EXPECT_THAT( printed( 64, inColour ), HasSubstr( chip200 + "\x1b[2m·\x1b[0m" ) );
    manager->deleteAll( Brine::ChipId( 3 ) );
@@ -116,6 +122,12 @@ TEST_F( ToolPicture, leavesOutATableThatDoesNotFitIntoTheChunk ) {
    EXPECT_EQ( answer.status, 1 );
    EXPECT_THAT( answer.out, HasSubstr( "mac  1 of 8 slots used" ) );
    EXPECT_THAT( answer.err, HasSubstr( "table \"cut\" says that it has 4294967295 bytes" ) );
+   auto const watched =
+      bench.run( { "watch", bench.chunk(), "--count", "1", "--key", "6", "--result", "2" } );
+   EXPECT_EQ( watched.status, 1 );
+   EXPECT_THAT( watched.err, HasSubstr( "table \"cut\" says that it has" ) );
+   EXPECT_THAT( bench.run( { "map", bench.chunk(), "--key", "20", "--result", "12" } ).err,
+                HasSubstr( "is not made of slots for keys of 20 bytes and results of 12" ) );
 }
 
 TEST_F( ToolPicture, watchedTellsWhatCameAndWent ) {

@@ -61,22 +61,37 @@ TEST_F( ToolVerify, findsNothingWhereNothingIsWrong ) {
    EXPECT_THAT( bench.run( { "--json", "verify", bench.chunk() } ).out,
                 HasSubstr( "\"slotsChecked\":false" ) );
    EXPECT_EQ( bench.run( { "verify", bench.chunk(), "--key", "20", "--result", "12" } ).status, 1 );
+   EXPECT_THAT( bench.run( { "--json", "verify", plan, "--table", "mac" } ).out,
+                HasSubstr( "\"slotsChecked\":true" ) );
+   EXPECT_THAT( bench.run( { "verify", plan, "--table", "mac" } ).out,
+                HasSubstr( "2 tables, of 1 the frame alone" ) );
+}
+
+TEST_F( ToolVerify, saysWhenThereIsNoFrameToCheck ) {
+   for ( char const byte : { '\0', '\x12' } ) {
+      put( 0, std::string( chunk->size(), byte ) );
+      std::string const what = byte == '\0' ? "it is all zero" : "its bytes hold no table's frame";
+      EXPECT_THAT( bench.run( { "verify", bench.chunk() } ).out,
+                   HasSubstr( "nothing to check, " + what ) );
+      EXPECT_THAT( bench.run( { "show", bench.chunk() } ).out, HasSubstr( "0 tables: " ) );
+      EXPECT_THAT( bench.run( { "map", bench.chunk(), "--key", "6", "--result", "2" } ).out,
+                   HasSubstr( "nothing to draw" ) );
+   }
 }
 
 TEST_F( ToolVerify, namesEachWrongByteOfASlotByItsOffset ) {
    put( mac, "\x02" );
    put( mac + 12 + 11, "\x01" );
-   put( mac + 24 + 5, "\x01" );
-   put( host, std::string_view( "\x01\x07\x01\x02\x03\x04\x05\x06\x00\x00\x00\x00", 12 ) );
-   put( host + 36, std::string_view( "\x01\x07\x01\x02\x03\x04\x05\x06\x00\x01\x00\x00", 12 ) );
+   put( mac + 72 + 5, "\x01" );
+   put( mac + 36, std::string_view( "\x01\x07\x01\x02\x03\x04\x05\x06\x00\x00\x00\x00", 12 ) );
+   put( mac + 60, std::string_view( "\x01\x07\x01\x02\x03\x04\x05\x06\x00\x01\x00\x00", 12 ) );
    EXPECT_THAT(
       problems( plan ),
-      ElementsAre(
-         "44, table \"mac\": slot 0 has the valid byte 0x02, neither 0 nor 1",
-         "67, table \"mac\": slot 1 has padding that is not zero",
-         "73, table \"mac\": slot 2 is free, but not all zero",
-         "228, table \"host\": slot 3 holds chip 7, key 010203040506, which slot 0 holds, "
-         "too" ) );
+      ElementsAre( "44, table \"mac\": slot 0 has the valid byte 0x02, neither 0 nor 1",
+                   "67, table \"mac\": slot 1 has padding that is not zero",
+                   "104, table \"mac\": slot 5 holds chip 7, key 010203040506, which slot 3 holds, "
+                   "too",
+                   "121, table \"mac\": slot 6 is free, but not all zero" ) );
    EXPECT_THAT( bench.run( { "verify", bench.chunk(), "--key", "6", "--result", "2" } ).out,
                 HasSubstr( "4 problems in chunk" ) );
    EXPECT_THAT( bench.run( { "--json", "verify", plan } ).out,

@@ -140,7 +140,7 @@ void inspect( Vellum::VellumChunk const& chunk, Geometry geometry, U32 offset ) 
    try {
       TesselTool::placeTables( plan );
       requireNamed( chunk, plan.tables[ 0 ] );
-      TesselTool::checkFrames( chunk, plan, TesselTool::FrameUse::writing );
+      TesselTool::checkForWriting( chunk, plan );
    } catch ( TesselTool::Failure const& ) {
       return;
    }

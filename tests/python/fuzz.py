@@ -12,6 +12,7 @@ usage: fuzz.py [--count N] [--seed N]
 from __future__ import annotations
 
 import argparse
+import functools
 import copy
 import faulthandler
 import itertools
@@ -30,6 +31,13 @@ PROMISED = (
 )  # fmt: skip
 NAMES = [name for module in tessel.modules() for name in module.types]
 INFOS = {name: tessel.typeInfo(name) for name in NAMES}
+
+
+@functools.cache
+def type_name(kind: type) -> str:
+    return tessel.typeInfo(kind).name
+
+
 CLASSES = {name: getattr(tessel, name.rpartition(":")[2]) for name in NAMES}
 POOL_SIZE = 40
 PREFIX = f"/tessel-fuzz-{os.getpid()}-"
@@ -121,7 +129,7 @@ class Fuzz:
 
     def keep(self, found: Any) -> None:
         if isinstance(found, (tessel.Value, tessel.Entity)):
-            held = self.pool[tessel.typeInfo(found).name]
+            held = self.pool[type_name(type(found))]
             if len(held) < POOL_SIZE:
                 held.append(found)
             else:
@@ -146,7 +154,7 @@ class Fuzz:
         target = self.any()
         if target is None:
             return None
-        own = ATTRIBUTES[tessel.typeInfo(target).name]
+        own = ATTRIBUTES[type_name(type(target))]
         if not own or self.random.random() < 0.05:
             return self.strange(target)
         attribute = self.random.choice(own)

@@ -13,6 +13,7 @@
 
 #include <csignal>
 #include <iostream>
+#include <memory>
 #include <new>
 
 #include <fcntl.h>
@@ -41,10 +42,26 @@ constexpr std::string_view footer =
    "  tessel remove l2.json";
 
 constexpr std::string_view helpVerb = "help";
+constexpr std::string_view verbGroup = "Verbs";
 
 constexpr std::string_view writingNote =
    "Stop the agent first: two writers of one table know nothing of each other, and entries get\n"
    "lost. A second tessel that would write to the chunk meanwhile is refused.\n\n";
+
+/// Words as people are told of them; the parser takes no name with a '|' in it.
+class HelpText : public CLI::Formatter {
+ public:
+   HelpText() { label( "SUBCOMMAND", "VERB" ); }
+
+   std::string make_option_name( CLI::Option const* option, bool isWord ) const override {
+      auto const all = words();
+      auto const word = std::find_if( all.begin(), all.end(), [ & ]( Word const& one ) {
+         return isWord && one.meaning == option->get_description();
+      } );
+      return word == all.end() ? CLI::Formatter::make_option_name( option, isWord )
+                               : std::string( word->name );
+   }
+};
 
 void addWord( CLI::App& command, Word const& word, Arguments& arguments ) {
    command
@@ -79,7 +96,8 @@ void addOption( CLI::App& command, Option const& option, Arguments& arguments ) 
 void addVerbs( CLI::App& app, Arguments& arguments ) {
    for ( Verb const& verb : verbs() ) {
       CLI::App* const command =
-         app.add_subcommand( std::string( verb.name ), std::string( verb.summary ) );
+         app.add_subcommand( std::string( verb.name ), std::string( verb.summary ) )
+            ->group( std::string( verbGroup ) );
       command->footer( joined( verb.writes ? writingNote : "", "Examples:\n", verb.examples ) );
       forEachName( verb.words,
                    [ & ]( auto name ) { addWord( *command, named( words(), name ), arguments ); } );
@@ -87,7 +105,8 @@ void addVerbs( CLI::App& app, Arguments& arguments ) {
          addOption( *command, named( options(), name ), arguments );
       } );
    }
-   app.add_subcommand( std::string( helpVerb ), "The help of a verb: tessel help VERB" );
+   app.add_subcommand( std::string( helpVerb ), "The help of a verb: tessel help VERB" )
+      ->group( std::string( verbGroup ) );
    app.require_subcommand( 1 );
 }
 
@@ -186,6 +205,7 @@ ExitStatus runWords( std::vector<std::string> const& typed, std::ostream& out ) 
    CLI::App app{ std::string( description ), "tessel" };
    bool json = false;
    Arguments arguments;
+   app.formatter( std::make_shared<HelpText>() );
    app.footer( std::string( footer ) );
    app.set_version_flag( "--version", "tessel " TESSEL_VERSION );
    app.add_flag( "--json", json, "Answer as one JSON document; comes before the verb" );

@@ -359,7 +359,7 @@ void Demo::loseChip( Agent& agent ) {
 /// Whether a process that never wrote finds what the agents left; both are gone.
 bool Demo::readAsThird() {
    report_.step( 7, "Both agents are gone. A third process looks, without the right to write" );
-   auto const chunk = openForReading( plan_ );
+   auto const chunk = openForReading( plan_.chunk );
    for ( Frame const& frame : findFrames( *chunk ) ) {
       report_.proof(
          frame.intact,

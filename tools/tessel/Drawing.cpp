@@ -90,7 +90,15 @@ std::string titled( std::string_view title, std::string const& content ) {
 }
 
 std::string chipClass( U8 chip ) {
-   return joined( 'c', chip % chipColours );
+   return joined( 'c', chip % chipColours.size() );
+}
+
+std::string chipStyle() {
+   std::string style;
+   for ( std::size_t i = 0; i < chipColours.size(); ++i ) {
+      style += joined( ".c", i, " { fill: ", webColour( chipColours[ i ] ), "; }\n" );
+   }
+   return style;
 }
 
 std::string shareText( Picture const& picture ) {
@@ -334,7 +342,7 @@ std::string svgWith( Drawing const& drawing, std::string_view style ) {
 } // namespace
 
 std::string svgOf( Drawing const& drawing ) {
-   return svgWith( drawing, joined( "<style>\n", drawingStyle, "</style>\n" ) );
+   return svgWith( drawing, joined( "<style>\n", drawingStyle, chipStyle(), "</style>\n" ) );
 }
 
 std::string htmlOf( Drawing const& drawing ) {
@@ -343,6 +351,7 @@ std::string htmlOf( Drawing const& drawing ) {
                   safe( drawing.chunk ),
                   "</title>\n<style>\n",
                   drawingStyle,
+                  chipStyle(),
                   pageStyle,
                   "</style></head>\n<body>\n",
                   svgWith( drawing, "" ),

@@ -10,8 +10,7 @@
 
 namespace TesselTool {
 
-/// A chip has the class c0 to c15 of its number, as in Style.h; the first eight are hues that
-/// colour-blind people tell apart.
+/// The classes of chips come from Style.h.
 inline constexpr std::string_view drawingStyle = R"(:root, svg {
   --page: #ffffff; --ink: #1c2430; --soft: #66707e; --free: #e9ecf1; --unused: #f2f4f7;
   --range: #c9d3e3; --filled: #54709c; --line: #8a96a8;
@@ -29,10 +28,6 @@ svg { font-family: system-ui, "Segoe UI", "DejaVu Sans", sans-serif; fill: var(-
 .meta, .legend { font-size: 13px; fill: var(--soft); } .onbar { font-size: 12px; }
 .tick { font-size: 11px; fill: var(--soft); }
 .mid { text-anchor: middle; } .end { text-anchor: end; }
-.c0 { fill: #2f81d6; } .c1 { fill: #f0a020; } .c2 { fill: #12a37c; } .c3 { fill: #d678ab; }
-.c4 { fill: #5cc3ee; } .c5 { fill: #dd5f1c; } .c6 { fill: #8f73d9; } .c7 { fill: #8d96a3; }
-.c8 { fill: #7fb83e; } .c9 { fill: #c8283c; } .c10 { fill: #16b5bd; } .c11 { fill: #e3d02a; }
-.c12 { fill: #8a5a1e; } .c13 { fill: #e13fd0; } .c14 { fill: #4a55a8; } .c15 { fill: #e8bf94; }
 )";
 
 inline constexpr std::string_view pageStyle = R"(body { margin: 0; background: var(--page); }

@@ -83,6 +83,15 @@ ExitStatus dump( Arguments const& arguments, Context const& context ) {
    Arguments wanted = arguments;
    wanted.someTable = arguments.table;
    Inspection const inspection = inspectSlots( wanted );
+   if ( inspection.tables.size() > 1 ) {
+      throw Failure( joined( "chunk ",
+                             inQuotes( arguments.plan ),
+                             " has ",
+                             inspection.tables.size(),
+                             " tables ",
+                             inQuotes( arguments.table ),
+                             ": give the plan of the agent whose table it is" ) );
+   }
    PlannedTable const& table = inspection.tables.front().table;
    switch ( form ) {
    case Form::csv:

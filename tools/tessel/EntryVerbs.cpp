@@ -44,7 +44,7 @@ U64 usedIn( Tessel::TableManager const& manager, Plan const& plan, std::optional
 ExitStatus lookup( Arguments const& arguments, Context const& context ) {
    Plan const plan = readPlan( arguments.plan );
    NamedEntry const entry( arguments, plannedTable( plan, arguments.table ) );
-   auto const chunk = openForReading( plan );
+   auto const chunk = openForReading( plan, entry.table );
    if ( entry.table.kind == TableKind::direct ) {
       refuseAbsent( entry );
    }

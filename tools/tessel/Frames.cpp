@@ -328,7 +328,7 @@ void checkTrailer( VellumChunk const& chunk, PlannedTable const& table, bool fra
 }
 
 /// Whether the table's header is there.
-bool checkTable( VellumChunk const& chunk, PlannedTable const& table, FrameUse use ) {
+bool checkHeader( VellumChunk const& chunk, PlannedTable const& table ) {
    RecordState header = headerState( chunk, table );
    if ( header == RecordState::notYet && !isZero( chunk, table.offset, table.shadowSize ) ) {
       // Entries follow their header, which an agent may have written just now.
@@ -340,11 +340,7 @@ bool checkTable( VellumChunk const& chunk, PlannedTable const& table, FrameUse u
    if ( header == RecordState::other ) {
       refuseHeader( chunk, table );
    }
-   bool const framed = header == RecordState::there;
-   if ( use == FrameUse::writing ) {
-      checkTrailer( chunk, table, framed );
-   }
-   return framed;
+   return header == RecordState::there;
 }
 
 /// Zeros may also be the free slots of somebody else's table.
@@ -381,6 +377,17 @@ std::vector<Frame> findFrames( VellumChunk const& chunk ) {
       at = search.next( from );
    }
    return frames;
+}
+
+std::string_view unframedText( VellumChunk const& chunk ) {
+   Vellum::Stretch stretch = chunk.suppliedFrom( 0 );
+   while ( stretch.begin < stretch.end ) {
+      if ( !isZero( chunk, stretch.begin, stretch.end - stretch.begin ) ) {
+         return "its bytes hold no table's frame: they are no agent's, or damaged";
+      }
+      stretch = chunk.suppliedFrom( stretch.end );
+   }
+   return "it is all zero: its agent has made no table yet";
 }
 
 Problems problemsOf( VellumChunk const& chunk, std::vector<Frame> const& frames ) {
@@ -430,14 +437,22 @@ problemsWith( VellumChunk const& chunk, std::vector<Frame> const& frames, Plan c
    return problems;
 }
 
-void checkFrames( VellumChunk const& chunk, Plan const& plan, FrameUse use ) {
+void checkForReading( VellumChunk const& chunk, PlannedTable const& table ) {
+   if ( table.kind == TableKind::exact ) {
+      checkHeader( chunk, table );
+   }
+}
+
+void checkForWriting( VellumChunk const& chunk, Plan const& plan ) {
    bool allFramed = true;
    for ( PlannedTable const& table : plan.tables ) {
       if ( table.kind == TableKind::exact ) {
-         allFramed = checkTable( chunk, table, use ) && allFramed;
+         bool const framed = checkHeader( chunk, table );
+         checkTrailer( chunk, table, framed );
+         allFramed = allFramed && framed;
       }
    }
-   if ( !allFramed && use == FrameUse::writing ) {
+   if ( !allFramed ) {
       checkNobodyElse( chunk, plan );
    }
 }

@@ -25,6 +25,9 @@ struct Frame {
 /// bytes and no frame.
 std::vector<Frame> findFrames( Vellum::VellumChunk const& chunk );
 
+/// What a chunk without a frame holds, in words.
+std::string_view unframedText( Vellum::VellumChunk const& chunk );
+
 /// Something that stands where it should not, or does not where it should.
 struct FrameProblem {
    U64 offset = 0;
@@ -43,15 +46,13 @@ std::vector<FrameProblem> problemsWith( Vellum::VellumChunk const& chunk,
                                         std::vector<Frame> const& frames,
                                         Plan const& plan );
 
-enum class FrameUse {
-   reading, ///< each header has to be the planned one or not there yet
-   writing  ///< so has each trailer, and the manager's writes must destroy nothing
-};
+// Whether planned tables, which lie within the chunk, stand there. An agent may have been killed on
+// its way through its manage calls: a frame that is not there, or not whole, where everything else
+// is zero, is about to be written. Failure, naming the table, where other bytes stand.
 
-/// Checks that the plan's tables stand in the chunk, which is at least as large as the plan says.
-/// An agent may have been killed on its way through its manage calls: a frame that is not there, or
-/// not whole, where everything else is zero, is about to be written. Failure, naming the table,
-/// where other bytes stand.
-void checkFrames( Vellum::VellumChunk const& chunk, Plan const& plan, FrameUse use );
+/// The table's header has to be the planned one or not there yet.
+void checkForReading( Vellum::VellumChunk const& chunk, PlannedTable const& table );
+/// So has every header and trailer, and the manager's writes must destroy nothing.
+void checkForWriting( Vellum::VellumChunk const& chunk, Plan const& plan );
 
 } // namespace TesselTool

@@ -40,7 +40,7 @@ std::optional<U64> InputBuffer::size() const {
 InputBuffer::int_type InputBuffer::underflow() {
    ssize_t got = -1;
    do {
-      error_ = CatchInterrupts::isCaught() ? EINTR : 0;
+      error_ = CatchInterrupts::waitForInput( file_ ) ? 0 : EINTR;
       got = error_ == 0 ? ::read( file_, block_.data(), block_.size() ) : -1;
    } while ( got < 0 && error_ == 0 && errno == EINTR );
    if ( got < 0 && error_ == 0 ) {

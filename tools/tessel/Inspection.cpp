@@ -24,21 +24,45 @@ U32 lengthIn( std::string_view option, std::string const& text, U32 limit ) {
    return length;
 }
 
-InspectedTable const& namedIn( std::vector<InspectedTable> const& tables,
-                               std::string_view name,
-                               std::string_view chunk ) {
+/// Several, where several agents share the chunk.
+std::vector<InspectedTable> namedIn( std::vector<InspectedTable> const& tables,
+                                     std::string_view name,
+                                     std::string_view chunk ) {
+   std::vector<InspectedTable> found;
    std::vector<std::string_view> names;
    for ( InspectedTable const& inspected : tables ) {
       if ( inspected.table.name == name ) {
-         return inspected;
+         found.push_back( inspected );
       }
       names.emplace_back( inspected.table.name );
    }
-   throw Failure( joined( "chunk ",
-                          inQuotes( chunk ),
-                          " has no table ",
-                          inQuotes( name ),
-                          suggestion( name, names, inQuotes ) ) );
+   if ( found.empty() ) {
+      throw Failure( joined( "chunk ",
+                             inQuotes( chunk ),
+                             " has no table ",
+                             inQuotes( name ),
+                             suggestion( name, names, inQuotes ) ) );
+   }
+   return found;
+}
+
+/// Leaves out the tables of which `problem` says something; Failure, with advice, when no other is
+/// left.
+template<class Problem>
+void leaveOut( Inspection& inspection, std::string_view advice, Problem problem ) {
+   std::erase_if( inspection.tables, [ & ]( InspectedTable const& inspected ) {
+      std::string const text = problem( inspected );
+      if ( !text.empty() ) {
+         inspection.leftOut.push_back( text );
+      }
+      return !text.empty();
+   } );
+   if ( inspection.tables.empty() && !inspection.leftOut.empty() ) {
+      throw Failure( joined( inspection.leftOut.front(), ": ", advice ) );
+   }
+   for ( std::string& line : inspection.leftOut ) {
+      line += ": it is left out";
+   }
 }
 
 Inspection inspectPlan( Arguments const& arguments ) {
@@ -47,10 +71,16 @@ Inspection inspectPlan( Arguments const& arguments ) {
    if ( arguments.someTable ) {
       wanted = { plannedTable( *inspection.plan, *arguments.someTable ) };
    }
-   inspection.chunk = openForReading( *inspection.plan );
+   inspection.chunk = openForReading( inspection.plan->chunk );
    for ( PlannedTable& table : wanted ) {
       bool const exact = table.kind == TableKind::exact;
       inspection.tables.push_back( { .table = std::move( table ), .hasSlots = exact } );
+   }
+   leaveOut( inspection, cutAdvice, [ & ]( InspectedTable const& inspected ) {
+      return cutText( *inspection.chunk, *inspection.plan, inspected.table );
+   } );
+   for ( InspectedTable const& inspected : inspection.tables ) {
+      checkForReading( *inspection.chunk, inspected.table );
    }
    return inspection;
 }
@@ -61,46 +91,34 @@ Inspection inspectChunk( Arguments const& arguments, std::optional<Lengths> cons
       inspection.tables.push_back( tableOf( frame, lengths, inspection.chunk->size() ) );
    }
    if ( arguments.someTable ) {
-      inspection.tables = { namedIn( inspection.tables, *arguments.someTable, arguments.plan ) };
+      inspection.tables = namedIn( inspection.tables, *arguments.someTable, arguments.plan );
    }
    return inspection;
 }
 
-/// A frame whose end is not in the chunk does not keep one from looking into the others.
-void leaveOutCut( Inspection& inspection ) {
-   U32 const size = inspection.chunk->size();
-   std::erase_if( inspection.tables, [ & ]( InspectedTable const& inspected ) {
-      PlannedTable const& table = inspected.table;
-      bool const cut = U64{ table.offset } + table.shadowSize > size;
-      if ( cut ) {
-         inspection.leftOut.push_back( joined( "table ",
-                                               inQuotes( table.name ),
-                                               " says that it has ",
-                                               table.shadowSize,
-                                               " bytes at offset ",
-                                               table.offset,
-                                               ", which do not fit into the chunk of ",
-                                               size,
-                                               " bytes: it is left out" ) );
-      }
-      return cut;
-   } );
-   if ( inspection.tables.empty() && !inspection.leftOut.empty() ) {
-      throw Failure( inspection.leftOut.front() );
+/// Why the table's slots cannot be looked at; empty when they can.
+std::string problemOf( InspectedTable const& inspected, U32 chunkSize ) {
+   PlannedTable const& table = inspected.table;
+   if ( U64{ table.offset } + table.shadowSize > chunkSize ) {
+      return joined( "table ",
+                     inQuotes( table.name ),
+                     " says that it has ",
+                     table.shadowSize,
+                     " bytes at offset ",
+                     table.offset,
+                     ", which do not fit into the chunk of ",
+                     chunkSize,
+                     " bytes" );
    }
-}
-
-void checkSlots( std::vector<InspectedTable> const& tables ) {
-   for ( InspectedTable const& inspected : tables ) {
-      if ( !inspected.hasSlots ) {
-         throw Failure( joined( "table ",
-                                inQuotes( inspected.table.name ),
-                                " of ",
-                                inspected.table.shadowSize,
-                                " bytes is not made of slots for such keys and results: give other "
-                                "lengths, or name another table" ) );
-      }
-   }
+   return inspected.hasSlots ? ""
+                             : joined( "table ",
+                                       inQuotes( table.name ),
+                                       " of ",
+                                       table.shadowSize,
+                                       " bytes is not made of slots for keys of ",
+                                       table.key,
+                                       " bytes and results of ",
+                                       table.result );
 }
 
 } // namespace
@@ -165,10 +183,18 @@ Inspection inspectSlots( Arguments const& arguments ) {
          ExitStatus::usage );
    }
    if ( !inspection.plan ) {
-      leaveOutCut( inspection );
-      checkSlots( inspection.tables );
+      constexpr std::string_view advice = "give other lengths, or see what tessel verify finds";
+      leaveOut( inspection, advice, [ & ]( InspectedTable const& inspected ) {
+         return problemOf( inspected, inspection.chunk->size() );
+      } );
    }
    return inspection;
+}
+
+void printLeftOut( Inspection const& inspection, std::ostream& err ) {
+   for ( std::string const& line : inspection.leftOut ) {
+      printError( err, line );
+   }
 }
 
 } // namespace TesselTool

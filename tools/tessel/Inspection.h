@@ -23,8 +23,11 @@ struct InspectedTable {
 struct Inspection {
    Corvo::Ptr<Vellum::VellumChunk> chunk{}; ///< open for reading
    std::optional<Plan> plan{};
-   std::vector<InspectedTable> tables{}; ///< all, or the one that was asked for
+   std::vector<InspectedTable> tables{}; ///< all, or those of the name that was asked for
    std::vector<std::string> leftOut{};   ///< a line for each table that cannot be looked into
+
+   /// Refused where a table was left out.
+   ExitStatus status() const { return leftOut.empty() ? ExitStatus::done : ExitStatus::refused; }
 };
 
 /// Lengths of keys and results that stand on the command line.
@@ -43,12 +46,16 @@ std::optional<Lengths> lengthsIn( Arguments const& arguments );
 /// its range lies within the chunk.
 InspectedTable tableOf( Frame const& frame, std::optional<Lengths> const& lengths, U32 chunkSize );
 
-/// Opens what the command names. Failure as openForReading, for a table that is not there, and for
-/// lengths beside a plan.
+/// Opens what the command names. A planned table that does not lie within the chunk is left out.
+/// Failure as openForReading, for a table that is not there, when none is left, and for lengths
+/// beside a plan.
 Inspection inspect( Arguments const& arguments );
 
-/// As inspect, without tables that do not lie within the chunk. Failure when none is left, or when
-/// one of them is not made of slots of the lengths that are given.
+/// As inspect; also what a chunk's bytes tell of is left out when it does not lie within the chunk
+/// or is not made of slots of the lengths that are given.
 Inspection inspectSlots( Arguments const& arguments );
+
+/// One line on `err` for each table that was left out.
+void printLeftOut( Inspection const& inspection, std::ostream& err );
 
 } // namespace TesselTool

@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/tessel/Interrupts.h"
 
+#include <cerrno>
+
+#include <poll.h>
+
 namespace TesselTool {
 
 namespace {
@@ -28,6 +32,20 @@ CatchInterrupts::CatchInterrupts() {
 
 bool CatchInterrupts::isCaught() {
    return caught != 0;
+}
+
+bool CatchInterrupts::waitForInput( int file ) {
+   sigset_t held;
+   sigset_t former;
+   ::sigemptyset( &held );
+   for ( int const signal : signals ) {
+      ::sigaddset( &held, signal );
+   }
+   ::pthread_sigmask( SIG_BLOCK, &held, &former );
+   pollfd input{ .fd = file, .events = POLLIN, .revents = 0 };
+   while ( !isCaught() && ::ppoll( &input, 1, nullptr, &former ) < 0 && errno == EINTR ) {}
+   ::pthread_sigmask( SIG_SETMASK, &former, nullptr );
+   return !isCaught();
 }
 
 void CatchInterrupts::check() {

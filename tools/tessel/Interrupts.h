@@ -35,6 +35,9 @@ class CatchInterrupts {
    static void check();
    /// Whether one has come.
    static bool isCaught();
+   /// Waits until the file has something to read, or its end; false when one of the signals has
+   /// come, be it just before the waiting began.
+   static bool waitForInput( int file );
    /// The signals act as they did before, at once: for a child process.
    void restore() const;
 

@@ -41,7 +41,13 @@ void printJson( Context const& context, Pictures const& pictures ) {
    context.out << JsonObject().json( "tables", jsonList( tables ) ).text() << '\n';
 }
 
-void printPictures( Context const& context, Pictures const& pictures ) {
+void printPictures( Context const& context,
+                    Vellum::VellumChunk const& chunk,
+                    Pictures const& pictures ) {
+   if ( pictures.empty() ) {
+      context.out << "chunk " << printable( chunk.name() ) << ": nothing to draw, "
+                  << unframedText( chunk ) << '\n';
+   }
    Style const style = styleOfTerminal();
    TerminalSize const terminal = terminalSize();
    std::string_view before;
@@ -100,12 +106,11 @@ ExitStatus map( Arguments const& arguments, Context const& context ) {
    } else {
       constexpr U32 rows = 16;
       printPictures( context,
+                     *inspection.chunk,
                      picturesOf( inspection, { .cells = cellsFor( terminalSize(), rows ) } ) );
    }
-   for ( std::string const& line : inspection.leftOut ) {
-      printError( context.err, line );
-   }
-   return inspection.leftOut.empty() ? ExitStatus::done : ExitStatus::refused;
+   printLeftOut( inspection, context.err );
+   return inspection.status();
 }
 
 } // namespace TesselTool

@@ -14,6 +14,7 @@ namespace TesselTool {
 namespace {
 
 constexpr U32 labelWidth = 11; ///< of the slot number in front of a row, with a blank behind it
+constexpr U32 chipWidth = 14;  ///< of what stands in front of a chip's bar
 
 std::string entryText( PlannedTable const& table, Slot const& slot ) {
    return joined( "slot ",
@@ -47,8 +48,20 @@ std::string cellInColour( Picture const& picture, std::size_t index, Style style
                          : coloured( style, text, chipColour( cell.mainChip() ) );
 }
 
-void printChips( std::ostream& out, Picture const& picture, Style style ) {
-   constexpr U32 width = 24;
+/// What the terminal has beside the widest number.
+U32 barWidth( Picture const& picture, TerminalSize const& terminal ) {
+   constexpr U32 fewest = 4;
+   constexpr U32 most = 24;
+   auto const number = static_cast<U32>( grouped( picture.occupancy.used ).size() );
+   U32 const others = chipWidth + 2 + number;
+   return std::clamp( terminal.columns - std::min( terminal.columns, others ), fewest, most );
+}
+
+void printChips( std::ostream& out,
+                 Picture const& picture,
+                 Style style,
+                 TerminalSize const& terminal ) {
+   U32 const width = barWidth( picture, terminal );
    for ( auto const& [ chip, used ] : picture.occupancy.byChip ) {
       std::string const letter =
          style.unicode ? std::string( "■" ) : std::string( 1, chipLetter( chip ) );
@@ -62,7 +75,7 @@ void printChips( std::ostream& out, Picture const& picture, Style style ) {
 }
 
 U32 cellsPerRow( TerminalSize const& terminal ) {
-   constexpr U32 fewest = 16;
+   constexpr U32 fewest = 4;
    constexpr U32 most = 128;
    U32 const room = std::min( terminal.columns, most + labelWidth );
    return std::bit_floor( std::max( room, fewest + labelWidth ) - labelWidth );
@@ -163,7 +176,7 @@ void printPicture( std::ostream& out,
       out << ", " << grouped( picture.slotsPerCell ) << " to a character";
    }
    out << '\n';
-   printChips( out, picture, style );
+   printChips( out, picture, style, terminal );
    printCells( out, picture, style, terminal );
 }
 

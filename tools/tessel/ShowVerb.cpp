@@ -106,7 +106,11 @@ void printChunk( std::ostream& out,
                  Vellum::VellumChunk const& chunk,
                  std::vector<Row> const& rows ) {
    out << "chunk " << printable( chunk.name() ) << ", " << counted( chunk.size(), "byte", "bytes" )
-       << ", " << counted( rows.size(), "table", "tables" ) << '\n';
+       << ", " << counted( rows.size(), "table", "tables" );
+   if ( rows.empty() ) {
+      out << ": " << unframedText( chunk );
+   }
+   out << '\n';
    std::vector<Columns::Heading> headings{
       { "table" }, { "offset", Align::right }, { "bytes", Align::right }, { "frame" }
    };
@@ -158,7 +162,8 @@ ExitStatus show( Arguments const& arguments, Context const& context ) {
    } else {
       printChunk( context.out, *inspection.chunk, rows );
    }
-   return ExitStatus::done;
+   printLeftOut( inspection, context.err );
+   return inspection.status();
 }
 
 } // namespace TesselTool

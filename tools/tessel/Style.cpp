@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/tessel/Style.h"
 
+#include "tools/tessel/HexText.h"
 #include "tools/tessel/Text.h"
 
 #include <algorithm>
@@ -84,9 +85,14 @@ std::string coloured( Style style, std::string_view text, std::string_view code 
 }
 
 std::string chipColour( U8 chip ) {
-   constexpr std::array<U32, chipColours> colours{ 33,  214, 36, 175, 117, 166, 141, 246,
-                                                   113, 160, 44, 226, 94,  201, 61,  223 };
-   return joined( "38;5;", colours[ chip % chipColours ] );
+   return joined( "38;5;", U32{ chipColours[ chip % chipColours.size() ] } );
+}
+
+std::string webColour( U8 colour ) {
+   constexpr std::array<char, 6> levels{ '\x00', '\x5f', '\x87', '\xaf', '\xd7', '\xff' };
+   U32 const place = colour - 16U; // in a cube of 6 levels of red, green and blue
+   return '#' + hexOf( std::string{
+                   levels[ place / 36 % 6 ], levels[ place / 6 % 6 ], levels[ place % 6 ] } );
 }
 
 char chipLetter( U8 chip ) {

@@ -7,6 +7,7 @@
 
 #include "Weft/Types.h"
 
+#include <array>
 #include <string>
 #include <string_view>
 
@@ -35,12 +36,16 @@ TerminalSize terminalSize();
 /// The text in a colour or weight, "32" for green, where the style has colour.
 std::string coloured( Style style, std::string_view text, std::string_view code );
 
-/// Chips of numbers this far apart look alike. DrawingStyle.h has as many.
-inline constexpr U32 chipColours = 16;
+/// The colours of chips among the 256 of a terminal. Any two are apart for people who see all
+/// colours and for the colour-blind of each kind: at least 8 by CIEDE2000, the first eight 11.
+inline constexpr std::array<U8, 16> chipColours{ 33,  214, 36,  197, 153, 94, 139, 187,
+                                                 209, 27,  100, 163, 39,  96, 146, 65 };
 
-/// The chip's colour in the terminal's 256: by its number, so that it has the same in every table
-/// and at any time.
+/// The chip's colour in the terminal: by its number, so that it has the same in every table and at
+/// any time.
 std::string chipColour( U8 chip );
+/// One of chipColours as SVG has it: "#0087ff".
+std::string webColour( U8 colour );
 
 /// The chip's letter where there is no colour: a to z, then A to Z, and from the front again.
 char chipLetter( U8 chip );

@@ -7,6 +7,9 @@
 
 #include <system_error>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace TesselTool {
 
 namespace {
@@ -14,15 +17,35 @@ namespace {
 using Vellum::VellumChunk;
 using Chunk = Corvo::Ptr<VellumChunk>;
 
+/// What to do about a chunk that this user may not open, or that others may.
+std::string adviceAboutRights( Corvo::String const& name ) {
+   std::string const path = "/dev/shm" + name;
+   struct stat status {};
+   if ( ::lstat( path.c_str(), &status ) != 0 ) {
+      return {};
+   }
+   if ( !S_ISREG( status.st_mode ) ) {
+      return "; name another chunk";
+   }
+   if ( status.st_uid != ::geteuid() ) {
+      return joined( "; run tessel as its user, whose number is ", status.st_uid );
+   }
+   if ( status.st_nlink > 1 ) {
+      return "; have its other name removed, under which it is not guarded, or else tessel remove "
+             "--force";
+   }
+   return joined( "; it has to be yours alone: chmod 600 ",
+                  shellWord( path ),
+                  " if you trust what it holds, or else tessel remove --force" );
+}
+
 /// What to do about a chunk that cannot be opened.
 std::string adviceFor( std::system_error const& failure, Corvo::String const& name ) {
    if ( failure.code() == std::errc::invalid_argument && isChunkName( name ) ) { // empty
       return "; try again if somebody is creating it just now, or else tessel remove --force";
    }
    if ( failure.code() == std::errc::permission_denied ) {
-      return joined( "; it has to be yours alone: chmod 600 /dev/shm",
-                     printable( name ),
-                     " if you trust what it holds, or else tessel remove --force" );
+      return adviceAboutRights( name );
    }
    return failure.code() == std::errc::too_many_symbolic_link_levels
              ? "; name the chunk that it leads to, or have the link removed"
@@ -85,13 +108,33 @@ Chunk openForReading( Corvo::String const& chunkName ) {
    return chunk;
 }
 
-Chunk openForReading( Plan const& plan ) {
+Chunk openForReading( Plan const& plan, PlannedTable const& table ) {
    Chunk chunk = openForReading( plan.chunk );
-   if ( chunk->size() < plan.size ) {
-      refuseSize( *chunk, plan );
+   if ( std::string const cut = cutText( *chunk, plan, table ); !cut.empty() ) {
+      throw Failure( joined( cut, ": ", cutAdvice ) );
    }
-   checkFrames( *chunk, plan, FrameUse::reading );
+   checkForReading( *chunk, table );
    return chunk;
+}
+
+std::string cutText( VellumChunk const& chunk, Plan const& plan, PlannedTable const& table ) {
+   if ( U64{ table.offset } + table.shadowSize <= chunk.size() ||
+        table.kind == TableKind::direct ) {
+      return {};
+   }
+   return joined( "chunk ",
+                  inQuotes( chunk.name() ),
+                  " has ",
+                  chunk.size(),
+                  " bytes, the plan says ",
+                  plan.size,
+                  ", and table ",
+                  inQuotes( table.name ),
+                  " with ",
+                  table.shadowSize,
+                  " bytes at offset ",
+                  table.offset,
+                  " does not fit into it" );
 }
 
 Corvo::Ptr<Tessel::EmShadowTable> tableForReading( Chunk const& chunk,
@@ -120,7 +163,7 @@ WritingManager openForWriting( Plan const& plan, IfMissing ifMissing ) {
    if ( chunk->size() != plan.size ) {
       refuseSize( *chunk, plan );
    }
-   checkFrames( *chunk, plan, FrameUse::writing );
+   checkForWriting( *chunk, plan );
    return { std::move( lock ), manageTables( plan, chunk ) };
 }
 

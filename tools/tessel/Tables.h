@@ -14,12 +14,21 @@
 
 namespace TesselTool {
 
-/// The chunk, which may be larger than planned, without any right to write to it. Its agent may be
-/// at work meanwhile.
-Corvo::Ptr<Vellum::VellumChunk> openForReading( Plan const& plan );
-
-/// The chunk of this name, as openForReading does it for a plan.
+/// The chunk of this name, without any right to write to it. Its agent may be at work meanwhile.
 Corvo::Ptr<Vellum::VellumChunk> openForReading( Corvo::String const& chunkName );
+
+/// The plan's chunk, in which this table of the plan stands. Whether others do does not matter to
+/// one that is read alone.
+Corvo::Ptr<Vellum::VellumChunk> openForReading( Plan const& plan, PlannedTable const& table );
+
+/// What to do about a planned table that a chunk is too short for.
+inline constexpr std::string_view cutAdvice =
+   "correct the plan, or remove a chunk that was cut short";
+
+/// Empty where the table's range lies within the chunk; else what is wrong, as the beginning of a
+/// sentence.
+std::string
+cutText( Vellum::VellumChunk const& chunk, Plan const& plan, PlannedTable const& table );
 
 /// The exact-match table with the entries that its range holds now. It is for reading.
 Corvo::Ptr<Tessel::EmShadowTable> tableForReading( Corvo::Ptr<Vellum::VellumChunk> const& chunk,

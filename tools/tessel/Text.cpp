@@ -126,6 +126,19 @@ std::string inQuotes( std::string_view text ) {
    return '"' + printable( text.substr( 0, end ) ) + "…\"";
 }
 
+std::string shellWord( std::string_view text ) {
+   constexpr std::string_view plain =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-";
+   if ( text.find_first_not_of( plain ) == std::string_view::npos ) {
+      return std::string( text );
+   }
+   std::string word( "'" );
+   for ( char const c : text ) {
+      word += c == '\'' ? "'\\''" : std::string( 1, c );
+   }
+   return printable( word + '\'' );
+}
+
 std::string_view nearest( std::string_view wanted, std::span<std::string_view const> names ) {
    constexpr std::size_t longest = 64; // the work grows with the product of the lengths
    std::string const folded = inSmallLetters( wanted.substr( 0, longest ) );

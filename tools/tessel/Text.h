@@ -29,6 +29,9 @@ std::string printable( std::string_view text );
 /// The text in quotes, cut to 64 bytes, for a message about an input.
 std::string inQuotes( std::string_view text );
 
+/// The text as one word of a command that is shown to be pasted.
+std::string shellWord( std::string_view text );
+
 /// The name that begins so, else the one that takes the fewest changed letters to reach, two or a
 /// third of them at most; empty when there is none. Capitals count as small letters.
 std::string_view nearest( std::string_view wanted, std::span<std::string_view const> names );

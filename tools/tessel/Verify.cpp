@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <chrono>
 #include <iomanip>
+#include <span>
 #include <thread>
 
 namespace TesselTool {
@@ -59,9 +60,8 @@ class Suspects {
  public:
    Suspects( VellumChunk const& chunk,
              PlannedTable const& table,
-             ReportProblem const& report,
              std::function<void()> const& pause )
-         : chunk_( chunk ), table_( table ), report_( report ), pause_( pause ) {}
+         : chunk_( chunk ), table_( table ), pause_( pause ) {}
 
    void add( U32 index ) {
       constexpr std::size_t most = 4096;
@@ -71,7 +71,7 @@ class Suspects {
       }
    }
 
-   /// Reports those that stay wrong.
+   /// Keeps those that stay wrong.
    void settle() {
       // One writer has one slot in hand, so only a few suspects are worth more patience.
       constexpr std::size_t few = 8;
@@ -80,12 +80,16 @@ class Suspects {
          pause_();
          std::erase_if( indices_, [ & ]( U32 index ) { return flawAt( index ).text.empty(); } );
       }
-      for ( U32 const index : indices_ ) {
-         if ( Flaw flaw = flawAt( index ); !flaw.text.empty() ) {
-            report_( { flaw.offset, table_.name, std::move( flaw.text ) } );
-         }
-      }
+      wrong_.insert( wrong_.end(), indices_.begin(), indices_.end() );
       indices_.clear();
+   }
+
+   /// Slots that stayed wrong, in order.
+   std::span<U32 const> wrong() const { return wrong_; }
+   void report( U32 index, ReportProblem const& report ) const {
+      if ( Flaw flaw = flawAt( index ); !flaw.text.empty() ) {
+         report( { flaw.offset, table_.name, std::move( flaw.text ) } );
+      }
    }
 
  private:
@@ -97,9 +101,9 @@ class Suspects {
 
    VellumChunk const& chunk_;
    PlannedTable const& table_;
-   ReportProblem const& report_;
    std::function<void()> const& pause_;
    std::vector<U32> indices_;
+   std::vector<U32> wrong_;
 };
 
 struct HashedPair {
@@ -107,6 +111,14 @@ struct HashedPair {
    U32 slot;
 
    friend auto operator<=>( HashedPair const&, HashedPair const& ) = default;
+};
+
+/// A slot whose pair seems to be that of a slot before it.
+struct Doubled {
+   U32 slot;
+   U32 before;
+
+   friend auto operator<=>( Doubled const&, Doubled const& ) = default;
 };
 
 /// Chip and key.
@@ -126,13 +138,12 @@ bool holdSamePair( VellumChunk const& chunk, PlannedTable const& table, Slot& a,
 
 void reportDoubled( VellumChunk const& chunk,
                     PlannedTable const& table,
-                    HashedPair const& one,
-                    HashedPair const& other,
+                    Doubled const& doubled,
                     ReportProblem const& report ) {
    Slot a( table );
    Slot b( table );
-   a.read( chunk, one.slot );
-   b.read( chunk, other.slot );
+   a.read( chunk, doubled.before );
+   b.read( chunk, doubled.slot );
    if ( holdSamePair( chunk, table, a, b ) ) {
       report( { b.offset(),
                 table.name,
@@ -148,16 +159,17 @@ void reportDoubled( VellumChunk const& chunk,
    }
 }
 
-void verifyPairs( VellumChunk const& chunk,
-                  PlannedTable const& table,
-                  std::vector<HashedPair>& pairs,
-                  ReportProblem const& report ) {
+/// In the order of their slots.
+std::vector<Doubled> doubledAmong( std::vector<HashedPair> pairs ) {
    std::sort( pairs.begin(), pairs.end() );
+   std::vector<Doubled> doubled;
    for ( std::size_t i = 1; i < pairs.size(); ++i ) {
       if ( pairs[ i ].hash == pairs[ i - 1 ].hash ) {
-         reportDoubled( chunk, table, pairs[ i - 1 ], pairs[ i ], report );
+         doubled.push_back( { .slot = pairs[ i ].slot, .before = pairs[ i - 1 ].slot } );
       }
    }
+   std::sort( doubled.begin(), doubled.end() );
+   return doubled;
 }
 
 } // namespace
@@ -170,7 +182,7 @@ void verifySlots( VellumChunk const& chunk,
                   PlannedTable const& table,
                   ReportProblem const& report,
                   std::function<void()> const& pause ) {
-   Suspects suspects( chunk, table, report, pause );
+   Suspects suspects( chunk, table, pause );
    std::vector<HashedPair> pairs;
    forEachSlot( chunk, table, [ & ]( Slot const& slot ) {
       if ( !flawOf( slot ).text.empty() ) {
@@ -182,7 +194,16 @@ void verifySlots( VellumChunk const& chunk,
       }
    } );
    suspects.settle();
-   verifyPairs( chunk, table, pairs, report );
+   auto wrong = suspects.wrong();
+   for ( Doubled const& doubled : doubledAmong( std::move( pairs ) ) ) {
+      for ( ; !wrong.empty() && wrong.front() <= doubled.slot; wrong = wrong.subspan( 1 ) ) {
+         suspects.report( wrong.front(), report );
+      }
+      reportDoubled( chunk, table, doubled, report );
+   }
+   for ( U32 const index : wrong ) {
+      suspects.report( index, report );
+   }
 }
 
 } // namespace TesselTool

@@ -19,7 +19,7 @@ void pauseBriefly();
 
 /// Reports what is wrong with the slots of an exact table whose range lies within the chunk: a
 /// valid byte other than 0 and 1, padding that is not zero, a free slot that is not all zero, and an
-/// entry that another slot holds, too. Slots are reported in order, doubled entries behind them.
+/// entry that another slot holds, too; in the order of the slots.
 /// `pause` comes before each further look at what looks wrong.
 void verifySlots( Vellum::VellumChunk const& chunk,
                   PlannedTable const& table,

@@ -12,6 +12,30 @@ namespace TesselTool {
 
 namespace {
 
+/// How many tables there are, and what of them was looked at.
+struct Looks {
+   std::size_t tables = 0;
+   std::size_t unseen = 0;    ///< tables of which the frame alone was looked at
+   std::size_t missed = 0;    ///< those among them that were asked for
+   std::string_view unframed; ///< what a chunk without any frame holds
+
+   void add( bool wanted, bool seen ) {
+      ++tables;
+      unseen += seen ? 0 : 1;
+      missed += wanted && !seen ? 1 : 0;
+   }
+};
+
+/// Where there is no problem.
+std::string verdictOf( Looks const& looks ) {
+   if ( !looks.unframed.empty() ) {
+      return joined( ": nothing to check, ", looks.unframed );
+   }
+   std::string const seen =
+      looks.unseen == 0 ? "" : joined( ", of ", looks.unseen, " the frame alone was looked at" );
+   return joined( " is sound: ", counted( looks.tables, "table", "tables" ), seen );
+}
+
 /// Prints problems as they come: there may be as many as slots.
 class Findings {
  public:
@@ -31,19 +55,13 @@ class Findings {
       print( found );
    }
 
-   /// The verdict over so many tables, of which the slots of `unseen` were not looked at.
-   ExitStatus end( std::size_t tables, std::size_t unseen ) {
+   ExitStatus end( Looks const& looks ) {
       printFramesTo( ~U64{ 0 } );
       if ( context_.json ) {
          context_.out << ( count_ == 0 ? "{\"clean\":true,\"problems\":[]" : "]" )
-                      << ",\"slotsChecked\":" << ( unseen == 0 ? "true" : "false" ) << "}\n";
+                      << ",\"slotsChecked\":" << ( looks.missed == 0 ? "true" : "false" ) << "}\n";
       } else if ( count_ == 0 ) {
-         context_.out << "chunk " << printable( chunk_ )
-                      << " is sound: " << counted( tables, "table", "tables" );
-         if ( unseen > 0 ) {
-            context_.out << ", of " << unseen << " the frame alone was looked at";
-         }
-         context_.out << '\n';
+         context_.out << "chunk " << printable( chunk_ ) << verdictOf( looks ) << '\n';
       } else {
          context_.out << counted( count_, "problem", "problems" ) << " in chunk "
                       << printable( chunk_ ) << '\n';
@@ -115,16 +133,16 @@ ExitStatus verifyChunk( Arguments const& arguments, Context const& context ) {
    std::vector<Frame> const frames = findFrames( *chunk );
    Findings findings( context, arguments.plan );
    findings.framesAre( problemsOf( *chunk, frames ) );
-   std::size_t unseen = 0;
+   Looks looks{ .unframed = frames.empty() ? unframedText( *chunk ) : "" };
    for ( Frame const& frame : frames ) {
       InspectedTable const table = tableOf( frame, lengths, chunk->size() );
-      bool const looked = table.hasSlots && isWanted( arguments, table.table );
-      unseen += looked ? 0 : 1;
-      if ( looked ) {
+      bool const wanted = isWanted( arguments, table.table );
+      looks.add( wanted, wanted && table.hasSlots );
+      if ( wanted && table.hasSlots ) {
          addSlots( findings, *chunk, table.table );
       }
    }
-   return findings.end( frames.size(), unseen );
+   return findings.end( looks );
 }
 
 /// Tables whose own header stands where the plan has it: only their slots are worth a look.
@@ -152,17 +170,18 @@ ExitStatus verifyPlan( Arguments const& arguments, Context const& context ) {
    auto const more = problemsWith( *chunk, frames, plan );
    problems.insert( problems.end(), more.begin(), more.end() );
    findings.framesAre( std::move( problems ) );
-   std::size_t unseen = 0;
+   Looks looks;
    for ( PlannedTable const& table : plan.tables ) { // in the order of their offsets
       U64 const end = U64{ table.offset } + table.shadowSize;
       bool const there = end <= chunk->size() && isFramed( frames, table );
-      if ( table.kind == TableKind::exact && there && isWanted( arguments, table ) ) {
+      bool const wanted = isWanted( arguments, table );
+      bool const exact = table.kind == TableKind::exact;
+      looks.add( wanted, !exact || ( wanted && there ) );
+      if ( exact && wanted && there ) {
          addSlots( findings, *chunk, table );
-      } else {
-         unseen += table.kind == TableKind::exact ? 1 : 0;
       }
    }
-   return findings.end( plan.tables.size(), unseen );
+   return findings.end( looks );
 }
 
 } // namespace

@@ -47,10 +47,11 @@ struct SeenTable {
 struct Look {
    std::string title{};
    std::vector<SeenTable> tables{};
-   double seconds = 0; ///< since the look before; 0: this is the first
+   double seconds = 0;                 ///< since the look before; 0: this is the first
+   std::vector<std::string> leftOut{}; ///< a line for each table that cannot be looked into
 };
 
-/// In lines, for people.
+/// In lines, for people; without what was left out.
 std::vector<std::string> linesOf( Look const& look, Style style );
 std::string jsonOf( Look const& look );
 

@@ -57,7 +57,7 @@ class Watch {
                             U64{ 1 },
                             std::numeric_limits<U64>::max() ) ) {}
 
-   void run() {
+   ExitStatus run() {
       Look const look = lookNow();
       // A count asks for something to keep, which the other page of a terminal is not.
       if ( context_.json || arguments_.count || !Screen::isThere() ) {
@@ -65,6 +65,7 @@ class Watch {
       } else {
          runOnScreen( look );
       }
+      return status_;
    }
 
  private:
@@ -79,20 +80,31 @@ class Watch {
                                   "  every ",
                                   interval_.count(),
                                   " s" ),
-                 .seconds = last_ ? Seconds( now - *last_ ).count() : 0 };
+                 .seconds = last_ ? Seconds( now - *last_ ).count() : 0,
+                 .leftOut = inspection.leftOut };
       for ( InspectedTable const& inspected : inspection.tables ) {
          PlannedTable const& table = inspected.table;
          look.tables.push_back(
-            { table, watches_[ table.name ].look( *inspection.chunk, table ) } );
+            { table, watches_[ table.offset ].look( *inspection.chunk, table ) } );
       }
+      status_ = inspection.status();
       last_ = now;
       return look;
+   }
+
+   /// A screen has one place for everything.
+   std::vector<std::string> allLinesOf( Look const& look ) const {
+      std::vector<std::string> lines = linesOf( look, style_ );
+      for ( std::string const& line : look.leftOut ) {
+         lines.push_back( printable( line ) );
+      }
+      return lines;
    }
 
    /// As lookNow; on a screen, a chunk that is missing for now is waited for.
    std::vector<std::string> linesNow() {
       try {
-         return linesOf( lookNow(), style_ );
+         return allLinesOf( lookNow() );
       } catch ( Failure const& failure ) {
          watches_.clear();
          last_.reset();
@@ -110,6 +122,9 @@ class Watch {
          context_.out << '\n';
       }
       context_.out.flush();
+      for ( std::string const& line : look.leftOut ) {
+         printError( context_.err, line );
+      }
    }
 
    void runInLines( Look const& first ) {
@@ -130,7 +145,7 @@ class Watch {
    void runOnScreen( Look const& first ) {
       SignalWait const waiting;
       Screen screen;
-      std::vector<std::string> lines = linesOf( first, style_ );
+      std::vector<std::string> lines = allLinesOf( first );
       for ( ;; ) {
          lines.insert( lines.end(), { "", "q ends" } );
          Screen::show( lines );
@@ -181,15 +196,15 @@ class Watch {
    Seconds interval_;
    U64 left_; ///< looks
    Style style_ = styleOfTerminal();
-   std::map<std::string, TableWatch> watches_{};
+   std::map<U32, TableWatch> watches_{};  ///< by offset: agents that share a chunk may share names
+   ExitStatus status_ = ExitStatus::done; ///< of the last look
    std::optional<Clock::time_point> last_{};
 };
 
 } // namespace
 
 ExitStatus watch( Arguments const& arguments, Context const& context ) {
-   Watch( arguments, context ).run();
-   return ExitStatus::done;
+   return Watch( arguments, context ).run();
 }
 
 } // namespace TesselTool
