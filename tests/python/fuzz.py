@@ -12,9 +12,9 @@ usage: fuzz.py [--count N] [--seed N]
 from __future__ import annotations
 
 import argparse
-import functools
 import copy
 import faulthandler
+import functools
 import itertools
 import operator
 import os
@@ -31,16 +31,14 @@ PROMISED = (
 )  # fmt: skip
 NAMES = [name for module in tessel.modules() for name in module.types]
 INFOS = {name: tessel.typeInfo(name) for name in NAMES}
-
-
-@functools.cache
-def type_name(kind: type) -> str:
-    return tessel.typeInfo(kind).name
-
-
 CLASSES = {name: getattr(tessel, name.rpartition(":")[2]) for name in NAMES}
 POOL_SIZE = 40
 PREFIX = f"/tessel-fuzz-{os.getpid()}-"
+
+
+@functools.cache
+def typeName(kind: type) -> str:
+    return tessel.typeInfo(kind).name
 
 
 def attributesOf(info: tessel.TypeInfo) -> list[tessel.Attribute]:
@@ -129,7 +127,7 @@ class Fuzz:
 
     def keep(self, found: Any) -> None:
         if isinstance(found, (tessel.Value, tessel.Entity)):
-            held = self.pool[type_name(type(found))]
+            held = self.pool[typeName(type(found))]
             if len(held) < POOL_SIZE:
                 held.append(found)
             else:
@@ -154,7 +152,7 @@ class Fuzz:
         target = self.any()
         if target is None:
             return None
-        own = ATTRIBUTES[type_name(type(target))]
+        own = ATTRIBUTES[typeName(type(target))]
         if not own or self.random.random() < 0.05:
             return self.strange(target)
         attribute = self.random.choice(own)
