@@ -58,7 +58,7 @@ class Findings {
    ExitStatus end( Looks const& looks ) {
       printFramesTo( ~U64{ 0 } );
       if ( context_.json ) {
-         context_.out << ( count_ == 0 ? "{\"clean\":true,\"problems\":[]" : "]" )
+         context_.out << ( count_ == 0 ? R"({"clean":true,"problems":[])" : "]" )
                       << ",\"slotsChecked\":" << ( looks.missed == 0 ? "true" : "false" ) << "}\n";
       } else if ( count_ == 0 ) {
          context_.out << "chunk " << printable( chunk_ ) << verdictOf( looks ) << '\n';
