@@ -143,11 +143,8 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
    void makeRoomForRest( U64 images, U64 taken ) const {
       constexpr U64 sample = 1024; // before, it is too early to tell
       U64 const held = keys().count();
-      bool const more = images > taken;
-      if ( more && held + bulkBlock > keys().capacity() &&
-           ( taken >= sample || images < sample ) ) {
-         U64 const keysPerImage1024 =
-            taken == 0 ? 1024 : std::min<U64>( held * 1024 / taken, 1024 );
+      if ( taken >= sample && taken < images && held + bulkBlock > keys().capacity() ) {
+         U64 const keysPerImage1024 = std::min<U64>( held * 1024 / taken, 1024 );
          keys().makeRoomFor( ( images - taken ) * keysPerImage1024 / 1024 + 1 );
       }
    }
