@@ -83,6 +83,14 @@ TEST( BulkRemoval, removesKeysThatHaveNoSlotToo ) {
    table->clearTable();
    EXPECT_EQ( table->keyToIndexListCount(), 0U );
    EXPECT_EQ( table->numUsedEntries(), 0U );
+
+   add( table, chip3, "AAAA", "r1" ); // pairs alone, which go all at once
+   table->updateTableIndex( chip3, keyOf( "CCCC" ), EmTableIndex( 8 ) );
+   table->vellumChunk()->write( 8 * 8, "another's", 9 );
+   table->clearTable();
+   EXPECT_EQ( bytesAt( table->vellumChunk(), 8 * 8, 9 ), "another's" );
+   EXPECT_EQ( table->keyToIndexListCount(), 0U );
+   EXPECT_EQ( table->numUsedEntries(), 0U );
 }
 
 } // namespace

@@ -75,6 +75,9 @@ TEST( BytesTest, holdsAnyBytesOnBothSidesOfTheInlineCapacity ) {
       EXPECT_EQ( bytes, Bytes( std::string_view( text ).substr( 0, length ) ) );
    }
    EXPECT_EQ( Bytes( nullptr, 0 ), Bytes() );
+   // Refused by its length alone: of these bytes only the first one is there.
+   EXPECT_THROW( Bytes( std::string_view( "a", ( std::size_t{ 1 } << 32 ) + 1 ) ),
+                 std::length_error );
 }
 
 TEST( BytesTest, copiesAreIndependentAndMovesLeaveAnEmptyValue ) {

@@ -160,8 +160,14 @@ TEST_F( ManagedTable, keepsItsEntriesInLocalMemoryToo ) {
    EXPECT_EQ( lookUp( *exact, chip3, "AAAA" ), "r1" );
    add( exact, chip3, "AAAA", "r2" );
    EXPECT_EQ( memory[ 7 ], '2' );
+   add( exact, chip5, "AAAA", "r5" );
+   EXPECT_EQ( lookUp( *exact, chip5, "AAAA" ), "r5" );
    exact->entryDel( chip3, "AAAA" );
    EXPECT_EQ( memory[ 0 ], 0 );
+   EXPECT_EQ( lookUp( *exact, chip3, "AAAA" ), std::nullopt );
+   exact->clearTable();
+   EXPECT_EQ( memory[ 8 ], 0 );
+   EXPECT_EQ( exact->numUsedEntries(), 0U );
    EXPECT_EQ( Corvo::makePtr<LocalMem>( memory.data(), 64 )->size(), 64U );
 }
 

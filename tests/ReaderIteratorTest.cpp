@@ -204,6 +204,9 @@ TEST( Iterator, comparesByTableAndPlaceAndEntry ) {
    other.currentIndexIs( 5 );
    EXPECT_NE( other, copy );
    EXPECT_NE( Iterator( tableWithSlots3And7() ), copy ) << "another table object";
+   other = copy;
+   other.emTableIs( tableWithSlots3And7() );
+   EXPECT_NE( other, copy ) << "one that was set by hand";
    EXPECT_TRUE( Iterator::isEq( &same, &copy ) );
 }
 

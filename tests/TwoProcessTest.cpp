@@ -15,6 +15,8 @@
 #include <list>
 #include <random>
 
+#include <sys/syscall.h>
+
 namespace {
 
 using namespace TestSupport;
@@ -44,6 +46,7 @@ class InterruptedReading {
          child_.step();
       }
    }
+   bool runsTo( U64 call ) { return child_.runTo( call ); }
    bool isOver() const { return got_->whole; }
    std::string finishes( std::size_t length ) {
       child_.finish();
@@ -123,21 +126,32 @@ TEST_F( InterruptedReader, ofATableGetsOneResultOrTheOther ) {
    expectOneOrTheOther( reading, write, std::string( 12, 'b' ), std::string( 12, 'a' ) );
 }
 
-TEST_F( InterruptedReader, waitsForAnImageThatIsMarked ) {
-   Geometry const geometry{ .entries = 1, .key = 2, .result = 12 };
-   auto const put = [ & ]( std::string const& image ) {
+class ReaderOfAMarkedImage : public InterruptedReader {
+ protected:
+   void SetUp() override {
+      if ( !reading.traced() ) {
+         GTEST_SKIP() << "no process may be traced here";
+      }
+      putAsItIs( "\xff\3kkaaaaaabbbbbb" );
+   }
+   void put( std::string const& image ) const {
       chunk->write( offset, image.data(), static_cast<U32>( image.size() ) );
-   };
-   put( imageOf( 16, 'b' ) );
-   auto const table = tableOver( chunk, geometry, offset );
-   InterruptedReading reading( [ & ]( char* to ) { table->entry( chip3, "kk", to ); } );
-   if ( !reading.traced() ) {
-      GTEST_SKIP() << "no process may be traced here";
    }
-   std::string const torn = "\xff\3kkbbbbbbaaaaaa";
-   for ( U32 i = 0; i < torn.size(); ++i ) { // as it is, without the care of a whole image
-      chunk->write( offset + i, &torn[ i ], 1 );
+   /// Without the care of a whole image.
+   void putAsItIs( std::string const& image ) const {
+      for ( U32 i = 0; i < image.size(); ++i ) {
+         chunk->write( offset + i, &image[ i ], 1 );
+      }
    }
+
+   Table const table = [ this ] {
+      put( imageOf( 16, 'b' ) );
+      return tableOver( chunk, { .entries = 1, .key = 2, .result = 12 }, offset );
+   }();
+   InterruptedReading reading{ [ this ]( char* to ) { table->entry( chip3, "kk", to ); } };
+};
+
+TEST_F( ReaderOfAMarkedImage, waitsWhileItChanges ) {
    for ( U32 changes = 0; changes < 2 * Vellum::patience; ++changes ) {
       auto const changed = static_cast<char>( changes );
       chunk->write( offset + 12, &changed, 1 );
@@ -145,6 +159,12 @@ TEST_F( InterruptedReader, waitsForAnImageThatIsMarked ) {
       ASSERT_FALSE( reading.isOver() ) << "after " << changes << " changes";
    }
    put( imageOf( 16, 'a' ) );
+   EXPECT_EQ( reading.finishes( 12 ), std::string( 12, 'a' ) );
+}
+
+TEST_F( ReaderOfAMarkedImage, hasAllStoresFinishedBeforeItBelievesTheMark ) {
+   ASSERT_TRUE( reading.runsTo( SYS_membarrier ) );
+   putAsItIs( "\xff\3kkaaaaaaaaaaaa" ); // the other half of a store of its writer
    EXPECT_EQ( reading.finishes( 12 ), std::string( 12, 'a' ) );
 }
 

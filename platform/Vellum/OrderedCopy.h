@@ -30,10 +30,15 @@
 /// before, between and after them, and starts again unless everything agrees and no mark is seen. A
 /// reading torn by one write cannot agree with the next one, and a writer that is between its mark
 /// and its final byte is waited for. A mark that stays (its writer was killed or is not running) is
-/// believed when nothing of the image has changed for `patience` tries: no store takes so long to
-/// become visible, so the image is whole by (4). Tries alone do not count: a writer that was stopped
-/// at its mark may go on during the last of them, and two readings can agree on what is visible
-/// between the two cache lines of its next store.
+/// believed when nothing of the image has changed for `patience` tries, nor while the system had every
+/// processor finish the stores it had begun. Neither is enough by itself:
+///
+///  (5) Tries alone. A writer that was stopped at its mark may go on during the last of them, and two
+///      readings can agree on what is visible between the two cache lines of its next store.
+///  (6) Any number of tries without a change. A store has no longest time: where a virtual machine was
+///      interrupted, one half of a store was visible and the other not for 10,000 cycles, and a reader
+///      met the halves of two results that agreed all the while. What agrees before and after all begun
+///      stores were finished was no half of one.
 ///
 /// The order between stores (and between loads) is the one that x86-64 gives to plain stores and
 /// loads once the compiler keeps it; elsewhere fences give it.
@@ -50,10 +55,14 @@
 
 namespace Vellum {
 
-/// How often in a row loadImage finds a marked image unchanged before it believes the mark. With the
-/// pause between two tries this is some microseconds: far more than a store takes to become visible.
-/// More would make a table over foreign bytes slow to build.
+/// How often in a row loadImage finds a marked image unchanged before it has the system finish all
+/// stores, which takes some microseconds. With the pause between two tries this is as long: most
+/// writers are through by then. More would make a table over foreign bytes slow to build.
 inline constexpr U32 patience = 64;
+
+/// Has readers in other processes wait for the stores of this one, see loadImage. To be called before
+/// the first store; VellumChunk does it for whoever maps a chunk for writing.
+void announceWriter();
 
 namespace detail {
 
@@ -83,6 +92,9 @@ inline void pauseBriefly() {
    __builtin_ia32_pause();
 #endif
 }
+
+/// Returns when every store that an announced writer had begun before is visible.
+[[gnu::visibility( "default" )]] void awaitStores();
 
 template<class Unit>
 inline Unit loadUnit( U8 const* from ) {
@@ -316,14 +328,18 @@ template<class AnyReading>
 template<class AnyReading>
 [[gnu::cold, gnu::noinline]] AnyReading
 takeWhenUnchanged( AnyReading reading, U8 const* from, U32 length ) {
-   for ( U32 unchanged = 0; unchanged < patience; ++unchanged ) {
-      pauseBriefly();
+   for ( U32 unchanged = 0; unchanged <= patience; ++unchanged ) {
+      if ( unchanged < patience ) {
+         pauseBriefly();
+      } else {
+         awaitStores(); // (6)
+      }
       orderLoads();
       if ( !reading.matches( from ) ) {
          if ( takeFinished( reading, from, length ) ) {
             return reading;
          }
-         unchanged = 0;
+         unchanged = 0; // (5)
       }
    }
    return reading;

@@ -103,6 +103,9 @@ Mapping mapShared( FileDescriptor& memory,
    if ( base == MAP_FAILED ) {
       refuseAsSystemSays( name, "cannot be mapped" );
    }
+   if ( access == VellumChunk::Access::readWrite ) {
+      announceWriter();
+   }
    return { static_cast<U8*>( base ), size, memory.release() };
 }
 

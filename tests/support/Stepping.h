@@ -5,6 +5,8 @@
 ///
 /// Threads: for tests that run on the only thread of their process.
 
+#include "Weft/Types.h"
+
 #include <csignal>
 #include <new>
 
@@ -63,6 +65,18 @@ class SteppedChild {
    bool step() { return resumed( PTRACE_SINGLESTEP ) != SIGSTOP; }
    /// All that is left of the work.
    void finish() { resumed( PTRACE_CONT ); }
+   /// Until the work is about to make this call of the system; false when it is over before.
+   bool runTo( U64 call ) {
+      ::ptrace( PTRACE_SETOPTIONS, child_, nullptr, PTRACE_O_TRACESYSGOOD ); // tells of calls
+      while ( resumed( PTRACE_SYSCALL ) != SIGSTOP ) {
+         __ptrace_syscall_info told{};
+         ::ptrace( PTRACE_GET_SYSCALL_INFO, child_, sizeof told, &told );
+         if ( told.op == PTRACE_SYSCALL_INFO_ENTRY && told.entry.nr == call ) {
+            return true;
+         }
+      }
+      return false;
+   }
 
  private:
    int resumed( __ptrace_request how ) {
