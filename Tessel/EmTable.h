@@ -193,8 +193,8 @@ class [[gnu::visibility( "default" )]] EmTableFapIndices : public Corvo::Node {
 
    U16 count_ = 0;
    U16 capacity_ = inlineMembers;
-   U32* slots_ = inline_.data(); ///< capacity_ slots, then as many chips
    std::array<U32, wordsFor( inlineMembers )> inline_{};
+   U32* slots_ = inline_.data(); ///< capacity_ slots, then as many chips
    std::unique_ptr<U32[]> more_; ///< where the members are once they have had to move
 };
 
@@ -352,11 +352,13 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    Corvo::Ptr<EmTableFapIndices> keyToIndexListDel( EntryKey const& key );
    void keyToIndexListDelAll();
    bool keyToIndexListHas( EntryKey const& key ) const;
-   /// Keys now, and keys held before more memory is taken.
+   /// Keys now: each pair is looked at, and looked for on each lower chip that the table has seen.
    U64 keyToIndexListCount() const;
+   /// Pairs held before more memory is taken.
    U64 keyToIndexListCapacity() const;
 
-   /// A place in a walk over the keys. Keys, the one under it included, may be removed as it goes.
+   /// A place in a walk over the keys. Keys, the one under it included, may be removed as it goes; one
+   /// that loses its lowest chip only may be met again.
    class KeyCursor {
     public:
       bool onMember() const;
