@@ -126,7 +126,7 @@ TEST_F( InterruptedReader, ofATableGetsOneResultOrTheOther ) {
    expectOneOrTheOther( reading, write, std::string( 12, 'b' ), std::string( 12, 'a' ) );
 }
 
-class ReaderOfAMarkedImage : public InterruptedReader {
+class InterruptedReaderOfAMark : public InterruptedReader {
  protected:
    void SetUp() override {
       if ( !reading.traced() ) {
@@ -151,7 +151,7 @@ class ReaderOfAMarkedImage : public InterruptedReader {
    InterruptedReading reading{ [ this ]( char* to ) { table->entry( chip3, "kk", to ); } };
 };
 
-TEST_F( ReaderOfAMarkedImage, waitsWhileItChanges ) {
+TEST_F( InterruptedReaderOfAMark, waitsWhileItChanges ) {
    for ( U32 changes = 0; changes < 2 * Vellum::patience; ++changes ) {
       auto const changed = static_cast<char>( changes );
       chunk->write( offset + 12, &changed, 1 );
@@ -162,7 +162,7 @@ TEST_F( ReaderOfAMarkedImage, waitsWhileItChanges ) {
    EXPECT_EQ( reading.finishes( 12 ), std::string( 12, 'a' ) );
 }
 
-TEST_F( ReaderOfAMarkedImage, hasAllStoresFinishedBeforeItBelievesTheMark ) {
+TEST_F( InterruptedReaderOfAMark, hasAllStoresFinishedBeforeItBelievesTheMark ) {
    ASSERT_TRUE( reading.runsTo( SYS_membarrier ) );
    putAsItIs( "\xff\3kkaaaaaaaaaaaa" ); // the other half of a store of its writer
    EXPECT_EQ( reading.finishes( 12 ), std::string( 12, 'a' ) );

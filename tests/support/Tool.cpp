@@ -4,6 +4,7 @@
 #include "Vellum/VellumChunk.h"
 
 #include <array>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -91,6 +92,10 @@ Answer ToolBench::finish( pid_t tool ) const {
 }
 
 void becomeTool( std::vector<std::string> const& words ) {
+   // Tests that a shell runs in the background start with some of them ignored.
+   for ( int const signal : { SIGINT, SIGQUIT, SIGHUP } ) {
+      static_cast<void>( std::signal( signal, SIG_DFL ) );
+   }
    std::vector<char*> arguments;
    static std::string tool = TESSEL_TOOL_PATH;
    arguments.push_back( tool.data() );
