@@ -344,7 +344,8 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    // ---- the map from keys to slots
 
    /// The key's object; null when the key is absent. The same object every time while the key is
-   /// present.
+   /// present. Made when it is asked for first, which may throw std::bad_alloc and then has changed
+   /// nothing; from then on look-ups of the key go through it and take longer.
    Corvo::Ptr<EmTableFapIndices> keyToIndexList( EntryKey const& key ) const;
    /// Sets the key's object; null removes the key.
    void keyToIndexListIs( EntryKey const& key, Corvo::Ptr<EmTableFapIndices> const& indices );
@@ -352,7 +353,8 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    Corvo::Ptr<EmTableFapIndices> keyToIndexListDel( EntryKey const& key );
    void keyToIndexListDelAll();
    bool keyToIndexListHas( EntryKey const& key ) const;
-   /// Keys now: each pair is looked at, and looked for on each lower chip that the table has seen.
+   /// Keys now. Where the table has seen several chips, each pair is looked at, and looked for on each of
+   /// the lower chips.
    U64 keyToIndexListCount() const;
    /// Pairs held before more memory is taken.
    U64 keyToIndexListCapacity() const;

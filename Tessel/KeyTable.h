@@ -24,7 +24,9 @@
 #include "Weft/FlatTable.h"
 #include "Weft/Hash.h"
 
+#include <bit>
 #include <cstring>
+#include <numeric>
 #include <utility>
 
 namespace Tessel {
@@ -225,6 +227,11 @@ class ChipSet {
  public:
    void add( Brine::ChipId chip ) { wordOf( chip ) |= bitOf( chip ); }
    void clear() { words_ = {}; }
+   bool hasSeveral() const {
+      return std::accumulate( words_.begin(), words_.end(), 0, []( int count, U64 word ) {
+                return count + std::popcount( word );
+             } ) > 1;
+   }
 
    /// Calls `visit( chip )` for each from the lowest on, until it answers true; whether it did.
    template<class Visit>
@@ -251,7 +258,6 @@ class ChipSet {
 template<std::size_t wordCount>
 class KeyTable {
  public:
-   static constexpr std::size_t words = wordCount;
    static constexpr U64 nowhere = ~U64{ 0 };
    using Pair = HashedPair<wordCount>;
    using Words = KeyWords<wordCount>;
@@ -384,9 +390,12 @@ class KeyTable {
 
    // ---- the collection of keys
 
-   /// How many there are. Takes a look at every pair, and one more for each lower chip that the table has
-   /// seen.
+   /// How many there are. Where the table has seen several chips, this takes a look at every pair, and
+   /// one more for each of its lower chips.
    U64 countKeys() const {
+      if ( !chips_.hasSeveral() ) {
+         return size();
+      }
       U64 count = 0;
       for ( U64 at = nextKey( 0 ); at != nowhere; at = nextKey( at + 1 ) ) {
          ++count;

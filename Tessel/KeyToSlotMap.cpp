@@ -14,17 +14,17 @@ pairIn( KeyTable<wordCount> const& keys, Brine::ChipId chip, EntryKey const& key
 
 } // namespace
 
-KeyToSlotMap::KeyToSlotMap( U32 keyLength, U32 mostKeys )
-      : keyLength_( keyLength ), keys_( keysFor( keyLength, mostKeys ) ) {}
+KeyToSlotMap::KeyToSlotMap( U32 keyLength, U32 mostPairs )
+      : keyLength_( keyLength ), keys_( keysFor( keyLength, mostPairs ) ) {}
 
-KeyToSlotMap::Keys KeyToSlotMap::keysFor( U32 keyLength, U32 mostKeys ) {
+KeyToSlotMap::Keys KeyToSlotMap::keysFor( U32 keyLength, U32 mostPairs ) {
    switch ( wordsFor( keyLength ) ) {
    case 1:
-      return Keys( std::in_place_type<KeyTable<1>>, keyLength, mostKeys );
+      return Keys( std::in_place_type<KeyTable<1>>, keyLength, mostPairs );
    case 2:
-      return Keys( std::in_place_type<KeyTable<2>>, keyLength, mostKeys );
+      return Keys( std::in_place_type<KeyTable<2>>, keyLength, mostPairs );
    default:
-      return Keys( std::in_place_type<KeyTable<3>>, keyLength, mostKeys );
+      return Keys( std::in_place_type<KeyTable<3>>, keyLength, mostPairs );
    }
 }
 

@@ -19,9 +19,9 @@ class KeyToSlotMap {
  public:
    static constexpr U64 nowhere = ~U64{ 0 };
 
-   /// For keys of `keyLength` bytes, at most MAX_KEY_LENGTH_IN_BYTE, of which there will be at most
-   /// `mostKeys`.
-   KeyToSlotMap( U32 keyLength, U32 mostKeys );
+   /// For keys of `keyLength` bytes, at most MAX_KEY_LENGTH_IN_BYTE, in at most `mostPairs`
+   /// pairs.
+   KeyToSlotMap( U32 keyLength, U32 mostPairs );
 
    /// Calls `work` with the KeyTable of the keys that are no strays. The key length never changes,
    /// so the switch is always predicted.
@@ -87,7 +87,7 @@ class KeyToSlotMap {
 
    static constexpr U64 strayBit = U64{ 1 } << 63;
 
-   static Keys keysFor( U32 keyLength, U32 mostKeys );
+   static Keys keysFor( U32 keyLength, U32 mostPairs );
 
    template<class Self, class Work>
    [[gnu::always_inline]] static decltype( auto ) dispatch( Self& keys, Work const& work ) {

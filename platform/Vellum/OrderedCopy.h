@@ -35,10 +35,10 @@
 ///
 ///  (5) Tries alone. A writer that was stopped at its mark may go on during the last of them, and two
 ///      readings can agree on what is visible between the two cache lines of its next store.
-///  (6) Any number of tries without a change. A store has no longest time: where a virtual machine was
-///      interrupted, one half of a store was visible and the other not for 10,000 cycles, and a reader
-///      met the halves of two results that agreed all the while. What agrees before and after all begun
-///      stores were finished was no half of one.
+///  (6) Any number of tries without a change. A store has no longest time: on a virtual machine with
+///      two processors one half of a store was visible and the other not for 10,000 cycles, perhaps as
+///      it was interrupted between the two, and a reader met the halves of two results that agreed all
+///      the while. What agrees before and after all begun stores were finished was no half of one.
 ///
 /// The order between stores (and between loads) is the one that x86-64 gives to plain stores and
 /// loads once the compiler keeps it; elsewhere fences give it.
