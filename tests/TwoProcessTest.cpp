@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -73,8 +74,10 @@ void expectOneOrTheOther( InterruptedReading& reading,
       GTEST_SKIP() << "no process may be traced here";
    }
    U32 const instructions = reading.instructions();
-   // Few enough for an optimised build; others have too many to stop between any two.
-   U32 const stride = instructions / 60 + 1;
+   // An optimised build has few enough to stop at most of them. Each stop takes all steps before it
+   // anew, so that others are stopped at a handful.
+   U32 const stops = std::max( 20'000 / instructions, 4U );
+   U32 const stride = instructions / stops + 1;
    for ( U32 steps = 1; steps < instructions; steps += stride ) {
       write( before );
       reading.steps( steps );
@@ -152,10 +155,11 @@ class InterruptedReaderOfAMark : public InterruptedReader {
 };
 
 TEST_F( InterruptedReaderOfAMark, waitsWhileItChanges ) {
+   U32 const someTries = reading.instructions() / 4;
    for ( U32 changes = 0; changes < 2 * Vellum::patience; ++changes ) {
       auto const changed = static_cast<char>( changes );
       chunk->write( offset + 12, &changed, 1 );
-      reading.steps( reading.instructions() );
+      reading.steps( someTries );
       ASSERT_FALSE( reading.isOver() ) << "after " << changes << " changes";
    }
    put( imageOf( 16, 'a' ) );
