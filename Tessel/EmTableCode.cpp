@@ -22,7 +22,7 @@ struct EmShadowTable::CodeChoice {
       }
       static void entryDel( EmShadowTable& table, Brine::ChipId chipId, Weft::CharPtrConst key ) {
          Work const work( table );
-         work.del( chipId, key, work.hashOf( chipId, key ) );
+         work.template del<Result>( chipId, key, work.hashOf( chipId, key ) );
       }
       static bool
       entryHas( EmShadowTable const& table, Brine::ChipId chipId, Weft::CharPtrConst key ) {
@@ -49,7 +49,7 @@ struct EmShadowTable::CodeChoice {
       entryDelBulk( EmShadowTable& table, std::span<EmPair const> pairs, bool* answers ) {
          Work const work( table );
          auto const one = [ & ]( EmPair const& pair, U64 hash ) __attribute__( ( always_inline ) ) {
-            return work.del( pair.chipId, pair.key, hash );
+            return work.template del<Result>( pair.chipId, pair.key, hash );
          };
          return work.template inBulk<true>( pairs, answers, one );
       }
@@ -84,14 +84,16 @@ struct EmShadowTable::CodeChoice {
    template<bool traced, class Keys, class Result>
    static Code const* code() {
       using F = Functions<traced, Keys, Result>;
-      // What does not depend on the result is compiled once for all of them.
+      // What does not depend on the result is compiled once for all of them, and what depends on the
+      // length of an image for those that are known.
       using Any = Functions<traced, Keys, AnyResult>;
+      using OfLength = std::conditional_t<Keys::isExact, F, Any>;
       static constexpr Code chosen{ .entryIs = F::entryIs,
-                                    .entryDel = Any::entryDel,
+                                    .entryDel = OfLength::entryDel,
                                     .entryHas = Any::entryHas,
                                     .entry = F::entry,
                                     .entryIsBulk = F::entryIsBulk,
-                                    .entryDelBulk = Any::entryDelBulk,
+                                    .entryDelBulk = OfLength::entryDelBulk,
                                     .entryHasBulk = Any::entryHasBulk,
                                     .entryBulk = F::entryBulk,
                                     .readFromVellumMemory = Any::readFromVellumMemory,

@@ -101,12 +101,12 @@ template<std::size_t wordCount, class Result>
                                                Brine::ChipId chip,
                                                KeyWords<wordCount> const& key,
                                                Result& result ) {
-   U16 const head = static_cast<U16>( 1U | U32{ chip.value() } << 8 );
+   U32 const head = 1U | U32{ chip.value() } << 8;
    auto const* const keyBytes = reinterpret_cast<char const*>( image + ImageShape::keyOffset );
    U64 const difference =
       differenceOf<wordCount>( keyWordsAt<wordCount>( keyBytes, shape.keyLength ), key );
    result = Result( image + shape.resultOffset(), shape.resultLength );
-   return difference | ( Vellum::detail::loadUnit<U16>( image ) ^ head );
+   return difference | ( U32{ Vellum::detail::loadUnit<U16>( image ) } ^ head );
 }
 
 /// The same of an image that somebody else writes: what Vellum::loadImageBy asks of an image and what
@@ -175,8 +175,8 @@ template<std::size_t wordCount>
    Vellum::storeImage( to, bytesOf( raw ), shape.length );
 }
 
-/// Whether an image that is about to be written is known to show itself.
-enum class Before { maybeNothing, anImage };
+/// Whether what lies where an image is about to be written is known to show itself.
+enum class Before { maybeNothing, nothing, anImage };
 
 /// Writes the image of an entry at `to`, in the order of Vellum/OrderedCopy.h.
 template<std::size_t wordCount, class Result, Before before = Before::maybeNothing>
@@ -200,6 +200,8 @@ template<std::size_t wordCount, class Result, Before before = Before::maybeNothi
       };
       if constexpr ( before == Before::anImage ) {
          Vellum::rewriteImageBy( to, 1, storeBody );
+      } else if constexpr ( before == Before::nothing ) {
+         Vellum::storeNewImageBy( to, 1, storeBody );
       } else {
          Vellum::storeImageBy( to, 1, storeBody );
       }

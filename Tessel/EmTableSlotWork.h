@@ -83,26 +83,24 @@ class EmShadowTable::SlotWork {
       return image;
    }
 
-   // Removing an entry whose image can be wiped in place and whose slot the bitmap has: nothing about it
-   // can fail.
-
-   [[gnu::always_inline]] bool removesInPlace( EmTableIndex slot ) const {
-      Brine::HBitmap const* const bitmap = table_.freeIndexBmp_.get();
-      return slot.value() < table_.numEntries_ && table_.writableRange() != nullptr &&
-             bitmap != nullptr && slot.value() < bitmap->size();
-   }
-   bool removesAllInPlace() const {
-      Brine::HBitmap const* const bitmap = table_.freeIndexBmp_.get();
-      return table_.writableRange() != nullptr && bitmap != nullptr &&
-             bitmap->size() >= table_.numEntries_;
-   }
-   [[gnu::always_inline]] void removeInPlace( EmTableIndex slot, Brine::ChipId chip ) const {
-      table_.isWriterIs();
-      Vellum::storeNoImage( table_.writableRange() + table_.offsetOf( slot ),
-                            table_.entryLengthBytes_ );
-      table_.freeIndexBmp_->setBit( slot.value() );
+   /// Removes an entry that the table owns, but for its key: nothing can fail. `knownLength` is that of the
+   /// image, or 0.
+   template<U32 knownLength = 0>
+   [[gnu::always_inline]] void
+   removeOwned( EmTableIndex slot, U64 offset, Brine::ChipId chip ) const {
+      U8* const image = table_.writableRange() + offset;
+      if constexpr ( knownLength != 0 ) {
+         Vellum::storeNoImage<knownLength>( image );
+      } else {
+         Vellum::storeNoImage( image, table_.entryLengthBytes_ );
+      }
       table_.numUsedEntriesDec( 1 );
       table_.numUsedEntriesByChipIdDec( chip, 1 );
+      // The bitmap is the one that the table made, with all bits set.
+      table_.freeIndexBmp_->untoggle( slot.value() );
+   }
+   [[gnu::always_inline]] bool owns( EmTableIndex slot ) const {
+      return U64{ slot.value() } * table_.entryLengthBytes_ < table_.ownedSize();
    }
 
    [[gnu::always_inline]] void countOneMore( Brine::ChipId chip ) const {

@@ -35,23 +35,16 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
    }
 
    void deleteAll( Brine::ChipId chip ) const {
-      forEachPair( [ & ]( U64 position, SlotOrObject where ) {
-         if ( where.isOn( chip ) ) {
-            if ( !traced && this->removesInPlace( where.slot() ) ) [[likely]] {
-               keys().eraseAt( position );
-               this->removeInPlace( where.slot(), chip );
-            } else {
-               deletePair( { .position = position, .index = where.slot() }, chip );
-            }
-         } else if ( where.isObject() && where.object()->indexHas( chip ) ) {
-            deletePair( { .position = position, .index = where.object()->index( chip ) }, chip );
-         }
-      } );
+      if ( !traced && keys().holdsOnly( chip ) && table_.ownedSize() != 0 ) {
+         clearInPlace();
+      } else {
+         deleteOneByOne( chip );
+      }
       table_.keyToSlot_->indexDelOfStrays( chip );
    }
 
    void clear() const {
-      if ( !traced && keys().objects() == 0 && this->removesAllInPlace() ) [[likely]] {
+      if ( !traced && keys().objects() == 0 && table_.ownedSize() != 0 ) [[likely]] {
          clearInPlace();
       } else {
          clearOneByOne();
@@ -191,11 +184,19 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
    /// Nothing here can fail, so the pairs may go all at once in the end.
    void clearInPlace() const {
       forEachPair( [ & ]( U64 /*position*/, SlotOrObject where ) {
-         if ( where.slot().value() < table_.numEntries_ ) [[likely]] { // else a caller has set it
-            this->removeInPlace( where.slot(), where.chip() );
-         }
+         this->removeOwned( where.slot(), table_.offsetOf( where.slot() ), where.chip() );
       } );
       keys().eraseAll();
+   }
+
+   void deleteOneByOne( Brine::ChipId chip ) const {
+      forEachPair( [ & ]( U64 position, SlotOrObject where ) {
+         if ( where.isOn( chip ) ) {
+            deletePairAt( position, where );
+         } else if ( where.isObject() && where.object()->indexHas( chip ) ) {
+            deletePair( { .position = position, .index = where.object()->index( chip ) }, chip );
+         }
+      } );
    }
 
    void clearOneByOne() const {
@@ -203,9 +204,18 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
          if ( where.isObject() ) {
             deleteObject( position, *where.object() );
          } else {
-            deletePair( { .position = position, .index = where.slot() }, where.chip() );
+            deletePairAt( position, where );
          }
       } );
+   }
+
+   [[gnu::always_inline]] void deletePairAt( U64 position, SlotOrObject where ) const {
+      if ( !traced && this->owns( where.slot() ) ) [[likely]] {
+         keys().eraseAt( position );
+         this->removeOwned( where.slot(), table_.offsetOf( where.slot() ), where.chip() );
+      } else {
+         deletePair( { .position = position, .index = where.slot() }, where.chip() );
+      }
    }
 
    void deletePair( KeyPlace const& place, Brine::ChipId chip ) const {

@@ -56,13 +56,16 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    }
 
    // ---- single entries. Each first tries what nearly always does, in a few instructions and without
-   // a stack frame, and starts again with the whole of it where that does not answer.
+   // a stack frame, and starts again with the whole of it where that does not answer: by a tail call, to which
+   // GCC 12 objects when a copy of `chip` is around.
 
    template<class Result>
-   [[gnu::always_inline]] bool
-   set( Brine::ChipId chip, Weft::CharPtrConst key, U64 hash, Weft::CharPtrConst result ) const {
+   [[gnu::always_inline]] bool set( Brine::ChipId const& chip,
+                                    Weft::CharPtrConst key,
+                                    U64 hash,
+                                    Weft::CharPtrConst result ) const {
       auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
-         return setFully<Result>( table_, chip, key, result );
+         return setFully<Result>( table_, chip, key, hash, result );
       };
       if constexpr ( traced ) {
          return fully();
@@ -72,11 +75,10 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
             isPairOf( chip, key ),
             [ & ]( EmTableIndex slot, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
                U64 const offset = offsetOf<Result>( slot );
-               if ( offset >= table_.trustedSize() ) [[unlikely]] {
+               if ( offset >= table_.ownedSize() ) [[unlikely]] {
                   return fully();
                }
-               table_.isWriterIs();
-               // A slot that a trusted map names holds an image.
+               // A slot that it owns and that its map names holds an image.
                storeEntryImage<wordCount, Result, Before::anImage>(
                   table_.writableRange() + offset, shape<Result>(), chip, key, result );
                return true;
@@ -88,9 +90,10 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       }
    }
 
-   [[gnu::always_inline]] bool has( Brine::ChipId chip, Weft::CharPtrConst key, U64 hash ) const {
+   [[gnu::always_inline]] bool
+   has( Brine::ChipId const& chip, Weft::CharPtrConst key, U64 hash ) const {
       auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
-         return hasFully( table_, chip, key );
+         return hasFully( table_, chip, key, hash );
       };
       if constexpr ( traced ) {
          return fully();
@@ -106,23 +109,22 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
 
    template<class Result>
    [[gnu::always_inline]] bool
-   get( Brine::ChipId chip, Weft::CharPtrConst key, U64 hash, Weft::CharPtr result ) const {
+   get( Brine::ChipId const& chip, Weft::CharPtrConst key, U64 hash, Weft::CharPtr result ) const {
       auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
-         return getFully<Result>( table_, chip, key, result );
+         return getFully<Result>( table_, chip, key, hash, result );
       };
       if constexpr ( traced ) {
          return fully();
       } else {
          return keys().glance(
             hash,
-            isPairOf( chip, key ),
-            [ & ]( EmTableIndex slot, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
+            // What the map says of a slot that the table owns, the image says: the key is compared with that.
+            [chip]( KeyElement<wordCount> const& element )
+               __attribute__( ( always_inline ) ) { return element.where().isOn( chip ); },
+            [ & ]( EmTableIndex slot, U64 position ) __attribute__( ( always_inline ) ) {
                U64 const offset = offsetOf<Result>( slot );
-               if ( offset >= table_.readableSize() ) [[unlikely]] {
-                  return fully();
-               }
-               if ( !table_.isWriter() ) [[unlikely]] {
-                  return getInPlace<Result>( table_, offset, chip, key, result );
+               if ( offset >= table_.ownedSize() ) [[unlikely]] {
+                  return getUnowned<Result>( table_, chip, key, position, result );
                }
                Result bytes;
                if ( readImageOf<wordCount>( table_.readableRange() + offset,
@@ -140,10 +142,12 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       }
    }
 
-   /// Whether the entry was there.
-   [[gnu::always_inline]] bool del( Brine::ChipId chip, Weft::CharPtrConst key, U64 hash ) const {
+   /// Whether the entry was there. `Result` matters where it tells the length of an image.
+   template<class Result>
+   [[gnu::always_inline]] bool
+   del( Brine::ChipId const& chip, Weft::CharPtrConst key, U64 hash ) const {
       auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
-         return delFully( table_, chip, key );
+         return delFully( table_, chip, key, hash );
       };
       if constexpr ( traced ) {
          return fully();
@@ -152,11 +156,12 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
             hash,
             isPairOf( chip, key ),
             [ & ]( EmTableIndex slot, U64 position ) __attribute__( ( always_inline ) ) {
-               if ( !this->removesInPlace( slot ) ) [[unlikely]] {
+               U64 const offset = offsetOf<Result>( slot );
+               if ( offset >= table_.ownedSize() ) [[unlikely]] {
                   return fully();
                }
                keys().eraseGlanced( position );
-               this->removeInPlace( slot, chip );
+               this->template removeOwned<knownLength<Result>>( slot, offset, chip );
                return true;
             },
             []() __attribute__( ( always_inline ) ) { return false; },
@@ -206,11 +211,11 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
 
  protected:
    [[gnu::noinline]] static bool
-   delFully( Table& table, Brine::ChipId chip, Weft::CharPtrConst key ) {
+   delFully( Table& table, Brine::ChipId chip, Weft::CharPtrConst key, U64 hash ) {
       EntryWork const work( table );
       work.traceKey();
-      Pair const pair = work.pairOf( chip, key );
-      KeyPlace const place = work.keys().find( pair );
+      Pair const pair( chip, work.wordsAt( key ), hash );
+      KeyPlace const place = work.find( pair );
       work.traceLookup( chip, place.index );
       if ( !place.index.valid() ) {
          return false;
@@ -220,13 +225,16 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    }
 
    template<class Result>
-   [[gnu::noinline]] static bool
-   setFully( Table& table, Brine::ChipId chip, Weft::CharPtrConst key, Weft::CharPtrConst result ) {
+   [[gnu::noinline]] static bool setFully( Table& table,
+                                           Brine::ChipId chip,
+                                           Weft::CharPtrConst key,
+                                           U64 hash,
+                                           Weft::CharPtrConst result ) {
       EntryWork const work( table );
       work.traceKey();
       work.traceResult();
-      Pair const pair = work.pairOf( chip, key );
-      KeyPlace const place = work.keys().find( pair );
+      Pair const pair( chip, work.wordsAt( key ), hash );
+      KeyPlace const place = work.find( pair );
       work.traceLookup( chip, place.index );
       if ( !place.index.valid() ) {
          return work.template add<Result>( place.position, pair, key, result );
@@ -242,47 +250,75 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
                                             Weft::CharPtrConst key,
                                             U64 hash,
                                             Weft::CharPtrConst result ) {
+      auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
+         return addFully<Result>( table, chip, key, hash, result );
+      };
+      if ( table.ownedSize() == 0 ) [[unlikely]] {
+         return fully();
+      }
+      EntryWork const work( table );
+      return work.keys().home(
+         hash,
+         [ & ]( auto const& home ) __attribute__( ( always_inline ) ) {
+            return work.template addAtHome<Result>( home, chip, key, hash, result );
+         },
+         fully );
+   }
+
+   template<class Result>
+   [[gnu::noinline]] static bool addFully( Table& table,
+                                           Brine::ChipId chip,
+                                           Weft::CharPtrConst key,
+                                           U64 hash,
+                                           Weft::CharPtrConst result ) {
       EntryWork const work( table );
       Pair const pair( chip, work.wordsAt( key ), hash );
       return work.template add<Result>( Keys::nowhere, pair, key, result );
    }
 
    [[gnu::noinline]] static bool
-   hasFully( Table& table, Brine::ChipId chip, Weft::CharPtrConst key ) {
+   hasFully( Table& table, Brine::ChipId chip, Weft::CharPtrConst key, U64 hash ) {
       EntryWork const work( table );
       work.traceKey();
-      EmTableIndex const index = work.keys().find( work.pairOf( chip, key ) ).index;
+      EmTableIndex const index = work.find( Pair( chip, work.wordsAt( key ), hash ) ).index;
       work.traceLookup( chip, index );
       return index.valid();
    }
 
-   /// For an image in place, whoever writes it.
+   /// For an element at `position` of the right chip, whoever writes its image.
    template<class Result>
-   [[gnu::noinline]] static bool getInPlace(
-      Table& table, U64 offset, Brine::ChipId chip, Weft::CharPtrConst key, Weft::CharPtr result ) {
+   [[gnu::noinline]] static bool getUnowned( Table& table,
+                                             Brine::ChipId chip,
+                                             Weft::CharPtrConst key,
+                                             U64 position,
+                                             Weft::CharPtr result ) {
       EntryWork const work( table );
       ImageShape const shape = work.template shape<Result>();
-      U8 const* const image = table.readableRange() + offset;
       auto const words = work.wordsAt( key );
-      Result bytes;
-      U64 const difference = table.isWriter()
-                                ? readImageOf<wordCount>( image, shape, chip, words, bytes )
-                                : readForeignImageOf<wordCount>( image, shape, chip, words, bytes );
-      if ( difference != 0 ) [[unlikely]] {
-         return getFully<Result>( table, chip, key, result );
+      U64 const offset = work.template offsetOf<Result>( work.keys().whereOf( position ).slot() );
+      if ( offset < table.readableSize() && sameWords( work.keys().wordsOf( position ), words ) )
+         [[likely]] {
+         U8 const* const image = table.readableRange() + offset;
+         Result bytes;
+         U64 const difference =
+            table.isWriter() ? readImageOf<wordCount>( image, shape, chip, words, bytes )
+                             : readForeignImageOf<wordCount>( image, shape, chip, words, bytes );
+         if ( difference == 0 ) [[likely]] {
+            bytes.store( reinterpret_cast<U8*>( result ), shape.resultLength );
+            return true;
+         }
       }
-      bytes.store( reinterpret_cast<U8*>( result ), shape.resultLength );
-      return true;
+      return getFully<Result>( table, chip, key, work.hashOf( chip, key ), result );
    }
 
    template<class Result>
-   [[gnu::noinline]] static bool
-   getFully( Table& table, Brine::ChipId chip, Weft::CharPtrConst key, Weft::CharPtr result ) {
+   [[gnu::noinline]] static bool getFully(
+      Table& table, Brine::ChipId chip, Weft::CharPtrConst key, U64 hash, Weft::CharPtr result ) {
       EntryWork const work( table );
       work.traceLine( { 7, "entry" }, "EmShadowTable::", "entry", " chipId:", chip );
       work.traceKey();
-      Pair const pair = work.pairOf( chip, key );
-      EmTableIndex const index = work.keys().find( pair ).index;
+      Pair const pair( chip, work.wordsAt( key ), hash );
+      EmTableIndex const index = work.find( pair ).index;
       work.traceLookup( chip, index );
       if ( !index.valid() ) {
          return false;
@@ -298,6 +334,22 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       sassert( valid, { "entry.valid() == true", "entry" } );
       return true;
    }
+
+   /// The place of a pair of which a first look was unsure; with traces there was none.
+   [[gnu::always_inline]] KeyPlace find( Pair const& pair ) const {
+      if constexpr ( traced ) {
+         return keys().find( pair );
+      } else {
+         return keys().findUnsure( pair );
+      }
+   }
+
+   /// Bytes of an image where every table that works so has the same; else 0.
+   template<class Result>
+   static constexpr U32 knownLength =
+      KeyClass::isExact && Result::isExact
+         ? imageLength( KeyClass::exactly( 0 ), Result::exactly( 0 ) )
+         : 0;
 
    template<class Result>
    ImageShape shape() const {
@@ -319,6 +371,26 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    [[gnu::always_inline]] Keys& keys() const {
       return table_.keyToSlot_->template keys<wordCount>();
    }
+   /// In a table that owns its slots: nothing can fail, and what lies in a free one is no image.
+   template<class Result>
+   [[gnu::always_inline]] bool addAtHome( typename Keys::Home const& home,
+                                          Brine::ChipId chip,
+                                          Weft::CharPtrConst key,
+                                          U64 hash,
+                                          Weft::CharPtrConst result ) const {
+      // Its bitmap is the one it made itself, with all bits set.
+      EmTableIndex const slot( table_.freeIndexBmp_->lowestUntoggled() );
+      if ( !slot.valid() ) [[unlikely]] {
+         return false;
+      }
+      storeEntryImage<wordCount, Result, Before::nothing>(
+         table_.writableRange() + offsetOf<Result>( slot ), shape<Result>(), chip, key, result );
+      keys().addAtHome( home, Pair( chip, wordsAt( readAgain( key ) ), hash ), slot );
+      this->countOneMore( chip );
+      table_.freeIndexBmp_->toggleLowestUntoggled();
+      return true;
+   }
+
    template<class Result>
    [[gnu::always_inline]] bool
    add( U64 position, Pair const& pair, Weft::CharPtrConst key, Weft::CharPtrConst result ) const {

@@ -147,7 +147,11 @@ class KeyElement {
    static constexpr std::size_t keyBytes = wordCount == 3 ? 20 : 8 * wordCount;
 
    KeyElement( KeyWords<wordCount> const& words, SlotOrObject where ) {
-      std::memcpy( key_.data(), words.data(), keyBytes );
+      // Word by word: a copy of the array would go through memory.
+      for ( std::size_t i = 0; i < wordCount; ++i ) {
+         std::memcpy(
+            key_.data() + 8 * i, &words[ i ], std::min<std::size_t>( 8, keyBytes - 8 * i ) );
+      }
       whereIs( where );
    }
 
@@ -227,6 +231,9 @@ class ChipSet {
  public:
    void add( Brine::ChipId chip ) { wordOf( chip ) |= bitOf( chip ); }
    void clear() { words_ = {}; }
+   bool has( Brine::ChipId chip ) const {
+      return ( words_[ chip.value() / 64U ] & bitOf( chip ) ) != 0;
+   }
    bool hasSeveral() const {
       return std::accumulate( words_.begin(), words_.end(), 0, []( int count, U64 word ) {
                 return count + std::popcount( word );
@@ -257,6 +264,14 @@ class ChipSet {
 /// The pairs of one exact-match table.
 template<std::size_t wordCount>
 class KeyTable {
+   using Element = KeyElement<wordCount>;
+   struct ElementHash {
+      U64 operator()( Element const& element ) const {
+         return HashedPair<wordCount>( element.where().placeChip(), element.words() ).hash;
+      }
+   };
+   using Elements = Weft::FlatTable<Element, ElementHash>;
+
  public:
    static constexpr U64 nowhere = ~U64{ 0 };
    using Pair = HashedPair<wordCount>;
@@ -280,11 +295,11 @@ class KeyTable {
    }
 
    [[gnu::always_inline]] KeyPlace find( Pair const& pair ) const {
-      auto const found = elements_.find( pair.hash, IsPair{ pair } );
-      if ( found.element != nullptr ) {
-         return { .position = found.position, .index = found.element->where().slot() };
-      }
-      return objects_ == 0 ? KeyPlace{ .position = nowhere, .index = {} } : findInObject( pair );
+      return placeOf( pair, elements_.find( pair.hash, IsPair{ pair } ) );
+   }
+   /// The same for a pair of which glance() is unsure.
+   [[gnu::always_inline]] KeyPlace findUnsure( Pair const& pair ) const {
+      return placeOf( pair, elements_.findUnsure( pair.hash, IsPair{ pair } ) );
    }
 
    /// What the first look of find() says, which nearly always decides: calls `onSlot( slot, position )`
@@ -333,6 +348,19 @@ class KeyTable {
       } else {
          element.whereIs( SlotOrObject( pair.chip, slot ) );
       }
+   }
+
+   using Home = typename Elements::Found;
+   /// Calls `onHome( home )` if addAtHome() can add a pair that is absent there, or `otherwise()`, when
+   /// makeRoom() and set() have to find a place; and answers what that does.
+   template<class OnHome, class Otherwise>
+   [[gnu::always_inline]] auto
+   home( U64 hash, OnHome const& onHome, Otherwise const& otherwise ) const {
+      return elements_.placeAtHome( hash, onHome, otherwise );
+   }
+   [[gnu::always_inline]] void addAtHome( Home const& home, Pair const& pair, EmTableIndex slot ) {
+      elements_.insertAtHome( home, pair.hash, elementOf( pair, slot ) );
+      chips_.add( pair.chip );
    }
 
    /// Adds a pair if the first look shows that it is absent and that there is room for it. False, and
@@ -387,6 +415,12 @@ class KeyTable {
    U64 next( U64 position ) const { return elements_.next( position ); }
    SlotOrObject whereOf( U64 position ) const { return elements_[ position ].where(); }
    Words wordsOf( U64 position ) const { return elements_[ position ].words(); }
+
+   /// Whether all pairs are of this chip, and no key has an object; false may also be said of pairs that
+   /// once were of several.
+   bool holdsOnly( Brine::ChipId chip ) const {
+      return objects_ == 0 && chips_.has( chip ) && !chips_.hasSeveral();
+   }
 
    // ---- the collection of keys
 
@@ -463,25 +497,24 @@ class KeyTable {
    U64 bytes() const { return elements_.bytes(); }
 
  private:
-   using Element = KeyElement<wordCount>;
-
    struct IsPair {
       Pair const& pair;
       [[gnu::always_inline]] bool operator()( Element const& element ) const {
          return isPair( element, pair.chip, pair.words );
       }
    };
-   struct ElementHash {
-      U64 operator()( Element const& element ) const {
-         return Pair( element.where().placeChip(), element.words() ).hash;
-      }
-   };
-
    static Element elementOf( Pair const& pair, EmTableIndex slot ) {
       return Element( pair.words, SlotOrObject( pair.chip, slot ) );
    }
    U64 hashOf( U64 position ) const { return ElementHash()( elements_[ position ] ); }
 
+   [[gnu::always_inline]] KeyPlace placeOf( Pair const& pair,
+                                            typename Elements::Found const& found ) const {
+      if ( found.element != nullptr ) {
+         return { .position = found.position, .index = found.element->where().slot() };
+      }
+      return objects_ == 0 ? KeyPlace{ .position = nowhere, .index = {} } : findInObject( pair );
+   }
    U64 positionOfPair( Pair const& pair ) const {
       return elements_.find( pair.hash, IsPair{ pair } ).position;
    }
@@ -554,7 +587,7 @@ class KeyTable {
       objectPlaces_.add( before.placeChip() );
    }
 
-   Weft::FlatTable<Element, ElementHash> elements_;
+   Elements elements_;
    U32 keyLength_;
    U64 objects_ = 0;      ///< elements that hold an object
    ChipSet chips_;        ///< of every pair, and of some that were

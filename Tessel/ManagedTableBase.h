@@ -323,15 +323,20 @@ class [[gnu::visibility( "default" )]] ManagedTableBase : public Corvo::Node {
    U8* writableRange() const { return writableRange_; }
    /// How many bytes lie there: all of the range, or none where readableRange() is null.
    U64 readableSize() const { return readableSize_; }
-   /// The same for writableRange() as long as the kind's bookkeeping has never been out of its hands:
-   /// then it agrees with what lies there, unless somebody writes to the chunk behind the table's back.
-   U64 trustedSize() const { return trustedSize_; }
-   /// For all that lets callers change what lies in the range, where the range is, or the bookkeeping.
-   void trustIsLost() const { trustedSize_ = 0; }
    /// Whether this table writes what lies there: it then need not read it twice, as nobody else changes
    /// it.
    bool isWriter() const { return isWriter_; }
-   void isWriterIs() { isWriter_ = true; }
+   /// To be called with each write.
+   void isWriterIs() {
+      isWriter_ = true;
+      ownedSize_ = trustedSize_;
+   }
+   /// How many bytes lie at writableRange() that this table writes, and with which its bookkeeping, as it
+   /// has never been out of its hands, agrees (unless somebody writes there behind the table's back): all
+   /// of the range, or none.
+   U64 ownedSize() const { return ownedSize_; }
+   /// For all that lets callers change what lies in the range, where the range is, or the bookkeeping.
+   void trustIsLost() const { trustedSize_ = ownedSize_ = 0; }
    /// Where the access to `size` bytes at `offset` goes, for the functions of Vellum/OrderedCopy.h.
    /// Contract failures as doWriteVellum and doReadVellum.
    [[gnu::always_inline]] U8* writableAt( U32 offset, U32 size ) {
@@ -376,7 +381,8 @@ class [[gnu::visibility( "default" )]] ManagedTableBase : public Corvo::Node {
    U8 const* readableRange_ = nullptr;
    U8* writableRange_ = nullptr;
    U64 readableSize_ = 0;
-   mutable U64 trustedSize_ = 0;
+   mutable U64 trustedSize_ = 0; ///< what ownedSize() is once the table has written
+   mutable U64 ownedSize_ = 0;
    bool isWriter_ = false;
    Weft::BytePtr buf_ = nullptr;
    Corvo::Ptr<LocalMem> localBuf_;

@@ -78,8 +78,27 @@ class [[gnu::visibility( "default" )]] HBitmap : public Corvo::Node {
       if ( initialBitState_ == BitState::allClear ) [[unlikely]] {
          return lowestToggled();
       }
+      return lowestUntoggled();
+   }
+
+   /// The lowest bit that is not toggled, or invalidIndex when every bit is.
+   [[gnu::always_inline]] U32 lowestUntoggled() const {
       U32 const found = firstOpenWord_ * wordBits + lowestOne( ~words()[ firstOpenWord_ ] );
       return found < size_ ? found : invalidIndex;
+   }
+   /// Toggles the bit that lowestUntoggled() returns. There is one.
+   [[gnu::always_inline]] void toggleLowestUntoggled() {
+      toggle( firstOpenWord_, words()[ firstOpenWord_ ] + 1 );
+   }
+
+   /// Brings `bit`, which is less than size(), back to the initial state.
+   [[gnu::always_inline]] void untoggle( U32 bit ) {
+      U64& word = words()[ bit / wordBits ];
+      U64 const before = word;
+      word = before & ~( U64{ 1 } << bit % wordBits );
+      if ( before == allOnes || word == 0 ) [[unlikely]] {
+         summariseUntoggled( bit / wordBits );
+      }
    }
 
    /// The lowest clear bit from `first` to `last`, both included; invalidIndex when all of them are
@@ -118,22 +137,17 @@ class [[gnu::visibility( "default" )]] HBitmap : public Corvo::Node {
    U64* words() const { return some_[ 0 ]; }
 
    [[gnu::always_inline]] void toggle( U32 bit ) {
-      U64& word = words()[ bit / wordBits ];
+      toggle( bit / wordBits, U64{ 1 } << bit % wordBits );
+   }
+   /// The bits of `mask` in the word of level 0 with the number `at`.
+   [[gnu::always_inline]] void toggle( U32 at, U64 mask ) {
+      U64& word = words()[ at ];
       U64 const before = word;
-      word = before | U64{ 1 } << bit % wordBits;
+      word = before | mask;
       if ( before == 0 || word == allOnes ) [[unlikely]] {
-         summariseToggled( bit / wordBits );
+         summariseToggled( at );
       }
    }
-   [[gnu::always_inline]] void untoggle( U32 bit ) {
-      U64& word = words()[ bit / wordBits ];
-      U64 const before = word;
-      word = before & ~( U64{ 1 } << bit % wordBits );
-      if ( before == allOnes || word == 0 ) [[unlikely]] {
-         summariseUntoggled( bit / wordBits );
-      }
-   }
-
    void summariseToggled( U32 word );
    void summariseUntoggled( U32 word );
    U32 lowestToggled() const;

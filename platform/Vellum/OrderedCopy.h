@@ -390,6 +390,15 @@ template<class StoreBody>
    detail::storeFirst( to, final ); // (3)
 }
 
+/// Writes one image at `to`, where none is known to show itself: (1) alone. Nothing is read there.
+/// `final` is not zero.
+template<class StoreBody>
+[[gnu::always_inline]] inline void storeNewImageBy( U8* to, U8 final, StoreBody const& storeBody ) {
+   storeBody( to, U8{ 0 } ); // (4)
+   detail::orderStores();
+   detail::storeFirst( to, final ); // (1)
+}
+
 /// Writes one image at `to`, in the order given above. `final` is its first byte.
 /// `storeBody( to, meanwhile )` stores all bytes behind the first one, those of (4) first, and may
 /// store `meanwhile` in the first one.
@@ -403,11 +412,9 @@ template<class StoreBody>
    }
    if ( detail::loadFirst( to ) != 0 ) {
       rewriteImageBy( to, final, storeBody );
-      return;
+   } else {
+      storeNewImageBy( to, final, storeBody );
    }
-   storeBody( to, U8{ 0 } ); // (4)
-   detail::orderStores();
-   detail::storeFirst( to, final ); // (1)
 }
 
 /// Writes `length` bytes at `from` as one image at `to`.
@@ -440,6 +447,17 @@ namespace detail {
          } else {
             detail::storeZerosOfAnyLength( image, length );
          }
+      } );
+}
+
+/// The same for a length that the compiler knows.
+template<U32 length>
+[[gnu::always_inline]] inline void storeNoImage( U8* to ) {
+   storeImageBy(
+      to, 0, []( U8 * image, U8 /*meanwhile*/ ) __attribute__( ( always_inline ) ) {
+         detail::withReadingFor( length, [ & ]<class R>( std::type_identity<R> ) {
+            R::zeros().store( image, length );
+         } );
       } );
 }
 

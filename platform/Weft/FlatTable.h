@@ -117,6 +117,25 @@ class FlatTable {
       return unsure();
    }
 
+   /// As find(), for a hash of which glance() is unsure.
+   template<class Matches>
+   [[gnu::always_inline]] Found findUnsure( U64 hash, Matches const& matches ) const {
+      U32 const tag = fourTagsOf( hash );
+      U64 group = homeOf( hash );
+      for ( U64 passed = 0; passed < groups_; ++passed, group = after( group ) ) {
+         for ( U32 lanes = lanesWith( group, tag ); lanes != 0; lanes &= lanes - 1 ) {
+            Found const found = at( group, lanes );
+            if ( matches( *found.element ) ) {
+               return found;
+            }
+         }
+         if ( overflow( group ) == 0 ) {
+            return none();
+         }
+      }
+      return none();
+   }
+
    /// Makes sure that one more element can be inserted. std::bad_alloc leaves the table as it was.
    /// One allocation at most; positions taken before are void when the capacity changes.
    [[gnu::always_inline]] void makeRoom() {
@@ -149,20 +168,39 @@ class FlatTable {
       return position;
    }
 
-   /// The same for an element that the table may hold and for which there may be no room, if the first
-   /// look decides both. False, and nothing added, otherwise.
-   [[gnu::always_inline]] bool insertAtFirstLook( U64 hash, Element const& element ) noexcept {
+   /// Calls `onPlace( place )` with the place of a new element with this hash in its home group, or
+   /// `otherwise()` when there is none, or no room; and answers what that does.
+   template<class OnPlace, class Otherwise>
+   [[gnu::always_inline]] auto
+   placeAtHome( U64 hash, OnPlace const& onPlace, Otherwise const& otherwise ) const {
       U64 const group = homeOf( hash );
       U32 const empty = emptyLanes( group );
-      bool const decides = empty != 0 && size_ < capacity_ && overflow( group ) == 0 &&
-                           lanesWith( group, fourTagsOf( hash ) ) == 0;
-      if ( decides ) [[likely]] {
-         Found const place = at( group, empty );
-         tagAt( place.position ) = static_cast<U8>( fourTagsOf( hash ) );
-         std::construct_at( place.element, element );
-         ++size_;
+      if ( empty == 0 || size_ >= capacity_ ) [[unlikely]] {
+         return otherwise();
       }
-      return decides;
+      return onPlace( at( group, empty ) );
+   }
+   /// Adds an element that the table does not hold in its place at home.
+   [[gnu::always_inline]] void
+   insertAtHome( Found const& place, U64 hash, Element const& element ) noexcept {
+      tagAt( place.position ) = static_cast<U8>( fourTagsOf( hash ) );
+      std::construct_at( place.element, element );
+      ++size_;
+   }
+   /// Adds an element that the table may hold and for which there may be no room, if the first look
+   /// decides both. False, and nothing added, otherwise.
+   [[gnu::always_inline]] bool insertAtFirstLook( U64 hash, Element const& element ) noexcept {
+      U64 const group = homeOf( hash );
+      if ( overflow( group ) != 0 || lanesWith( group, fourTagsOf( hash ) ) != 0 ) [[unlikely]] {
+         return false;
+      }
+      return placeAtHome(
+         hash,
+         [ & ]( Found const& place ) __attribute__( ( always_inline ) ) {
+            insertAtHome( place, hash, element );
+            return true;
+         },
+         [] { return false; } );
    }
 
    /// Removes the element at `position`, which has this hash, and returns it.
@@ -280,22 +318,10 @@ class FlatTable {
       __builtin_prefetch( element + sizeof( Element ) - 1 );
    }
 
+   // Out of the way of the first look. The test is copied, so that its owner may keep it in registers.
    template<class Matches>
    [[gnu::noinline]] Found findFurther( U64 hash, Matches matches ) const {
-      U32 const tag = fourTagsOf( hash );
-      U64 group = homeOf( hash );
-      for ( U64 passed = 0; passed < groups_; ++passed, group = after( group ) ) {
-         for ( U32 lanes = lanesWith( group, tag ); lanes != 0; lanes &= lanes - 1 ) {
-            Found const found = at( group, lanes );
-            if ( matches( *found.element ) ) {
-               return found;
-            }
-         }
-         if ( overflow( group ) == 0 ) {
-            return none();
-         }
-      }
-      return none();
+      return findUnsure( hash, matches );
    }
 
    static Position positionOf( U64 group, U32 lanes ) {
