@@ -73,16 +73,19 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
       } );
    }
 
-   /// reconcile() where the images can be looked at in place: counted first, so that the map grows
-   /// once, then taken over in blocks.
+   /// reconcile() where the images can be looked at in place: counted first where the map would grow more
+   /// than once otherwise, then taken over, in blocks where that pays.
    void reconcileRange() const {
-      U64 images = 0;
-      U64 end = 0;
-      forEachImage( table_.numEntries_, [ & ]( U32 slot ) {
-         ++images;
-         end = slot + 1;
-      } );
-      keys().makeRoomFor( images - std::min( images, keys().size() ) );
+      U64 images = table_.numEntries_;
+      U64 end = table_.numEntries_;
+      if ( !keys().growsAtOnce() ) {
+         images = end = 0;
+         forEachImage( table_.numEntries_, [ & ]( U32 slot ) {
+            ++images;
+            end = slot + 1;
+         } );
+         keys().makeRoomFor( images - std::min( images, keys().size() ) );
+      }
       if ( images * sizeof( KeyElement<wordCount> ) <= cachedBytes ) {
          forEachImage( end, [ & ]( U32 slot ) { takeOverInPlace( EmTableIndex( slot ) ); } );
          return;
@@ -150,13 +153,14 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
          Vellum::loadImageBy( ImageFields<wordCount, NoResult>( this->template shape<NoResult>() ),
                               table_.readableRange() + table_.offsetOf( index ),
                               table_.entryLengthBytes_ );
-      bool const isTaken = image.firstByte() != 0 && table_.freeIndexBmp_->bit( index.value() ) &&
+      Brine::HBitmap& free = *table_.freeIndexBmp_;
+      bool const isTaken = image.firstByte() != 0 && free.bit( index.value() ) &&
                            keys().addAtFirstLook( Pair( image.chip(), image.key() ), index );
       if ( !isTaken ) [[unlikely]] {
          takeOver( index );
          return;
       }
-      this->markSlotUsed( index );
+      free.clearBit( index.value() );
       this->countOneMore( image.chip() );
    }
 

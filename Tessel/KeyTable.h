@@ -337,6 +337,8 @@ class KeyTable {
    }
    /// The same for that many pairs of keys that have no object.
    void makeRoomFor( U64 pairs ) { elements_.makeRoomFor( pairs ); }
+   /// Whether the first pair makes room for all.
+   bool growsAtOnce() const { return elements_.growsAtOnce(); }
 
    /// Sets the pair's slot; for a pair that find() did not find, after makeRoom().
    [[gnu::always_inline]] void set( KeyPlace const& place, Pair const& pair, EmTableIndex slot ) {

@@ -150,6 +150,8 @@ class FlatTable {
          growTo( groupsFor( size_ + elements ) );
       }
    }
+   /// Whether all expected elements get their room with the first one.
+   bool growsAtOnce() const { return takesAllAtOnce( 1 ); }
    /// Bytes that the table holds beside itself.
    U64 bytes() const { return memory_.size(); }
 
