@@ -92,9 +92,16 @@ inline std::string stateOf( Tessel::EmShadowTable const& table ) {
       state << "chip " << chip << ": "
             << table.numUsedEntriesByChipId( Brine::ChipId( static_cast<U8>( chip ) ) ) << '\n';
    }
+   // By a walk: a table that has handed out its bitmap works in other ways from then on.
+   std::set<U32> used;
+   for ( Tessel::EmShadowTableIteratorConst at{
+            Corvo::Ptr<Tessel::ManagedTableBase const>( &table ) };
+         at;
+         at.doInc() ) {
+      used.insert( at.currentIndex() - 1 );
+   }
    for ( U32 slot = 0; slot < table.tableHelper()->numEntries(); ++slot ) {
-      state << ( table.freeIndexBmp()->bit( slot ) ? "free " : "used " ) << imageAt( table, slot )
-            << '\n';
+      state << ( used.contains( slot ) ? "used " : "free " ) << imageAt( table, slot ) << '\n';
    }
    std::set<std::string> keys; // the order of the map means nothing
    for ( auto at = table.keyToIndexListCursor(); at.onMember(); at.advance() ) {
