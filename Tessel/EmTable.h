@@ -345,7 +345,8 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
 
    /// The key's object; null when the key is absent. The same object every time while the key is
    /// present. Made when it is asked for first, which may throw std::bad_alloc and then has changed
-   /// nothing; from then on look-ups of the key go through it and take longer.
+   /// nothing; from then on look-ups of the key go through it and take longer, and the table works
+   /// as one that has handed out its bitmap.
    Corvo::Ptr<EmTableFapIndices> keyToIndexList( EntryKey const& key ) const;
    /// Sets the key's object; null removes the key.
    void keyToIndexListIs( EntryKey const& key, Corvo::Ptr<EmTableFapIndices> const& indices );
@@ -390,7 +391,9 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    // ---- slots
 
    /// One bit per slot, set while the slot is free; null before handleInitialized and after
-   /// freeIndexBmpDel.
+   /// freeIndexBmpDel. Whoever has it may change it at any time, so from then on the table checks what
+   /// it would else know of its slots, and its operations take longer. (isFull, numUsedEntries and a
+   /// walk tell much of the same and cost nothing.)
    Corvo::Ptr<Brine::HBitmap> freeIndexBmp() const {
       trustIsLost(); // a caller may change it at any time
       return freeIndexBmp_;

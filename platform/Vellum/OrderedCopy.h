@@ -390,7 +390,8 @@ template<class StoreBody>
    detail::storeFirst( to, final ); // (3)
 }
 
-/// Writes one image at `to`, where none is known to show itself: (1) alone. Nothing is read there.
+/// Writes one image at `to`, where it is known that none shows itself: (1) alone. Nothing is read
+/// there; over a visible image, readers and kills would meet a mixture of the two.
 /// `final` is not zero.
 template<class StoreBody>
 [[gnu::always_inline]] inline void storeNewImageBy( U8* to, U8 final, StoreBody const& storeBody ) {
