@@ -175,7 +175,7 @@ template<std::size_t wordCount>
    Vellum::storeImage( to, bytesOf( raw ), shape.length );
 }
 
-/// Whether what lies where an image is about to be written is known to show itself.
+/// What is known to show itself where an image is about to be written.
 enum class Before { maybeNothing, nothing, anImage };
 
 /// Writes the image of an entry at `to`, in the order of Vellum/OrderedCopy.h.

@@ -83,8 +83,8 @@ class EmShadowTable::SlotWork {
       return image;
    }
 
-   /// Removes an entry that the table owns, but for its key: nothing can fail. `knownLength` is that of the
-   /// image, or 0.
+   /// Removes an entry that the table owns, but for its key: nothing can fail. `knownLength` is that
+   /// of the image, or 0.
    template<U32 knownLength = 0>
    [[gnu::always_inline]] void
    removeOwned( EmTableIndex slot, U64 offset, Brine::ChipId chip ) const {

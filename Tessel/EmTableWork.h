@@ -55,9 +55,9 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       return { *this, chip, key };
    }
 
-   // ---- single entries. Each first tries what nearly always does, in a few instructions and without
-   // a stack frame, and starts again with the whole of it where that does not answer: by a tail call, to which
-   // GCC 12 objects when a copy of `chip` is around.
+   // ---- single entries. Each first tries what nearly always does, in a few instructions, and starts
+   // again with the whole of it where that does not answer: by a tail call, which keeps the usual way
+   // free of a stack frame, and to which GCC 12 objects when a copy of `chip` is around.
 
    template<class Result>
    [[gnu::always_inline]] bool set( Brine::ChipId const& chip,
@@ -118,7 +118,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       } else {
          return keys().glance(
             hash,
-            // What the map says of a slot that the table owns, the image says: the key is compared with that.
+            // What the map says of a slot that the table owns, the image says: the key is compared
+            // with that.
             [chip]( KeyElement<wordCount> const& element )
                __attribute__( ( always_inline ) ) { return element.where().isOn( chip ); },
             [ & ]( EmTableIndex slot, U64 position ) __attribute__( ( always_inline ) ) {
