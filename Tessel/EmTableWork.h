@@ -384,9 +384,13 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       if ( !slot.valid() ) [[unlikely]] {
          return false;
       }
-      storeEntryImage<wordCount, Result, Before::nothing>(
-         table_.writableRange() + offsetOf<Result>( slot ), shape<Result>(), chip, key, result );
-      keys().addAtHome( home, Pair( chip, wordsAt( readAgain( key ) ), hash ), slot );
+      keys().addAtHome( home, Pair( chip, wordsAt( key ), hash ), slot );
+      storeEntryImage<wordCount, Result, Before::nothing>( table_.writableRange() +
+                                                              offsetOf<Result>( slot ),
+                                                           shape<Result>(),
+                                                           chip,
+                                                           readAgain( key ),
+                                                           result );
       this->countOneMore( chip );
       table_.freeIndexBmp_->toggleLowestUntoggled();
       return true;
