@@ -64,14 +64,54 @@ struct PairHash {
    }
 };
 
+/// Images in slots, written and read with memcpy.
+template<class E>
+class Images {
+ public:
+   static constexpr U32 slotLength = ( 2 + E::keyLength + E::resultLength + 3 ) / 4 * 4;
+
+   Images( U32 slots, PlainMemory& memory ) : bytes_( memory.bytes() ), slots_( slots ) {}
+
+   U32 slots() const { return slots_; }
+   bool used( U32 index ) const { return *slot( index ) != 0; }
+   Pair<E::keyLength> const& pair( U32 index ) const {
+      return *reinterpret_cast<Pair<E::keyLength> const*>( slot( index ) + 1 );
+   }
+   void write( U32 index, E const& entry ) {
+      char* const image = slot( index );
+      image[ 0 ] = 1;
+      std::memcpy( image + 1, &entry.pair, 1 + E::keyLength );
+      std::memcpy( image + 2 + E::keyLength, entry.result.data(), E::resultLength );
+   }
+   void read( U32 index, char* result ) const {
+      std::memcpy( result, slot( index ) + 2 + E::keyLength, E::resultLength );
+   }
+   void release( U32 index ) { std::memset( slot( index ), 0, slotLength ); }
+
+   template<class Visit>
+   void walk( Visit const& visit ) const {
+      for ( U32 i = 0; i < slots_; ++i ) {
+         if ( used( i ) ) {
+            visit( slot( i ) + 2 + E::keyLength );
+         }
+      }
+   }
+
+ private:
+   char* slot( U32 index ) const { return bytes_ + std::size_t{ index } * slotLength; }
+
+   char* bytes_;
+   U32 slots_;
+};
+
 /// `Map` is a hash map from Pair to slot.
 template<class E, class Map>
 class ByHand {
  public:
    using Memory = PlainMemory;
-   static constexpr U32 slotLength = ( 2 + E::keyLength + E::resultLength + 3 ) / 4 * 4;
+   static constexpr U32 slotLength = Images<E>::slotLength;
 
-   ByHand( U32 slots, Memory& memory ) : bytes_( memory.bytes() ), slots_( slots ) {
+   ByHand( U32 slots, Memory& memory ) : images_( slots, memory ) {
       slotOf_.reserve( slots );
       free_.reserve( slots );
       for ( U32 i = slots; i-- > 0; ) {
@@ -89,10 +129,7 @@ class ByHand {
          at->second = free_.back();
          free_.pop_back();
       }
-      char* const image = slot( at->second );
-      image[ 0 ] = 1;
-      std::memcpy( image + 1, &entry.pair, 1 + E::keyLength );
-      std::memcpy( image + 2 + E::keyLength, entry.result.data(), E::resultLength );
+      images_.write( at->second, entry );
       return true;
    }
    bool get( E const& entry, typename E::Result& result ) const {
@@ -100,7 +137,7 @@ class ByHand {
       if ( at == slotOf_.end() ) {
          return false;
       }
-      std::memcpy( result.data(), slot( at->second ) + 2 + E::keyLength, E::resultLength );
+      images_.read( at->second, result.data() );
       return true;
    }
    bool has( E const& entry ) const { return slotOf_.find( entry.pair ) != slotOf_.end(); }
@@ -130,30 +167,23 @@ class ByHand {
 
    template<class Visit>
    void walk( Visit const& visit ) const {
-      for ( U32 i = 0; i < slots_; ++i ) {
-         if ( *slot( i ) != 0 ) {
-            visit( slot( i ) + 2 + E::keyLength );
-         }
-      }
+      images_.walk( visit );
    }
 
  private:
-   char* slot( U32 index ) const { return bytes_ + std::size_t{ index } * slotLength; }
    void release( U32 index ) {
-      std::memset( slot( index ), 0, slotLength );
+      images_.release( index );
       free_.push_back( index );
    }
    void recover( U32 index ) {
-      char const* const image = slot( index );
-      if ( *image == 0 ) {
+      if ( images_.used( index ) ) {
+         slotOf_.emplace( images_.pair( index ), index );
+      } else {
          free_.push_back( index );
-         return;
       }
-      slotOf_.emplace( *reinterpret_cast<Pair<E::keyLength> const*>( image + 1 ), index );
    }
 
-   char* bytes_;
-   U32 slots_;
+   Images<E> images_;
    std::vector<U32> free_;
    Map slotOf_;
 };

@@ -13,6 +13,9 @@
 #include "bench/Lmdb.h"
 #include "bench/Runs.h"
 #include "bench/Shadow.h"
+#ifdef BENCH_RTE_HASH
+#include "bench/RteHash.h"
+#endif
 
 #include <benchmark/benchmark.h>
 
@@ -86,7 +89,10 @@ struct Config {
 };
 
 template<class Seconds>
-void enter( Config const& config, char const* operation, char const* who, Seconds const& seconds ) {
+void enter( Config const& config,
+            char const* operation,
+            std::string const& who,
+            Seconds const& seconds ) {
    std::string const name = std::string( operation ) + '/' + who + '/' + config.geometry +
                             "/chips:" + std::to_string( config.chips ) +
                             "/slots:" + std::to_string( config.slots );
@@ -99,18 +105,22 @@ void enter( Config const& config, char const* operation, char const* who, Second
 template<class C, class E>
 class Entered {
  public:
-   explicit Entered( Config const& config ) : config_( config ) {}
+   explicit Entered( Config const& config, char const* manner = "" )
+         : config_( config ), who_( std::string( C::name ) + manner ) {}
 
    template<class Run>
    void operator()( char const* operation, Run const& run ) const {
-      enter( config_, operation, C::name, [ config = config_, run ] {
+      enter( config_, operation, who_, [ config = config_, run ] {
          return run( stage().template fixture<C, E>( config.slots, config.chips ) );
       } );
    }
 
  private:
    Config config_;
+   std::string who_;
 };
+
+constexpr char const* inBulk = " in bulk";
 
 /// What every competitor can do.
 template<class C, class E>
@@ -144,19 +154,21 @@ void enterSlots( Config const& config ) {
    } );
 }
 
-/// What the library alone can do; under a name of its own, beside the single calls of the others.
-template<class E>
-void enterBulk( Config const& config ) {
-   auto const add = [ & ]( char const* operation, auto const& run ) {
-      enter( config, operation, "tessel in bulk", [ config, run ] {
-         return run( stage().template fixture<Shadow<E>, E>( config.slots, config.chips ) );
-      } );
-   };
-   add( "entryIs new", []( auto& fixture ) { return runNewInBulk( fixture ); } );
-   add( "entryIs rewrite", []( auto& fixture ) { return runRewriteInBulk( fixture ); } );
+/// Under a name of their own, beside the single calls of all.
+template<class C, class E>
+void enterBulkLookUps( Config const& config ) {
+   Entered<C, E> const add( config, inBulk );
    add( "entry", []( auto& fixture ) { return runEntryInBulk( fixture ); } );
    add( "entryHas hit", []( auto& fixture ) { return runHasInBulk( fixture, true ); } );
    add( "entryHas miss", []( auto& fixture ) { return runHasInBulk( fixture, false ); } );
+}
+
+/// What the library alone can do.
+template<class C, class E>
+void enterBulkChanges( Config const& config ) {
+   Entered<C, E> const add( config, inBulk );
+   add( "entryIs new", []( auto& fixture ) { return runNewInBulk( fixture ); } );
+   add( "entryIs rewrite", []( auto& fixture ) { return runRewriteInBulk( fixture ); } );
    add( "entryDel", []( auto& fixture ) { return runDelInBulk( fixture ); } );
 }
 
@@ -167,10 +179,15 @@ void enterAll( U32 chips, U32 slots ) {
                         .chips = chips,
                         .slots = slots };
    enterSlots<Shadow<E>, E>( config );
-   enterBulk<E>( config );
+   enterBulkLookUps<Shadow<E>, E>( config );
+   enterBulkChanges<Shadow<E>, E>( config );
    enterSlots<OnBoost<E>, E>( config );
    enterSlots<OnAbsl<E>, E>( config );
    enterSlots<OnStd<E>, E>( config );
+#ifdef BENCH_RTE_HASH
+   enterSlots<RteHash<E>, E>( config );
+   enterBulkLookUps<RteHash<E>, E>( config );
+#endif
    if ( slots <= 1'000'000 ) { // some microseconds each
       enterCommon<Lmdb<E>, E>( config );
    }

@@ -209,7 +209,7 @@ double runDel( F& fixture ) {
 /// it did with `restore( table, pairs )`.
 template<class F, class Call, class Restore>
 double timeBulk( F& fixture,
-                 std::vector<typename F::Step> steps,
+                 std::vector<typename F::Step>& steps,
                  U64 expected,
                  Call const& call,
                  Restore const& restore ) {
@@ -242,7 +242,7 @@ double runNewInBulk( F& fixture ) {
 
 template<class F>
 double runRewriteInBulk( F& fixture ) {
-   auto const& steps = fixture.work().steps;
+   auto steps = fixture.work().steps;
    return timeBulk(
       fixture,
       steps,
@@ -253,29 +253,37 @@ double runRewriteInBulk( F& fixture ) {
 
 template<class F>
 double runEntryInBulk( F& fixture ) {
-   auto const& steps = fixture.work().steps;
-   return timeBulk(
+   auto const& stored = fixture.work().steps;
+   auto steps = stored;
+   for ( auto& step : steps ) {
+      step.result.fill( 0 );
+   }
+   double const each = timeBulk(
       fixture,
       steps,
       steps.size(),
       []( auto& table, auto const& pairs ) { return table.getAll( pairs ); },
       []( auto&, auto const& ) {} );
+   using Step = typename F::Step;
+   expect( std::ranges::equal( steps, stored, {}, &Step::result, &Step::result ),
+           "the results that were stored" );
+   return each;
 }
 
 template<class F>
 double runHasInBulk( F& fixture, bool present ) {
-   auto const& work = fixture.work();
+   auto steps = present ? fixture.work().steps : fixture.work().absent;
    return timeBulk(
       fixture,
-      present ? work.steps : work.absent,
-      present ? work.steps.size() : 0,
+      steps,
+      present ? steps.size() : 0,
       []( auto& table, auto const& pairs ) { return table.hasAll( pairs ); },
       []( auto&, auto const& ) {} );
 }
 
 template<class F>
 double runDelInBulk( F& fixture ) {
-   auto const& steps = fixture.work().steps;
+   auto steps = fixture.work().steps;
    return timeBulk(
       fixture,
       steps,
@@ -397,6 +405,19 @@ double runMemory( Workload<E> const& work ) {
    double const bytes = static_cast<double>( residentBytes() - before ) / work.entries;
    bool const told = ::write( ends[ 1 ], &bytes, sizeof bytes ) == sizeof bytes;
    ::_exit( told ? 0 : 1 );
+}
+
+/// The same of a competitor that keeps its memory itself, and shares it with children.
+template<class C, class E>
+   requires requires { C::ownBytes(); }
+double runMemory( Workload<E> const& work ) {
+   typename C::Memory memory( work.slots * C::slotLength, true );
+   U64 const before = C::ownBytes();
+   C table( work.slots, memory );
+   for ( U32 number = 0; number < work.entries; ++number ) {
+      table.set( work.at( number ) );
+   }
+   return static_cast<double>( C::ownBytes() - before ) / work.entries;
 }
 
 } // namespace Bench
