@@ -47,8 +47,8 @@ inline void startRte() {
    ::sched_setaffinity( 0, sizeof processors, &processors );
 }
 
-/// The socket of a heap with room for the largest tables; the first call makes it, for as long as
-/// the process lives.
+/// The socket of a heap with room for two of the largest tables; the first call makes it, for as long
+/// as the process lives, and DPDK clears all of its 2 GB.
 inline int rteSocket() {
    static int const socket = [] {
       constexpr std::size_t page = std::size_t{ 2 } << 20;
