@@ -148,6 +148,7 @@ class [[gnu::visibility( "default" )]] HBitmap : public Corvo::Node {
          summariseToggled( at );
       }
    }
+
    void summariseToggled( U32 word );
    void summariseUntoggled( U32 word );
    U32 lowestToggled() const;
