@@ -7,6 +7,7 @@ and the tests run until one fails. A bug that every test lets through is built o
 tests, which hold inlined code of the library too, and if they stay green it is a survivor.
 
 usage: plant_bugs.py [WORD...]     the bugs whose description holds one of the words; default: all
+       plant_bugs.py --check       only whether each still fits the code
 
 Exit status: 0 every bug was seen; 1 some survived; 2 one does not fit the code any more.
 """
@@ -188,6 +189,8 @@ def main(words: list[str]) -> int:
     bugs = bugs_in((ROOT / "tests" / "bugs.txt").read_text())
     for bug in bugs:
         bug.planted((ROOT / bug.file).read_text())
+    if words == ["--check"]:
+        return 0
     chosen = [bug for bug in bugs if not words or any(word in bug.text for word in words)]
     copy_tree()
     configure()
