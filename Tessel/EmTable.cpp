@@ -139,7 +139,7 @@ bool EmShadowTable::entryIs( Brine::ChipId chipId,
 }
 
 void EmShadowTable::entryDel( Brine::ChipId chipId, Weft::CharPtrConst key ) {
-   return code().entryDel( *this, chipId, key );
+   code().entryDel( *this, chipId, key );
 }
 
 bool EmShadowTable::entryHas( Brine::ChipId chipId, Weft::CharPtrConst key ) const {

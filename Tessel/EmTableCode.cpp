@@ -1,105 +1,35 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Tessel/EmTableCode.h"
 
+#include "Tessel/EmTableBulkWork.h"
 #include "Tessel/EmTableWholeWork.h"
 
 namespace Tessel {
 
-/// The functions of EntryWork, for calls through a pointer.
 struct EmShadowTable::CodeChoice {
    template<bool traced, class Keys, class Result>
-   struct Functions {
-      using Work = EntryWork<traced, Keys, EmShadowTable>;
-      using Look = EntryWork<traced, Keys, EmShadowTable const>;
-      using Whole = WholeWork<traced, Keys>;
-
-      static bool entryIs( EmShadowTable& table,
-                           Brine::ChipId chipId,
-                           Weft::CharPtrConst key,
-                           Weft::CharPtrConst result ) {
-         Work const work( table );
-         return work.template set<Result>( chipId, key, work.hashOf( chipId, key ), result );
-      }
-      static void entryDel( EmShadowTable& table, Brine::ChipId chipId, Weft::CharPtrConst key ) {
-         Work const work( table );
-         work.template del<Result>( chipId, key, work.hashOf( chipId, key ) );
-      }
-      static bool
-      entryHas( EmShadowTable const& table, Brine::ChipId chipId, Weft::CharPtrConst key ) {
-         Look const look( table );
-         return look.has( chipId, key, look.hashOf( chipId, key ) );
-      }
-      static bool entry( EmShadowTable const& table,
-                         Brine::ChipId chipId,
-                         Weft::CharPtrConst key,
-                         Weft::CharPtr result ) {
-         Look const look( table );
-         return look.template get<Result>( chipId, key, look.hashOf( chipId, key ), result );
-      }
-      static U64
-      entryIsBulk( EmShadowTable& table, std::span<EmPairAndResult const> pairs, bool* answers ) {
-         Work const work( table );
-         auto const one = [ & ]( EmPairAndResult const& pair, U64 hash )
-            __attribute__( ( always_inline ) ) {
-            return work.template set<Result>( pair.chipId, pair.key, hash, pair.result );
-         };
-         return work.template inBulk<true>( pairs, answers, one );
-      }
-      static U64
-      entryDelBulk( EmShadowTable& table, std::span<EmPair const> pairs, bool* answers ) {
-         Work const work( table );
-         auto const one = [ & ]( EmPair const& pair, U64 hash ) __attribute__( ( always_inline ) ) {
-            return work.template del<Result>( pair.chipId, pair.key, hash );
-         };
-         return work.template inBulk<true>( pairs, answers, one );
-      }
-      static U64
-      entryHasBulk( EmShadowTable const& table, std::span<EmPair const> pairs, bool* answers ) {
-         Look const look( table );
-         auto const one = [ & ]( EmPair const& pair, U64 hash ) __attribute__( ( always_inline ) ) {
-            return look.has( pair.chipId, pair.key, hash );
-         };
-         return look.template inBulk<false>( pairs, answers, one );
-      }
-      static U64 entryBulk( EmShadowTable const& table,
-                            std::span<EmPairAndBuffer const> pairs,
-                            bool* answers ) {
-         Look const look( table );
-         auto const one = [ & ]( EmPairAndBuffer const& pair, U64 hash )
-            __attribute__( ( always_inline ) ) {
-            return look.template get<Result>( pair.chipId, pair.key, hash, pair.result );
-         };
-         return look.template inBulk<true>( pairs, answers, one );
-      }
-      static EmTableEntry readFromVellumMemory( EmShadowTable const& table, EmTableIndex index ) {
-         return Look( table ).template entryAt<Result>( index );
-      }
-      static void reconcile( EmShadowTable& table ) { Whole( table ).reconcile(); }
-      static void deleteAll( EmShadowTable& table, Brine::ChipId chipId ) {
-         Whole( table ).deleteAll( chipId );
-      }
-      static void clearTable( EmShadowTable& table ) { Whole( table ).clear(); }
-   };
-
-   template<bool traced, class Keys, class Result>
    static Code const* code() {
-      using F = Functions<traced, Keys, Result>;
+      using Single = EntryWork<traced, Keys, EmShadowTable>;
+      using SingleLook = EntryWork<traced, Keys, EmShadowTable const>;
+      using Bulk = BulkWork<traced, Keys, EmShadowTable>;
+      using BulkLook = BulkWork<traced, Keys, EmShadowTable const>;
+      using Whole = WholeWork<traced, Keys>;
       // What does not depend on the result is compiled once for all of them, and what depends on the
       // length of an image for those that are known.
-      using Any = Functions<traced, Keys, AnyResult>;
-      using OfLength = std::conditional_t<Keys::isExact, F, Any>;
-      static constexpr Code chosen{ .entryIs = F::entryIs,
-                                    .entryDel = OfLength::entryDel,
-                                    .entryHas = Any::entryHas,
-                                    .entry = F::entry,
-                                    .entryIsBulk = F::entryIsBulk,
-                                    .entryDelBulk = OfLength::entryDelBulk,
-                                    .entryHasBulk = Any::entryHasBulk,
-                                    .entryBulk = F::entryBulk,
-                                    .readFromVellumMemory = Any::readFromVellumMemory,
-                                    .reconcile = Any::reconcile,
-                                    .deleteAll = Any::deleteAll,
-                                    .clearTable = Any::clearTable };
+      using OfLength = std::conditional_t<Keys::isExact, Result, AnyResult>;
+      static constexpr Code chosen{ .entryIs = Single::template entryIs<Result>,
+                                    .entryDel = Single::template entryDel<OfLength>,
+                                    .entryHas = SingleLook::entryHas,
+                                    .entry = SingleLook::template entry<Result>,
+                                    .entryIsBulk = Bulk::template entryIs<Result>,
+                                    .entryDelBulk = Bulk::template entryDel<OfLength>,
+                                    .entryHasBulk = BulkLook::entryHas,
+                                    .entryBulk = BulkLook::template entry<Result>,
+                                    .readFromVellumMemory =
+                                       SingleLook::template readFromVellumMemory<AnyResult>,
+                                    .reconcile = Whole::reconcile,
+                                    .deleteAll = Whole::deleteAll,
+                                    .clearTable = Whole::clearTable };
       return &chosen;
    }
 

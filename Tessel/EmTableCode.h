@@ -11,7 +11,7 @@ namespace Tessel {
 /// result lengths, and either with or without traces.
 struct EmShadowTable::Code {
    bool ( *entryIs )( EmShadowTable&, Brine::ChipId, Weft::CharPtrConst, Weft::CharPtrConst );
-   void ( *entryDel )( EmShadowTable&, Brine::ChipId, Weft::CharPtrConst );
+   bool ( *entryDel )( EmShadowTable&, Brine::ChipId, Weft::CharPtrConst );
    bool ( *entryHas )( EmShadowTable const&, Brine::ChipId, Weft::CharPtrConst );
    bool ( *entry )( EmShadowTable const&, Brine::ChipId, Weft::CharPtrConst, Weft::CharPtr );
    U64 ( *entryIsBulk )( EmShadowTable&, std::span<EmPairAndResult const>, bool* answers );

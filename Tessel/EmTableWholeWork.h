@@ -22,34 +22,37 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
    using Entries::Entries;
 
    /// Takes every valid image into the bookkeeping, slot by slot.
-   void reconcile() const {
+   static void reconcile( EmShadowTable& table ) {
+      WholeWork const work( table );
       if constexpr ( !traced ) {
-         if ( table_.readableRange() != nullptr ) {
-            reconcileRange();
+         if ( table.readableRange() != nullptr ) {
+            work.reconcileRange();
             return;
          }
       }
-      for ( U32 slot = 0; slot < table_.numEntries_; ++slot ) {
-         takeOver( EmTableIndex( slot ) );
+      for ( U32 slot = 0; slot < table.numEntries_; ++slot ) {
+         work.takeOver( EmTableIndex( slot ) );
       }
    }
 
-   void deleteAll( Brine::ChipId chip ) const {
-      if ( !traced && keys().holdsOnly( chip ) && table_.ownedSize() != 0 ) {
-         clearInPlace();
+   static void deleteAll( EmShadowTable& table, Brine::ChipId chip ) {
+      WholeWork const work( table );
+      if ( !traced && work.keys().holdsOnly( chip ) && table.ownedSize() != 0 ) {
+         work.clearInPlace();
       } else {
-         deleteOneByOne( chip );
+         work.deleteOneByOne( chip );
       }
-      table_.keyToSlot_->indexDelOfStrays( chip );
+      table.keyToSlot_->indexDelOfStrays( chip );
    }
 
-   void clear() const {
-      if ( !traced && keys().objects() == 0 && table_.ownedSize() != 0 ) [[likely]] {
-         clearInPlace();
+   static void clearTable( EmShadowTable& table ) {
+      WholeWork const work( table );
+      if ( !traced && work.keys().objects() == 0 && table.ownedSize() != 0 ) [[likely]] {
+         work.clearInPlace();
       } else {
-         clearOneByOne();
+         work.clearOneByOne();
       }
-      table_.keyToSlot_->delStrays();
+      table.keyToSlot_->delStrays();
    }
 
  private:

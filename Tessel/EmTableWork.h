@@ -54,16 +54,54 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    [[gnu::always_inline]] IsPair isPairOf( Brine::ChipId chip, Weft::CharPtrConst key ) const {
       return { *this, chip, key };
    }
+   /// Whether an element is a pair with `chip`.
+   [[gnu::always_inline]] static auto isOn( Brine::ChipId chip ) {
+      return [chip]( KeyElement<wordCount> const& element ) __attribute__( ( always_inline ) ) {
+         return element.where().isOn( chip );
+      };
+   }
 
+   // ---- single entries, as functions for calls through a pointer
+
+   template<class Result>
+   [[gnu::noinline]] static bool
+   entryIs( Table& table, Brine::ChipId chip, Weft::CharPtrConst key, Weft::CharPtrConst result ) {
+      return EntryWork( table ).template set<Result>( chip, key, result );
+   }
+   /// Whether the entry was there. `Result` matters where it tells the length of an image.
+   template<class Result>
+   [[gnu::noinline]] static bool
+   entryDel( Table& table, Brine::ChipId chip, Weft::CharPtrConst key ) {
+      return EntryWork( table ).template del<Result>( chip, key );
+   }
+   [[gnu::noinline]] static bool
+   entryHas( Table& table, Brine::ChipId chip, Weft::CharPtrConst key ) {
+      return EntryWork( table ).has( chip, key );
+   }
+   template<class Result>
+   [[gnu::noinline]] static bool
+   entry( Table& table, Brine::ChipId chip, Weft::CharPtrConst key, Weft::CharPtr result ) {
+      return EntryWork( table ).template get<Result>( chip, key, result );
+   }
+
+   template<class Result>
+   static EmTableEntry readFromVellumMemory( Table& table, EmTableIndex index ) {
+      EmTableEntry entry;
+      EntryWork( table ).template readImage<Result>( index, [ & ]( auto const& image ) {
+         entry = EmTableEntry( true, image.chip(), image.keyBytes(), image.resultBytes() );
+      } );
+      return entry;
+   }
+
+ protected:
    // ---- single entries. Each first tries what nearly always does, in a few instructions, and starts
    // again with the whole of it where that does not answer: by a tail call, which keeps the usual way
    // free of a stack frame, and to which GCC 12 objects when a copy of `chip` is around.
 
    template<class Result>
-   [[gnu::always_inline]] bool set( Brine::ChipId const& chip,
-                                    Weft::CharPtrConst key,
-                                    U64 hash,
-                                    Weft::CharPtrConst result ) const {
+   [[gnu::always_inline]] bool
+   set( Brine::ChipId const& chip, Weft::CharPtrConst key, Weft::CharPtrConst result ) const {
+      U64 const hash = hashOf( chip, key );
       auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
          return setFully<Result>( table_, chip, key, hash, result );
       };
@@ -74,14 +112,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
             hash,
             isPairOf( chip, key ),
             [ & ]( EmTableIndex slot, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
-               U64 const offset = offsetOf<Result>( slot );
-               if ( offset >= table_.ownedSize() ) [[unlikely]] {
-                  return fully();
-               }
-               // A slot that it owns and that its map names holds an image.
-               storeEntryImage<wordCount, Result, Before::anImage>(
-                  table_.writableRange() + offset, shape<Result>(), chip, key, result );
-               return true;
+               return setAt<Result>( slot, chip, key, result, fully );
             },
             [ & ]() __attribute__( ( always_inline ) ) {
                return addAbsent<Result>( table_, chip, key, hash, result );
@@ -90,8 +121,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       }
    }
 
-   [[gnu::always_inline]] bool
-   has( Brine::ChipId const& chip, Weft::CharPtrConst key, U64 hash ) const {
+   [[gnu::always_inline]] bool has( Brine::ChipId const& chip, Weft::CharPtrConst key ) const {
+      U64 const hash = hashOf( chip, key );
       auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
          return hasFully( table_, chip, key, hash );
       };
@@ -109,7 +140,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
 
    template<class Result>
    [[gnu::always_inline]] bool
-   get( Brine::ChipId const& chip, Weft::CharPtrConst key, U64 hash, Weft::CharPtr result ) const {
+   get( Brine::ChipId const& chip, Weft::CharPtrConst key, Weft::CharPtr result ) const {
+      U64 const hash = hashOf( chip, key );
       auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
          return getFully<Result>( table_, chip, key, hash, result );
       };
@@ -118,35 +150,18 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       } else {
          return keys().glance(
             hash,
-            // What the map says of a slot that the table owns, the image says: the key is compared
-            // with that.
-            [chip]( KeyElement<wordCount> const& element )
-               __attribute__( ( always_inline ) ) { return element.where().isOn( chip ); },
+            isOn( chip ),
             [ & ]( EmTableIndex slot, U64 position ) __attribute__( ( always_inline ) ) {
-               U64 const offset = offsetOf<Result>( slot );
-               if ( offset >= table_.ownedSize() ) [[unlikely]] {
-                  return getUnowned<Result>( table_, chip, key, position, result );
-               }
-               Result bytes;
-               if ( readImageOf<wordCount>( table_.readableRange() + offset,
-                                            shape<Result>(),
-                                            chip,
-                                            wordsAt( readAgain( key ) ),
-                                            bytes ) != 0 ) [[unlikely]] {
-                  return fully();
-               }
-               bytes.store( reinterpret_cast<U8*>( result ), shape<Result>().resultLength );
-               return true;
+               return getAt<Result>( slot, position, chip, key, result, fully );
             },
             []() __attribute__( ( always_inline ) ) { return false; },
             fully );
       }
    }
 
-   /// Whether the entry was there. `Result` matters where it tells the length of an image.
    template<class Result>
-   [[gnu::always_inline]] bool
-   del( Brine::ChipId const& chip, Weft::CharPtrConst key, U64 hash ) const {
+   [[gnu::always_inline]] bool del( Brine::ChipId const& chip, Weft::CharPtrConst key ) const {
+      U64 const hash = hashOf( chip, key );
       auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
          return delFully( table_, chip, key, hash );
       };
@@ -157,60 +172,71 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
             hash,
             isPairOf( chip, key ),
             [ & ]( EmTableIndex slot, U64 position ) __attribute__( ( always_inline ) ) {
-               U64 const offset = offsetOf<Result>( slot );
-               if ( offset >= table_.ownedSize() ) [[unlikely]] {
-                  return fully();
-               }
-               keys().eraseGlanced( position );
-               this->template removeOwned<knownLength<Result>>( slot, offset, chip );
-               return true;
+               return delOwned<Result>( slot, position, chip, fully );
             },
             []() __attribute__( ( always_inline ) ) { return false; },
             fully );
       }
    }
 
-   // ---- many entries
+   // What these do once an element has been found, or `otherwise()` where the table does not own its
+   // slot.
 
-   /// Calls `one( pair, hash of its key )` for each pair, in order, and counts what it answers. What the
-   /// calls will read, images among it where `readsImages`, is fetched ahead of them.
-   template<bool readsImages, class Asked, class One>
-   U64 inBulk( std::span<Asked const> pairs, bool* answers, One const& one ) const {
-      U64 count = 0;
-      auto const perform = [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-         // Hashed here and not with what is fetched: a call before may have written where the key lies.
-         bool const answer = one( pairs[ at ], hashOf( pairs[ at ].chipId, pairs[ at ].key ) );
-         count += answer ? 1 : 0;
-         if ( answers != nullptr ) {
-            answers[ at ] = answer;
-         }
-      };
-      for ( std::size_t begin = 0; begin < pairs.size(); begin += bulkRun ) {
-         auto const run = pairs.subspan( begin, std::min( bulkRun, pairs.size() - begin ) );
-         if ( !traced && keys().bytes() > cachedBytes ) { // to which it may have grown on the way
-            fetchingAhead<readsImages>(
-               run, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-                  perform( begin + at );
-               } );
-         } else {
-            for ( std::size_t at = begin; at < begin + run.size(); ++at ) {
-               perform( at );
-            }
-         }
+   template<class Result, class Otherwise>
+   [[gnu::always_inline]] bool setAt( EmTableIndex slot,
+                                      Brine::ChipId const& chip,
+                                      Weft::CharPtrConst key,
+                                      Weft::CharPtrConst result,
+                                      Otherwise const& otherwise ) const {
+      U64 const offset = offsetOf<Result>( slot );
+      if ( offset >= table_.ownedSize() ) [[unlikely]] {
+         return otherwise();
       }
-      return count;
+      // A slot that it owns and that its map names holds an image.
+      storeEntryImage<wordCount, Result, Before::anImage>(
+         table_.writableRange() + offset, shape<Result>(), chip, key, result );
+      return true;
    }
 
-   template<class Result>
-   EmTableEntry entryAt( EmTableIndex index ) const {
-      EmTableEntry entry;
-      readImage<Result>( index, [ & ]( auto const& image ) {
-         entry = EmTableEntry( true, image.chip(), image.keyBytes(), image.resultBytes() );
-      } );
-      return entry;
+   /// Of an element that isOn( chip ): what the map says of a slot that the table owns, the image says,
+   /// so the key is compared with that; `otherwise()` when it is another.
+   template<class Result, class Otherwise>
+   [[gnu::always_inline]] bool getAt( EmTableIndex slot,
+                                      U64 position,
+                                      Brine::ChipId const& chip,
+                                      Weft::CharPtrConst key,
+                                      Weft::CharPtr result,
+                                      Otherwise const& otherwise ) const {
+      U64 const offset = offsetOf<Result>( slot );
+      if ( offset >= table_.ownedSize() ) [[unlikely]] {
+         return getUnowned<Result>( table_, chip, key, position, result );
+      }
+      Result bytes;
+      if ( readImageOf<wordCount>( table_.readableRange() + offset,
+                                   shape<Result>(),
+                                   chip,
+                                   wordsAt( readAgain( key ) ),
+                                   bytes ) != 0 ) [[unlikely]] {
+         return otherwise();
+      }
+      bytes.store( reinterpret_cast<U8*>( result ), shape<Result>().resultLength );
+      return true;
    }
 
- protected:
+   template<class Result, class Otherwise>
+   [[gnu::always_inline]] bool delOwned( EmTableIndex slot,
+                                         U64 position,
+                                         Brine::ChipId const& chip,
+                                         Otherwise const& otherwise ) const {
+      U64 const offset = offsetOf<Result>( slot );
+      if ( offset >= table_.ownedSize() ) [[unlikely]] {
+         return otherwise();
+      }
+      keys().eraseGlanced( position );
+      this->template removeOwned<knownLength<Result>>( slot, offset, chip );
+      return true;
+   }
+
    [[gnu::noinline]] static bool
    delFully( Table& table, Brine::ChipId chip, Weft::CharPtrConst key, U64 hash ) {
       EntryWork const work( table );
@@ -425,60 +451,6 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       this->giveBackSlot( place.index );
       table_.numUsedEntriesDec( 1 );
       table_.numUsedEntriesByChipIdDec( pair.chip, 1 );
-   }
-
-   /// Calls `perform( number )` for each pair, in order. What the calls will read is fetched in stages
-   /// of which each needs what the one before it has fetched: the tags, then the element, then the
-   /// image.
-   template<bool readsImages, class Asked, class Perform>
-   [[gnu::always_inline]] void fetchingAhead( std::span<Asked const> pairs,
-                                              Perform const& perform ) const {
-      constexpr std::size_t stages = readsImages ? 3 : 2;
-      std::array<U64, stages * bulkStep> hashes; // of pair n at n modulo the size
-      auto const hashAt = [ & ]( std::size_t at ) -> U64& { return hashes[ at % hashes.size() ]; };
-      // Works on the pairs that are in this stage at this turn.
-      auto const inStage = [ & ]( std::size_t turn, std::size_t stage, auto const& work )
-         __attribute__( ( always_inline ) ) {
-         std::size_t const begin = ( turn - stage ) * bulkStep;
-         std::size_t const end = turn < stage ? 0 : std::min( begin + bulkStep, pairs.size() );
-         for ( std::size_t at = begin; at < end; ++at ) {
-            work( at );
-         }
-      };
-      std::size_t const turns = ( pairs.size() + bulkStep - 1 ) / bulkStep + stages;
-      for ( std::size_t turn = 0; turn < turns; ++turn ) {
-         inStage( turn, stages, perform );
-         if constexpr ( readsImages ) {
-            inStage(
-               turn, stages - 1, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-                  fetchImageOf( pairs[ at ], hashAt( at ) );
-               } );
-         }
-         inStage(
-            turn, 1, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-               if constexpr ( std::is_same_v<Asked, EmPairAndResult> ) {
-                  keys().fetchElementOrPlace( hashAt( at ) );
-               } else {
-                  keys().fetchElement( hashAt( at ) );
-               }
-            } );
-         inStage(
-            turn, 0, [ & ]( std::size_t at ) __attribute__( ( always_inline ) ) {
-               hashAt( at ) = hashOf( pairs[ at ].chipId, pairs[ at ].key );
-               keys().fetchTags( hashAt( at ) );
-            } );
-      }
-   }
-
-   template<class Asked>
-   [[gnu::always_inline]] void fetchImageOf( Asked const& pair, U64 hash ) const {
-      keys().glance(
-         hash,
-         isPairOf( pair.chipId, pair.key ),
-         [ & ]( EmTableIndex slot, U64 /*position*/ )
-            __attribute__( ( always_inline ) ) { this->fetchImage( slot ); },
-         []() __attribute__( ( always_inline ) ){},
-         []() __attribute__( ( always_inline ) ){} );
    }
 
    // ---- images

@@ -488,12 +488,32 @@ class KeyTable {
       ++objects_;
    }
 
-   // Steps on the way to a pair, each of which starts to fetch what the next one reads.
+   // Steps on the way to a pair, each of which starts to fetch what the next one reads. A position is
+   // that of the first element that may be the pair; nowhere when the pair is no element, which leaves
+   // the objects; or anywhere, when only find() can tell.
 
+   static constexpr U64 anywhere = Elements::anywhere;
    [[gnu::always_inline]] void fetchTags( U64 hash ) const { elements_.fetchTags( hash ); }
-   [[gnu::always_inline]] void fetchElement( U64 hash ) const { elements_.fetchElement( hash ); }
-   [[gnu::always_inline]] void fetchElementOrPlace( U64 hash ) const {
-      elements_.fetchElementOrPlace( hash );
+   [[gnu::always_inline]] U64 fetchElement( U64 hash ) const {
+      return elements_.fetchElement( hash );
+   }
+   /// Never nowhere: a pair that is absent now may be there when it is looked for.
+   [[gnu::always_inline]] U64 fetchElementOrPlace( U64 hash ) const {
+      return elements_.fetchElementOrPlace( hash );
+   }
+   /// Whether there is an element at such a position, whatever has changed since it was given.
+   [[gnu::always_inline]] bool holds( U64 position ) const { return elements_.holds( position ); }
+   /// As glance(), but for that position; it may be void by now. A pair is one element at most, so what
+   /// is the pair there is all that there is of it.
+   template<class IsThePair, class OnSlot, class Otherwise>
+   [[gnu::always_inline]] auto glanceAt( U64 position,
+                                         IsThePair const& isPair,
+                                         OnSlot const& onSlot,
+                                         Otherwise const& otherwise ) const {
+      if ( !holds( position ) || !isPair( elements_[ position ] ) ) [[unlikely]] {
+         return otherwise();
+      }
+      return onSlot( whereOf( position ).slot(), position );
    }
    /// Bytes that a look-up may touch.
    U64 bytes() const { return elements_.bytes(); }

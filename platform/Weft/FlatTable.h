@@ -52,6 +52,7 @@ class FlatTable {
  public:
    using Position = U64;
    static constexpr Position nowhere = ~Position{ 0 };
+   static constexpr Position anywhere = nowhere - 1; ///< only a search can tell
 
    /// `expectedMost` elements are expected at most; growth stops at the memory that these need as
    /// long as they are not exceeded. 0: no expectation.
@@ -242,20 +243,30 @@ class FlatTable {
    [[gnu::always_inline]] void fetchTags( U64 hash ) const {
       __builtin_prefetch( tags_ + homeOf( hash ) * lanesPerGroup );
    }
-   [[gnu::always_inline]] void fetchElement( U64 hash ) const {
+   /// The position of that first element, nowhere when none can have the hash, or anywhere.
+   [[gnu::always_inline]] Position fetchElement( U64 hash ) const {
+      U64 const group = homeOf( hash );
+      U32 const lanes = lanesWith( group, fourTagsOf( hash ) );
+      if ( lanes == 0 ) {
+         return overflow( group ) == 0 ? nowhere : anywhere;
+      }
+      return fetchAt( group, lanes );
+   }
+   /// The same, but anywhere also when none can have the hash: whoever adds elements looks again.
+   [[gnu::always_inline]] Position fetchElementOrPlace( U64 hash ) const {
       U64 const group = homeOf( hash );
       U32 const lanes = lanesWith( group, fourTagsOf( hash ) );
       if ( lanes != 0 ) {
-         fetchAt( group, lanes );
+         return fetchAt( group, lanes );
       }
+      if ( U32 const empty = emptyLanes( group ); empty != 0 ) {
+         fetchAt( group, empty );
+      }
+      return anywhere;
    }
-   [[gnu::always_inline]] void fetchElementOrPlace( U64 hash ) const {
-      U64 const group = homeOf( hash );
-      U32 const lanes = lanesWith( group, fourTagsOf( hash ) );
-      U32 const wanted = lanes != 0 ? lanes : emptyLanes( group );
-      if ( wanted != 0 ) {
-         fetchAt( group, wanted );
-      }
+   /// Whether there is an element at a position that was given at any time, or at nowhere or anywhere.
+   [[gnu::always_inline]] bool holds( Position position ) const {
+      return position < groups_ * lanesPerGroup && tags_[ position ] != 0;
    }
 
    /// The first occupied position at or after `position`, or nowhere: a walk is
@@ -314,10 +325,12 @@ class FlatTable {
                .position = group * lanesPerGroup + lane };
    }
 
-   [[gnu::always_inline]] void fetchAt( U64 group, U32 lanes ) const {
-      auto const* const element = reinterpret_cast<char const*>( at( group, lanes ).element );
+   [[gnu::always_inline]] Position fetchAt( U64 group, U32 lanes ) const {
+      Found const wanted = at( group, lanes );
+      auto const* const element = reinterpret_cast<char const*>( wanted.element );
       __builtin_prefetch( element );
       __builtin_prefetch( element + sizeof( Element ) - 1 );
+      return wanted.position;
    }
 
    // Out of the way of the first look. The test is copied, so that its owner may keep it in registers.
