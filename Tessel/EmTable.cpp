@@ -348,7 +348,13 @@ void EmShadowTable::invalidateVellumMemory( EmTableIndex index ) {
 }
 
 EmTableEntry EmShadowTable::readFromVellumMemory( EmTableIndex index ) const {
-   return code().readFromVellumMemory( *this, index );
+   EmTableEntry entry;
+   readEntry( index, entry );
+   return entry;
+}
+
+void EmShadowTable::readEntry( EmTableIndex index, EmTableEntry& entry ) const {
+   code().readEntry( *this, index, entry );
 }
 
 void EmShadowTable::cleanupIndex( EmTableIndex index ) {

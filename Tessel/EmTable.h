@@ -123,6 +123,16 @@ class [[gnu::visibility( "default" )]] EmTableEntry {
    /// makeEmTableKey and makeEmTableResult.
    void copyFromBuf( EmTableEntryRaw const* raw, U32 keyLength, U32 resultLength );
 
+   /// Becomes a valid entry of `chipId` in place: `fill( key, result )` writes the bytes of both, as
+   /// Corvo::Bytes::resized has it.
+   template<class Fill>
+   void filledBy( Brine::ChipId chipId, U32 keyLength, U32 resultLength, Fill const& fill ) {
+      char* const key = key_.resized( keyLength );
+      fill( key, result_.resized( resultLength ) );
+      chipId_ = chipId;
+      valid_ = true;
+   }
+
    /// Whether the entry differs from a default one.
    explicit operator bool() const { return *this != EmTableEntry(); }
 
@@ -500,6 +510,8 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    U32 offsetOf( EmTableIndex index ) const { return index.value() * entryLengthBytes_; }
    bool hasBitmap( U64 id, U32 size, Brine::HBitmap::BitState initialBitState ) const;
    void writeEntry( EmTableIndex index, EmTableEntry const& entry, char const* operation );
+   /// What readFromVellumMemory returns, into an entry that is there.
+   [[gnu::visibility( "hidden" )]] void readEntry( EmTableIndex index, EmTableEntry& entry ) const;
    Code const* code_ = nullptr;
    Code const* tracedCode_ = nullptr;
    // The geometry, which never changes, where every operation needs it.

@@ -25,8 +25,7 @@ struct EmShadowTable::CodeChoice {
                                     .entryDelBulk = Bulk::template entryDel<OfLength>,
                                     .entryHasBulk = BulkLook::entryHas,
                                     .entryBulk = BulkLook::template entry<Result>,
-                                    .readFromVellumMemory =
-                                       SingleLook::template readFromVellumMemory<AnyResult>,
+                                    .readEntry = SingleLook::template readEntry<Result>,
                                     .reconcile = Whole::reconcile,
                                     .deleteAll = Whole::deleteAll,
                                     .clearTable = Whole::clearTable };

@@ -18,7 +18,7 @@ struct EmShadowTable::Code {
    U64 ( *entryDelBulk )( EmShadowTable&, std::span<EmPair const>, bool* answers );
    U64 ( *entryHasBulk )( EmShadowTable const&, std::span<EmPair const>, bool* answers );
    U64 ( *entryBulk )( EmShadowTable const&, std::span<EmPairAndBuffer const>, bool* answers );
-   EmTableEntry ( *readFromVellumMemory )( EmShadowTable const&, EmTableIndex );
+   void ( *readEntry )( EmShadowTable const&, EmTableIndex, EmTableEntry& );
    void ( *reconcile )( EmShadowTable& );
    void ( *deleteAll )( EmShadowTable&, Brine::ChipId );
    void ( *clearTable )( EmShadowTable& );

@@ -76,11 +76,12 @@ class ImageFields {
    U8 firstByte() const { return static_cast<U8>( head_ ); }
    Brine::ChipId chip() const { return Brine::ChipId( static_cast<U8>( head_ >> 8 ) ); }
    KeyWords<wordCount> const& key() const { return key_; }
-   EntryKey keyBytes() const { return EntryKey( Corvo::Bytes( key_.data(), shape_.keyLength ) ); }
-   EntryResult resultBytes() const {
-      Corvo::Bytes bytes = Corvo::Bytes::ofLength( shape_.resultLength );
-      storeResult( bytes.writablePtr() );
-      return EntryResult( std::move( bytes ) );
+   void storeIn( EmTableEntry& entry ) const {
+      entry.filledBy(
+         chip(), shape_.keyLength, shape_.resultLength, [ this ]( char* key, char* result ) {
+            std::memcpy( key, key_.data(), KeyElement<wordCount>::keyBytes ); // all fit inline
+            storeResult( result );
+         } );
    }
    void storeResult( Weft::CharPtr to ) const {
       result_.store( reinterpret_cast<U8*>( to ), shape_.resultLength );

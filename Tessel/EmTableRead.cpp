@@ -137,7 +137,7 @@ void EmShadowTableIteratorConst::doInc() {
       doneIs();
       return;
    }
-   currentEntry_ = emTable_->readFromVellumMemory( EmTableIndex( slot ) );
+   emTable_->readEntry( EmTableIndex( slot ), currentEntry_ );
    currentIndex_ = slot + 1;
 }
 

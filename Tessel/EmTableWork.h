@@ -85,12 +85,12 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    }
 
    template<class Result>
-   static EmTableEntry readFromVellumMemory( Table& table, EmTableIndex index ) {
-      EmTableEntry entry;
-      EntryWork( table ).template readImage<Result>( index, [ & ]( auto const& image ) {
-         entry = EmTableEntry( true, image.chip(), image.keyBytes(), image.resultBytes() );
-      } );
-      return entry;
+   static void readEntry( Table& table, EmTableIndex index, EmTableEntry& entry ) {
+      bool const valid = EntryWork( table ).template readImage<Result>(
+         index, [ & ]( auto const& image ) { image.storeIn( entry ); } );
+      if ( !valid ) {
+         entry = {};
+      }
    }
 
  protected:

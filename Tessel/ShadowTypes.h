@@ -21,8 +21,8 @@ class Module;
 
 namespace Tessel {
 
-/// One byte string of any length, immutable but for assignment. `Self` keeps keys and results
-/// apart: neither converts to the other.
+/// One byte string of any length, immutable but for assignment and resized(). `Self` keeps keys and
+/// results apart: neither converts to the other.
 template<class Self>
 class ByteStringValue {
  public:
@@ -31,6 +31,8 @@ class ByteStringValue {
 
    /// Valid until the value is assigned to or destroyed.
    Corvo::Bytes const& bytes() const { return bytes_; }
+   /// As Corvo::Bytes::resized.
+   char* resized( U32 length ) { return bytes_.resized( length ); }
 
    /// Whether two values of this type, neither null, hold the same bytes.
    static bool isEq( void const* a, void const* b ) {

@@ -75,6 +75,15 @@ class [[gnu::visibility( "default" )]] Bytes {
    char const* bytesPtr() const { return length_ <= inlineCapacity ? inline_.data() : heapBytes(); }
    /// As bytesPtr, for writing the size() bytes in place.
    char* writablePtr() { return length_ <= inlineCapacity ? inline_.data() : heapBytes(); }
+   /// As writablePtr, once the value is `length` bytes long; what they hold is for the caller to write.
+   /// Where they are inline, inlineCapacity bytes may be written, zeros behind the length. std::bad_alloc
+   /// beyond inlineCapacity leaves the value as it was.
+   char* resized( U32 length ) {
+      if ( length != length_ ) [[unlikely]] {
+         *this = ofLength( length );
+      }
+      return writablePtr();
+   }
    U32 size() const { return length_; }
    bool empty() const { return length_ == 0; }
 
