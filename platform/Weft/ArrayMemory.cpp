@@ -8,14 +8,8 @@
 
 namespace Weft {
 
-namespace {
-
-constexpr std::align_val_t lineAlignment{ 64 };
-
-} // namespace
-
 ArrayMemory ArrayMemory::fromHeap( std::size_t size, std::size_t zeros ) {
-   auto* const bytes = static_cast<U8*>( ::operator new( size, lineAlignment ) );
+   auto* const bytes = static_cast<U8*>( ::operator new( size ) );
    std::memset( bytes, 0, zeros );
    return { bytes, size, false };
 }
@@ -34,7 +28,7 @@ ArrayMemory::~ArrayMemory() {
    if ( mapped_ && bytes_ ) {
       ::munmap( bytes_, size_ );
    } else if ( bytes_ ) {
-      ::operator delete( bytes_, lineAlignment );
+      ::operator delete( bytes_ );
    }
 }
 

@@ -19,7 +19,11 @@ namespace Weft {
 class [[gnu::visibility( "default" )]] ArrayMemory {
  public:
    ArrayMemory() = default;
-   // `size` bytes, aligned to 64. std::bad_alloc when there is no memory.
+   // `size` bytes, aligned to `alignment`. std::bad_alloc when there is no memory.
+
+   /// What the heap gives unasked. Asked for more, glibc 2.36 does not take a block again that it gave
+   /// before: a table built after another of its size was freed would pay for fresh pages.
+   static constexpr std::size_t alignment = __STDCPP_DEFAULT_NEW_ALIGNMENT__;
 
    /// The first `zeros` bytes are zero.
    static ArrayMemory fromHeap( std::size_t size, std::size_t zeros );

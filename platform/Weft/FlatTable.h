@@ -396,6 +396,7 @@ class FlatTable {
    [[gnu::cold, gnu::noinline]] void growTo( U64 wanted ) {
       U64 const groups = takesAllAtOnce( wanted ) ? expectedGroups_ : wanted;
       FlatTable larger( 0, hashOf_ );
+      static_assert( ArrayMemory::alignment % lanesPerGroup == 0 );
       larger.memory_ = memoryFor( groups );
       larger.tags_ = larger.memory_.bytes();
       larger.elements_ = reinterpret_cast<Element*>( larger.tags_ + groups * lanesPerGroup );
