@@ -10,6 +10,7 @@
 #include <absl/container/flat_hash_map.h>
 #include <boost/unordered/unordered_flat_map.hpp>
 
+#include <atomic>
 #include <memory>
 #include <new>
 #include <unordered_map>
@@ -83,8 +84,9 @@ class Images {
       std::memcpy( image + 1, &entry.pair, 1 + E::keyLength );
       std::memcpy( image + 2 + E::keyLength, entry.result.data(), E::resultLength );
    }
-   void read( U32 index, char* result ) const {
+   bool read( U32 index, E const& /*asked*/, char* result ) const {
       std::memcpy( result, slot( index ) + 2 + E::keyLength, E::resultLength );
+      return true;
    }
    void release( U32 index ) { std::memset( slot( index ), 0, slotLength ); }
 
@@ -97,19 +99,58 @@ class Images {
       }
    }
 
- private:
+ protected:
    char* slot( U32 index ) const { return bytes_ + std::size_t{ index } * slotLength; }
 
+ private:
    char* bytes_;
    U32 slots_;
 };
 
+/// The same, safe from a kill between two stores and from readers beside the writer, and looked at
+/// before a result is believed.
+template<class E>
+class CarefulImages : public Images<E> {
+   using Images<E>::slot;
+
+ public:
+   using Images<E>::Images;
+
+   void write( U32 index, E const& entry ) {
+      char* const image = slot( index );
+      showIs( image, 2 );
+      std::memcpy( image + 1, &entry.pair, 1 + E::keyLength );
+      std::memcpy( image + 2 + E::keyLength, entry.result.data(), E::resultLength );
+      showIs( image, 1 );
+   }
+   bool read( U32 index, E const& asked, char* result ) const {
+      char const* const image = slot( index );
+      if ( image[ 0 ] != 1 || std::memcmp( image + 1, &asked.pair, 1 + E::keyLength ) != 0 ) {
+         return false;
+      }
+      return Images<E>::read( index, asked, result );
+   }
+   void release( U32 index ) {
+      char* const image = slot( index );
+      showIs( image, 0 );
+      std::memset( image + 1, 0, Images<E>::slotLength - 1 );
+   }
+
+ private:
+   /// In an order that the processor keeps once the compiler does.
+   static void showIs( char* image, char value ) {
+      std::atomic_signal_fence( std::memory_order_seq_cst );
+      *image = value;
+      std::atomic_signal_fence( std::memory_order_seq_cst );
+   }
+};
+
 /// `Map` is a hash map from Pair to slot.
-template<class E, class Map>
+template<class E, class Map, class Images = Images<E>>
 class ByHand {
  public:
    using Memory = PlainMemory;
-   static constexpr U32 slotLength = Images<E>::slotLength;
+   static constexpr U32 slotLength = Images::slotLength;
 
    ByHand( U32 slots, Memory& memory ) : images_( slots, memory ) {
       slotOf_.reserve( slots );
@@ -137,8 +178,7 @@ class ByHand {
       if ( at == slotOf_.end() ) {
          return false;
       }
-      images_.read( at->second, result.data() );
-      return true;
+      return images_.read( at->second, entry, result.data() );
    }
    bool has( E const& entry ) const { return slotOf_.find( entry.pair ) != slotOf_.end(); }
    void del( E const& entry ) {
@@ -183,7 +223,7 @@ class ByHand {
       }
    }
 
-   Images<E> images_;
+   Images images_;
    std::vector<U32> free_;
    Map slotOf_;
 };
@@ -207,6 +247,32 @@ template<class E>
 struct OnBoost : ByHandOn<E, boost::unordered_flat_map> {
    using ByHandOn<E, boost::unordered_flat_map>::ByHand;
    static constexpr char const* name = "boost::unordered_flat_map";
+};
+
+/// The fastest of them with careful images and behind calls, as a library would offer it: what the
+/// guarantees cost, apart from what the map does.
+template<class E>
+class CarefulOnBoost {
+   using Map = boost::unordered_flat_map<Pair<E::keyLength>, U32, PairHash<E::keyLength>>;
+
+ public:
+   using Memory = PlainMemory;
+   static constexpr char const* name = "boost, as careful";
+   static constexpr U32 slotLength = CarefulImages<E>::slotLength;
+
+   CarefulOnBoost( U32 slots, Memory& memory ) : table_( slots, memory ) {}
+
+   [[gnu::noinline]] bool set( E const& entry ) { return table_.set( entry ); }
+   [[gnu::noinline]] bool get( E const& entry, typename E::Result& result ) const {
+      return table_.get( entry, result );
+   }
+   [[gnu::noinline]] bool has( E const& entry ) const { return table_.has( entry ); }
+   [[gnu::noinline]] void del( E const& entry ) { table_.del( entry ); }
+   void clear() { table_.clear(); }
+   U32 count() const { return table_.count(); }
+
+ private:
+   ByHand<E, Map, CarefulImages<E>> table_;
 };
 
 } // namespace Bench

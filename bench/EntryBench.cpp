@@ -182,6 +182,7 @@ void enterAll( U32 chips, U32 slots ) {
    enterBulkLookUps<Shadow<E>, E>( config );
    enterBulkChanges<Shadow<E>, E>( config );
    enterSlots<OnBoost<E>, E>( config );
+   enterCommon<CarefulOnBoost<E>, E>( config );
    enterSlots<OnAbsl<E>, E>( config );
    enterSlots<OnStd<E>, E>( config );
 #ifdef BENCH_RTE_HASH
