@@ -180,6 +180,24 @@ TEST( EntryOperations, aKeyThatTheMapDoesNotHoldIsAbsentWhateverLiesInTheSlots )
    }
 }
 
+TEST( EntryOperations, anImageCoversAllThatLayInItsSlot ) {
+   for ( U32 lengths = 0; lengths < 21 * 13; ++lengths ) {
+      Geometry const geometry{ .entries = 1, .key = lengths % 21, .result = lengths / 21 };
+      std::string const key( geometry.key, '\xff' );
+      std::string const result( geometry.result, 'r' );
+      std::string image = "\1\xff" + key + result;
+      image.resize( ( image.size() + 3 ) / 4 * 4 );
+      for ( char const before : { '\0', '\1' } ) { // nothing shows itself, or this pair does
+         auto const chunk = Vellum::VellumChunk::inProcess( 36 );
+         std::string const junk = before + std::string( 35, '\xff' );
+         chunk->write( 0, junk.data(), 36 );
+         auto const table = tableOver( chunk, geometry );
+         ASSERT_TRUE( add( table, Brine::ChipId( 0xff ), key, result ) );
+         EXPECT_EQ( allBytes( chunk ), image + junk.substr( image.size() ) );
+      }
+   }
+}
+
 TEST( EntryOperations, theSlotStepsChangeTheImageAlone ) {
    auto const table = newTable();
    TraceRecorder trace( "TesselEmTable", U64{ 1 } << 7 );
