@@ -79,6 +79,14 @@ TEST( Placement, acceptsWhatEndsWhereTheRangeEndsAndNotOneByteMore ) {
       << "a smaller table still fits";
 }
 
+TEST( Placement, knowsTheLengthOfRangesThatNoTableCanHave ) {
+   U64 const past32Bits = U64{ 1 } << 33;
+   Geometry const many{ .entries = 1U << 28, .key = 20, .result = 10 };
+   Geometry const wide{ .entries = 1, .key = 0xFFFFFFFF, .result = 0xFFFFFFFF };
+   EXPECT_EQ( EmShadowTable::rangeBytes( *helperOf( many ) ), past32Bits );
+   EXPECT_EQ( EmShadowTable::rangeBytes( *helperOf( wide ) ), past32Bits );
+}
+
 TEST( Placement, refusesAFrameThatPasses32Bits ) {
    auto const chunk = Vellum::VellumChunk::inProcess( 100 );
    auto const manager = tableManagerFactory( "l2", chunk, 0xFFFFFF00, 0x100 );

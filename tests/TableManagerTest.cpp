@@ -166,6 +166,15 @@ TEST_F( Manager, whoseRangePasses32BitsManagesNothing ) {
    EXPECT_EQ( manager->managedTables().count(), 0U );
 }
 
+TEST_F( Manager, whoseRangeEndsWhere32BitsDoManagesWhatFits ) {
+   manager = tableManagerFactory( "l2", chunk, 0xFFFFFF00, 0x100 );
+   EXPECT_EQ( failedCondition( [ & ] { manager->manageDirectShadow( "vlan", direct ); } ),
+              "(none)" );
+   EXPECT_EQ( failedCondition( [ & ] { manager->manageEmShadow( "mac", helperOf( {} ) ); } ),
+              "offset + length <= size()" )
+      << "only the chunk has no room";
+}
+
 TEST_F( Manager, withoutRoomManagesDirectTablesOnly ) {
    manager = tableManagerFactory( "l2", chunk, 100, 0 );
    EXPECT_EQ( manager->manageDirectShadow( "vlan", direct )->vellumOffset(), 100U );
