@@ -167,37 +167,47 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
       this->countOneMore( image.chip() );
    }
 
-   /// Calls `visit( position, where )` for every pair of a key without an object and every object; what is
-   /// there may be removed meanwhile.
-   template<class Visit>
-   void forEachPair( Visit const& visit ) const {
+   /// Calls `visit( position, where )` for every pair of a key without an object, if `isWanted( where )`
+   /// is 1 and not 0, and every object; what is there may be removed meanwhile.
+   template<class IsWanted, class Visit>
+   [[gnu::always_inline]] void forEachPair( IsWanted const& isWanted, Visit const& visit ) const {
       std::array<U64, bulkBlock> block;
-      U64 at = keys().next( 0 );
-      while ( at != Keys::nowhere ) {
-         U32 count = 0;
-         for ( ; count < bulkBlock && at != Keys::nowhere; at = keys().next( at + 1 ) ) {
-            SlotOrObject const where = keys().whereOf( at );
-            if ( !where.isObject() ) {
-               this->fetchImage( where.slot() );
-            }
-            block[ count++ ] = at;
-         }
+      U32 count = 0;
+      auto const visitBlock = [ & ] {
          for ( U64 const position : std::span( block ).first( count ) ) {
             visit( position, keys().whereOf( position ) );
          }
-      }
+         count = 0;
+      };
+      keys().forEach( [ & ]( U64 position ) __attribute__( ( always_inline ) ) {
+         // Without a branch: of several chips, nothing foretells which one comes next.
+         SlotOrObject const where = keys().whereOf( position );
+         U32 const isObject = static_cast<U32>( where.isObject() );
+         U32 const isPair = isWanted( where ) & ( isObject ^ 1 );
+         this->fetchImage( EmTableIndex( where.slot().value() * isPair ) );
+         block[ count ] = position;
+         count += isObject | isPair;
+         if ( count == bulkBlock ) {
+            visitBlock();
+         }
+      } );
+      visitBlock();
    }
+   static constexpr auto isAny = []( SlotOrObject /*where*/ ) { return U32{ 1 }; };
 
    /// Nothing here can fail, so the pairs may go all at once in the end.
    void clearInPlace() const {
-      forEachPair( [ & ]( U64 /*position*/, SlotOrObject where ) {
+      forEachPair( isAny, [ & ]( U64 /*position*/, SlotOrObject where ) {
          this->removeOwned( where.slot(), table_.offsetOf( where.slot() ), where.chip() );
       } );
       keys().eraseAll();
    }
 
    void deleteOneByOne( Brine::ChipId chip ) const {
-      forEachPair( [ & ]( U64 position, SlotOrObject where ) {
+      auto const isOnChip = [ & ]( SlotOrObject where ) {
+         return static_cast<U32>( where.isOn( chip ) );
+      };
+      forEachPair( isOnChip, [ & ]( U64 position, SlotOrObject where ) {
          if ( where.isOn( chip ) ) {
             deletePairAt( position, where );
          } else if ( where.isObject() && where.object()->indexHas( chip ) ) {
@@ -207,7 +217,7 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
    }
 
    void clearOneByOne() const {
-      forEachPair( [ & ]( U64 position, SlotOrObject where ) {
+      forEachPair( isAny, [ & ]( U64 position, SlotOrObject where ) {
          if ( where.isObject() ) {
             deleteObject( position, *where.object() );
          } else {

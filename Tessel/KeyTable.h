@@ -488,6 +488,13 @@ class KeyTable {
       ++objects_;
    }
 
+   /// Calls `visit( position )` for every element. Those that have been visited may be removed meanwhile,
+   /// and no other.
+   template<class Visit>
+   [[gnu::always_inline]] void forEach( Visit const& visit ) const {
+      elements_.forEach( visit );
+   }
+
    // Steps on the way to a pair, each of which starts to fetch what the next one reads. A position is
    // that of the first element that may be the pair; nowhere when the pair is no element, which leaves
    // the objects; or anywhere, when only find() can tell.

@@ -282,6 +282,17 @@ class FlatTable {
       return nowhere;
    }
 
+   /// Calls `visit( position )` for each occupied position from the first on. Elements at positions that
+   /// have been visited may be erased meanwhile, and no other.
+   template<class Visit>
+   [[gnu::always_inline]] void forEach( Visit const& visit ) const {
+      for ( U64 group = 0; group < groups_; ++group ) {
+         for ( U32 used = ~emptyLanes( group ) & allLanes; used != 0; used &= used - 1 ) {
+            visit( positionOf( group, used ) );
+         }
+      }
+   }
+
    /// Removes every element and gives the memory back.
    void clear() noexcept {
       FlatTable empty;
@@ -402,11 +413,11 @@ class FlatTable {
       larger.elements_ = reinterpret_cast<Element*>( larger.tags_ + groups * lanesPerGroup );
       larger.groups_ = groups;
       larger.capacity_ = mostIn( groups );
-      for ( Position at = next( 0 ); at != nowhere; at = next( at + 1 ) ) {
+      forEach( [ & ]( Position at ) {
          Element& element = ( *this )[ at ];
          U64 const hash = hashOf_( element );
          larger.insert( hash, std::move( element ) );
-      }
+      } );
       destroyElements();
       take( larger );
    }
@@ -423,9 +434,7 @@ class FlatTable {
 
    void destroyElements() noexcept {
       if constexpr ( !std::is_trivially_destructible_v<Element> ) {
-         for ( Position at = next( 0 ); at != nowhere; at = next( at + 1 ) ) {
-            std::destroy_at( &( *this )[ at ] );
-         }
+         forEach( [ & ]( Position at ) { std::destroy_at( &( *this )[ at ] ); } );
       }
    }
 
