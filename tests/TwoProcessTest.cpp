@@ -84,7 +84,7 @@ void expectOneOfThoseWritten( InterruptedReading& reading,
    U32 const instructions = reading.instructions();
    EXPECT_GT( instructions, 20U );
    constexpr U32 gaps = 7;
-   U32 const readings = gaps + 20'000 / instructions;
+   U32 const readings = gaps + 5'000 / instructions;
    std::minstd_rand random( 1 );
    U32 version = 1;
    for ( U32 i = 0; i < readings; ++i ) {
