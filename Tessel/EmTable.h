@@ -334,7 +334,8 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    // The same for many entries: what the single calls one after another would do, trace and answer,
    // in a fraction of their time once the table is larger than the processor's caches. `answers` is
    // empty, or as long as the other and gets what each single call would have answered; no key lies in
-   // it. The number of true ones is returned. Contract failure "answers.empty() || answers.size() == pairs.size()".
+   // it. The number of true ones is returned.
+   // Contract failure "answers.empty() || answers.size() == pairs.size()".
    // A call that fails on its way stops between two entries: those before are done and answered.
 
    U64 entryIsBulk( std::span<EmPairAndResult const> pairs, std::span<bool> answers = {} );

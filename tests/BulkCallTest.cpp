@@ -167,6 +167,31 @@ TEST( BulkCall, doesWhatTheSingleCallsDoInEveryGeometry ) {
    }
 }
 
+// What a large table may take for granted, and a small one never looks at.
+TEST( BulkCall, doesWhatTheSingleCallsDoWhereOthersHoldTheBookkeeping ) {
+   Geometry const geometry{ 20'000, 8, 8 }; // large enough to fetch ahead
+   Pairs const pairs( geometry, 3000 );
+   auto const all = pairs.part( 0, 3000 );
+   auto const handsOut = [ & ]( auto const& handOut ) {
+      Twins twins( geometry );
+      twins.set( all );
+      handOut( *twins.bulk() );
+      handOut( *twins.single() );
+      twins.look( withoutResults( all ) );
+      twins.set( pairs.part( 1000, 1000 ) );
+      twins.del( withoutResults( pairs.part( 500, 1000 ) ) );
+      twins.look( withoutResults( all ) );
+      twins.expectSame();
+   };
+   handsOut( []( EmShadowTable& table ) { EXPECT_TRUE( table.freeIndexBmp() ); } );
+   // The object of a key takes the place of one of its pairs: the others are no elements any more.
+   handsOut( [ & ]( EmShadowTable& table ) {
+      for ( auto const& pair : all ) {
+         EXPECT_TRUE( table.keyToIndexList( keyOf( { pair.key, geometry.key } ) ) );
+      }
+   } );
+}
+
 TEST( BulkCall, followsAChainThroughItsOwnBuffers ) {
    Geometry const geometry{ 20'000, 8, 8 }; // large enough to fetch ahead
    auto const table = tableOver( Vellum::VellumChunk::inProcess( 1 << 20 ), geometry );
