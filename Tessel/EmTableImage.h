@@ -9,7 +9,7 @@
 /// that misses the cache, that is the time of a miss for each operation.
 
 #include "Tessel/EmTableInternal.h"
-#include "Tessel/KeyTable.h"
+#include "Tessel/KeyElement.h"
 
 namespace Tessel {
 

@@ -221,7 +221,8 @@ class FlatTable {
       return erased;
    }
 
-   /// The same for an element that glance() found.
+   /// The same for an element that glance() found: it lies at home, so no group counts it as overflow.
+   /// (Of one that does not, counts stay behind, which make searches longer and not wrong.)
    [[gnu::always_inline]] void eraseGlanced( Position position ) noexcept {
       static_assert( std::is_trivially_destructible_v<Element> );
       tagAt( position ) = 0;
