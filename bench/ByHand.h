@@ -84,9 +84,10 @@ class Images {
       std::memcpy( image + 1, &entry.pair, 1 + E::keyLength );
       std::memcpy( image + 2 + E::keyLength, entry.result.data(), E::resultLength );
    }
-   bool read( U32 index, E const& /*asked*/, char* result ) const {
+   /// Whether the image is believed to be of this pair.
+   bool passes( U32 /*index*/, E const& /*asked*/ ) const { return true; }
+   void read( U32 index, char* result ) const {
       std::memcpy( result, slot( index ) + 2 + E::keyLength, E::resultLength );
-      return true;
    }
    void release( U32 index ) { std::memset( slot( index ), 0, slotLength ); }
 
@@ -123,12 +124,9 @@ class CarefulImages : public Images<E> {
       std::memcpy( image + 2 + E::keyLength, entry.result.data(), E::resultLength );
       showIs( image, 1 );
    }
-   bool read( U32 index, E const& asked, char* result ) const {
+   bool passes( U32 index, E const& asked ) const {
       char const* const image = slot( index );
-      if ( image[ 0 ] != 1 || std::memcmp( image + 1, &asked.pair, 1 + E::keyLength ) != 0 ) {
-         return false;
-      }
-      return Images<E>::read( index, asked, result );
+      return image[ 0 ] == 1 && std::memcmp( image + 1, &asked.pair, 1 + E::keyLength ) == 0;
    }
    void release( U32 index ) {
       char* const image = slot( index );
@@ -175,10 +173,11 @@ class ByHand {
    }
    bool get( E const& entry, typename E::Result& result ) const {
       auto const at = slotOf_.find( entry.pair );
-      if ( at == slotOf_.end() ) {
+      if ( at == slotOf_.end() || !images_.passes( at->second, entry ) ) {
          return false;
       }
-      return images_.read( at->second, entry, result.data() );
+      images_.read( at->second, result.data() );
+      return true;
    }
    bool has( E const& entry ) const { return slotOf_.find( entry.pair ) != slotOf_.end(); }
    void del( E const& entry ) {
