@@ -120,7 +120,7 @@ def measured_table() -> str:
         "|---|--:|--:|--:|--:|",
     ]
     for name, meaning in ROWS.items():
-        _, _, ours, peer, ratio, bulk, _ = first[name]
+        _, _, ours, peer, ratio, _, _, bulk, _ = first[name]
         lines.append(f"| {meaning} (`{name}`) | {ours} | {bulk} | {peer} | {ratio} |")
     return "\n".join(lines)
 
