@@ -22,7 +22,9 @@
 /// Contract failures name the source "EmTable" unless said otherwise; after one, table and memory
 /// are as they were before the call (but for the map's capacity). So they are after std::bad_alloc,
 /// which any operation may throw that adds something or returns a new object. A bulk removal that
-/// fails on its way stops between two entries.
+/// fails on its way stops between two entries, and so does reconcile(). Where a caller has put a bitmap
+/// in place that is shorter than the table, reconcile() and a walk can fail its "bit < size()" or
+/// "last < size()", with the source "HBitmap".
 ///
 /// Threads: as Tessel/ManagedTableBase.h.
 
@@ -299,7 +301,8 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    /// "tableHelper()->keyLengthBytes() <= MAX_KEY_LENGTH_IN_BYTE",
    /// "tableHelper()->resultLengthBytes() <= MAX_RESULT_LENGTH_IN_BYTE", and, for a range that
    /// cannot lie within 32 bits, "vellumOffset() + tableShadowSize() <= 4294967296". Where images
-   /// cannot be read, the bitmap and the counts stay what they were.
+   /// cannot be read or memory runs out, the bitmap and the counts stay what they were, and the map
+   /// keeps what was found.
    void handleInitialized();
    /// Takes every valid image of the range into the bookkeeping. What was there already stays, so
    /// running it again changes nothing. Of two images with the same chip and key the one in the
@@ -415,31 +418,43 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    /// Takes the bitmap out of the table.
    Corvo::Ptr<Brine::HBitmap> freeIndexBmpDel();
 
+   // A table whose counts a caller has set works as one that has handed out its bitmap.
+
    U32 numUsedEntries() const { return numUsedEntries_; }
-   void numUsedEntriesIs( U32 count ) { numUsedEntries_ = count; }
+   void numUsedEntriesIs( U32 count ) {
+      trustIsLost();
+      numUsedEntries_ = count;
+   }
    /// New value, modulo 2^32.
-   U32 numUsedEntriesInc( U32 amount ) { return numUsedEntries_ += amount; }
-   U32 numUsedEntriesDec( U32 amount ) { return numUsedEntries_ -= amount; }
+   U32 numUsedEntriesInc( U32 amount ) {
+      numUsedEntriesIs( numUsedEntries_ + amount );
+      return numUsedEntries_;
+   }
+   U32 numUsedEntriesDec( U32 amount ) { return numUsedEntriesInc( 0 - amount ); }
 
    /// Used slots of the chip; 0 for a chip that is no member.
    U32 numUsedEntriesByChipId( Brine::ChipId chip ) const { return usedByChip_.count( chip ); }
    void numUsedEntriesByChipIdIs( Brine::ChipId chip, U32 count ) {
+      trustIsLost();
       usedByChip_.countIs( chip, count );
    }
    /// New value, modulo 2^32; the chip becomes a member.
    U32 numUsedEntriesByChipIdInc( Brine::ChipId chip, U32 amount ) {
-      U32 const count = usedByChip_.count( chip ) + amount;
-      usedByChip_.countIs( chip, count );
-      return count;
+      numUsedEntriesByChipIdIs( chip, usedByChip_.count( chip ) + amount );
+      return usedByChip_.count( chip );
    }
    U32 numUsedEntriesByChipIdDec( Brine::ChipId chip, U32 amount ) {
-      U32 const count = usedByChip_.count( chip ) - amount;
-      usedByChip_.countIs( chip, count );
-      return count;
+      return numUsedEntriesByChipIdInc( chip, 0 - amount );
    }
    /// Removes the member and returns its count; 0 when absent.
-   U32 numUsedEntriesByChipIdDel( Brine::ChipId chip ) { return usedByChip_.del( chip ); }
-   void numUsedEntriesByChipIdDelAll() { usedByChip_.delAll(); }
+   U32 numUsedEntriesByChipIdDel( Brine::ChipId chip ) {
+      trustIsLost();
+      return usedByChip_.del( chip );
+   }
+   void numUsedEntriesByChipIdDelAll() {
+      trustIsLost();
+      usedByChip_.delAll();
+   }
    bool numUsedEntriesByChipIdHas( Brine::ChipId chip ) const { return usedByChip_.has( chip ); }
    U32 numUsedEntriesByChipIdCount() const { return usedByChip_.members(); }
    /// The lowest chip with a member that is at least `from`; 256 when there is none.
@@ -483,7 +498,9 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    class [[gnu::visibility( "hidden" )]] SlotWork;
    template<bool traced, class KeyClass, class Table>
    class [[gnu::visibility( "hidden" )]] EntryWork;
-   template<bool traced, class KeyClass, class Table>
+   template<bool traced, class KeyClass>
+   class [[gnu::visibility( "hidden" )]] BulkLook;
+   template<bool traced, class KeyClass>
    class [[gnu::visibility( "hidden" )]] BulkWork;
    template<bool traced, class KeyClass>
    class [[gnu::visibility( "hidden" )]] WholeWork;
@@ -492,6 +509,11 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    Code const& code() const;
    [[gnu::cold, gnu::noinline]] Code const& tracedCode() const;
    void countAfresh( Corvo::Ptr<Brine::HBitmap> const& formerBitmap );
+   /// Modulo 2^32.
+   [[gnu::always_inline]] void countMore( Brine::ChipId chip, U32 amount ) {
+      numUsedEntries_ += amount;
+      usedByChip_.countIs( chip, usedByChip_.count( chip ) + amount );
+   }
 
    [[gnu::always_inline]] void checkSlot( EmTableIndex index,
                                           char const* operation = __builtin_FUNCTION() ) const {

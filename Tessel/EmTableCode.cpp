@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Tessel/EmTableCode.h"
 
+#include "Tessel/EmTableBulkLook.h"
 #include "Tessel/EmTableBulkWork.h"
 #include "Tessel/EmTableWholeWork.h"
 
@@ -11,8 +12,8 @@ struct EmShadowTable::CodeChoice {
    static Code const* code() {
       using Single = EntryWork<traced, Keys, EmShadowTable>;
       using SingleLook = EntryWork<traced, Keys, EmShadowTable const>;
-      using Bulk = BulkWork<traced, Keys, EmShadowTable>;
-      using BulkLook = BulkWork<traced, Keys, EmShadowTable const>;
+      using Bulk = BulkWork<traced, Keys>;
+      using Looks = BulkLook<traced, Keys>;
       using Whole = WholeWork<traced, Keys>;
       // What does not depend on the result is compiled once for all of them, and what depends on the
       // length of an image for those that are known.
@@ -23,8 +24,8 @@ struct EmShadowTable::CodeChoice {
                                     .entry = SingleLook::template entry<Result>,
                                     .entryIsBulk = Bulk::template entryIs<Result>,
                                     .entryDelBulk = Bulk::template entryDel<OfLength>,
-                                    .entryHasBulk = BulkLook::entryHas,
-                                    .entryBulk = BulkLook::template entry<Result>,
+                                    .entryHasBulk = Looks::entryHas,
+                                    .entryBulk = Looks::template entry<Result>,
                                     .readEntry = SingleLook::template readEntry<Result>,
                                     .reconcile = Whole::reconcile,
                                     .deleteAll = Whole::deleteAll,

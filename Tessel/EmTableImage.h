@@ -132,24 +132,80 @@ template<std::size_t wordCount, class Result>
    return difference | ( firstWord() ^ before ) | differenceOf( again, result );
 }
 
-/// Copies `length` bytes, which need exactly `wordCount` words.
+/// Reads chip and key of an image that shows itself. What is not 0 says that somebody may be writing it,
+/// or that it shows itself no more: then Vellum::loadImageBy must be asked.
 template<std::size_t wordCount>
-[[gnu::always_inline]] inline void copyKey( U8* to, char const* from, U32 length ) {
-   using Vellum::detail::Reading;
-   U8 const* const bytes = reinterpret_cast<U8 const*>( from );
-   if constexpr ( wordCount == 1 ) {
-      if ( length != 0 ) {
-         Vellum::detail::withReadingUpTo8( length, [ & ]<class R>( std::type_identity<R> ) {
-            R( bytes, length ).store( to, length );
-         } );
-      }
-   } else if constexpr ( wordCount == 2 ) {
-      Reading<U64, 2>( bytes, length ).store( to, length );
-   } else {
-      Reading<U64, 2>( bytes, 16 ).store( to, 16 );
-      Reading<U32, 1>( bytes + length - 4, 4 ).store( to + length - 4, 4 );
-   }
+[[gnu::always_inline]] inline U64 readFinishedImage( U8 const* image,
+                                                     ImageShape shape,
+                                                     Brine::ChipId& chip,
+                                                     KeyWords<wordCount>& key ) {
+   using Vellum::detail::loadUnit;
+   using Vellum::detail::orderLoads;
+   auto const* const keyBytes = reinterpret_cast<char const*>( image + ImageShape::keyOffset );
+   U32 const before = loadUnit<U32>( image );
+   orderLoads();
+   U32 const head = loadUnit<U16>( image );
+   key = keyWordsAt<wordCount>( keyBytes, shape.keyLength );
+   orderLoads();
+   U64 difference = loadUnit<U32>( image ) ^ before;
+   orderLoads();
+   difference |= differenceOf<wordCount>( keyWordsAt<wordCount>( keyBytes, shape.keyLength ), key );
+   difference |= U32{ loadUnit<U16>( image ) } ^ head;
+   orderLoads();
+   difference |= loadUnit<U32>( image ) ^ before;
+   chip = Brine::ChipId( static_cast<U8>( head >> 8 ) );
+   U8 const first = static_cast<U8>( head );
+   return difference | ( first == 0 || Vellum::detail::maybeMark( first ) ? 1 : 0 );
 }
+
+/// The bytes of a key on their way into an image. They are read before the first byte of it is stored: a
+/// caller's key may lie in this very image.
+template<std::size_t wordCount>
+class KeyBytes {
+ public:
+   /// `length` needs exactly `wordCount` words.
+   [[gnu::always_inline]] KeyBytes( char const* from, U32 length ) {
+      using namespace detail;
+      if constexpr ( wordCount == 1 ) {
+         pieces_ = { upToOneWordAt( from, length ) };
+      } else if constexpr ( wordCount == 2 ) {
+         pieces_ = { wordAt( from ), wordAt( from + length - 8 ) };
+      } else {
+         pieces_ = { wordAt( from ), wordAt( from + 8 ), halfWordAt( from + length - 4 ) };
+      }
+   }
+   [[gnu::always_inline]] void store( U8* to, U32 length ) const {
+      using Vellum::detail::storeUnit;
+      if constexpr ( wordCount == 1 ) {
+         storeUpToOneWord( to, length );
+      } else if constexpr ( wordCount == 2 ) {
+         storeUnit( to, pieces_[ 0 ] );
+         storeUnit( to + length - 8, pieces_[ 1 ] );
+      } else {
+         storeUnit( to, pieces_[ 0 ] );
+         storeUnit( to + 8, pieces_[ 1 ] );
+         storeUnit( to + length - 4, static_cast<U32>( pieces_[ 2 ] ) );
+      }
+   }
+
+ private:
+   [[gnu::always_inline]] void storeUpToOneWord( U8* to, U32 length ) const {
+      using Vellum::detail::storeUnit;
+      U64 const word = pieces_[ 0 ];
+      if ( length == 8 ) {
+         storeUnit( to, word );
+      } else if ( length >= 4 ) {
+         storeUnit( to, static_cast<U32>( word ) );
+         storeUnit( to + length - 4, static_cast<U32>( word >> 8 * ( length - 4 ) ) );
+      } else {
+         for ( U32 i = 0; i < length; ++i ) {
+            to[ i ] = static_cast<U8>( word >> 8 * i );
+         }
+      }
+   }
+
+   KeyWords<wordCount> pieces_; ///< from the front on; the last of several ends with the key
+};
 
 /// At most 3 zero bytes, in at most two stores.
 [[gnu::always_inline]] inline void storePadding( U8* image, ImageShape shape ) {
@@ -171,7 +227,8 @@ template<std::size_t wordCount>
                                            Weft::CharPtrConst key,
                                            Weft::CharPtrConst result ) {
    EmTableEntryRaw raw = emptyImageOf( chip );
-   copyKey<wordCount>( reinterpret_cast<U8*>( keyOf( raw ) ), key, shape.keyLength );
+   KeyBytes<wordCount>( key, shape.keyLength )
+      .store( reinterpret_cast<U8*>( keyOf( raw ) ), shape.keyLength );
    Vellum::copyShort( resultOf( raw, shape.keyLength ), result, shape.resultLength );
    Vellum::storeImage( to, bytesOf( raw ), shape.length );
 }
@@ -191,12 +248,13 @@ template<std::size_t wordCount, class Result, Before before = Before::maybeNothi
    } else {
       // The result goes in one store, as the last bytes of an image must.
       Result const bytes( reinterpret_cast<U8 const*>( result ), shape.resultLength );
+      KeyBytes<wordCount> const keyBytes( key, shape.keyLength );
       auto const storeBody = [ & ]( U8 * image, U8 /*meanwhile*/ )
          __attribute__( ( always_inline ) ) {
          bytes.store( image + shape.resultOffset(), shape.resultLength );
          Vellum::detail::orderStores();
          image[ ImageShape::chipOffset ] = chip.value();
-         copyKey<wordCount>( image + ImageShape::keyOffset, key, shape.keyLength );
+         keyBytes.store( image + ImageShape::keyOffset, shape.keyLength );
          storePadding( image, shape );
       };
       if constexpr ( before == Before::anImage ) {

@@ -78,14 +78,14 @@ inline void traceTableDelete( Brine::ChipId chip ) {
 /// How many entries a restart or a removal works on at once: enough to hide the time of a cache miss
 /// behind the work on the others, few enough that what was fetched is still there.
 inline constexpr U32 bulkBlock = 32;
-/// How many entries a bulk call takes from one stage to the next at once: so long it takes, at the
-/// least, until what a stage has fetched is needed.
-inline constexpr std::size_t bulkStep = 16;
 /// How many entries a bulk call takes before it looks again whether fetching ahead pays.
 inline constexpr std::size_t bulkRun = 4096;
 /// A map of at most so many bytes is taken to be in a cache next to the processor: there fetching costs
 /// more than it saves.
 inline constexpr U64 cachedBytes = U64{ 256 } << 10;
+/// One of more than so many bytes lies in no cache. A restart does not wait for what it reads, so that it
+/// does not pay to fetch ahead before.
+inline constexpr U64 uncachedBytes = U64{ 8 } << 20;
 
 inline char* keyOf( EmTableEntryRaw& raw ) {
    return reinterpret_cast<char*>( raw.keyAndResult.data() );

@@ -94,8 +94,7 @@ class EmShadowTable::SlotWork {
       } else {
          Vellum::storeNoImage( image, table_.entryLengthBytes_ );
       }
-      table_.numUsedEntriesDec( 1 );
-      table_.numUsedEntriesByChipIdDec( chip, 1 );
+      countOneLess( chip );
       // The bitmap is the one that the table made, with all bits set.
       table_.freeIndexBmp_->untoggle( slot.value() );
    }
@@ -104,8 +103,10 @@ class EmShadowTable::SlotWork {
    }
 
    [[gnu::always_inline]] void countOneMore( Brine::ChipId chip ) const {
-      table_.numUsedEntriesInc( 1 );
-      table_.numUsedEntriesByChipIdInc( chip, 1 );
+      table_.countMore( chip, 1 );
+   }
+   [[gnu::always_inline]] void countOneLess( Brine::ChipId chip ) const {
+      table_.countMore( chip, ~U32{ 0 } ); // modulo 2^32
    }
 
    [[gnu::always_inline]] void fetchImage( EmTableIndex index ) const {

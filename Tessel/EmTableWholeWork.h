@@ -21,11 +21,13 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
  public:
    using Entries::Entries;
 
-   /// Takes every valid image into the bookkeeping, slot by slot.
+   /// Takes every valid image into the bookkeeping, in the order of the slots.
    static void reconcile( EmShadowTable& table ) {
       WholeWork const work( table );
       if constexpr ( !traced ) {
-         if ( table.readableRange() != nullptr ) {
+         Brine::HBitmap const& free = *table.freeIndexBmp_;
+         if ( table.readableRange() != nullptr && free.size() == table.numEntries_ &&
+              free.initialBitState() == Brine::HBitmap::BitState::allSet ) {
             work.reconcileRange();
             return;
          }
@@ -37,8 +39,8 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
 
    static void deleteAll( EmShadowTable& table, Brine::ChipId chip ) {
       WholeWork const work( table );
-      if ( !traced && work.keys().holdsOnly( chip ) && table.ownedSize() != 0 ) {
-         work.clearInPlace();
+      if ( work.keys().holdsOnly( chip ) && work.mayClearAtOnce() ) {
+         work.clearAtOnce();
       } else {
          work.deleteOneByOne( chip );
       }
@@ -47,8 +49,8 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
 
    static void clearTable( EmShadowTable& table ) {
       WholeWork const work( table );
-      if ( !traced && work.keys().objects() == 0 && table.ownedSize() != 0 ) [[likely]] {
-         work.clearInPlace();
+      if ( work.mayClearAtOnce() ) [[likely]] {
+         work.clearAtOnce();
       } else {
          work.clearOneByOne();
       }
@@ -76,39 +78,75 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
       } );
    }
 
+   static constexpr U32 wordBits = Brine::HBitmap::wordBits;
+
+   /// Images that are in the map and still have to be marked and counted: those of one word of the
+   /// bitmap, and how many of each chip. The destructor sees to it, also when memory has run out.
+   class Newcomers {
+    public:
+      explicit Newcomers( WholeWork const& work ) : table_( work.table_ ), keys_( work.keys() ) {}
+      Newcomers( Newcomers const& ) = delete;
+      Newcomers& operator=( Newcomers const& ) = delete;
+      ~Newcomers() {
+         mark();
+         for ( U32 chip = 0; chip < byChip_.size(); ++chip ) {
+            if ( byChip_[ chip ] != 0 ) {
+               table_.countMore( Brine::ChipId( static_cast<U8>( chip ) ), byChip_[ chip ] );
+               keys_.noteChip( Brine::ChipId( static_cast<U8>( chip ) ) );
+            }
+         }
+      }
+
+      void wordIs( U32 word ) {
+         mark();
+         word_ = word;
+      }
+      [[gnu::always_inline]] void add( U32 bit, Brine::ChipId chip ) {
+         slots_ |= U64{ 1 } << bit;
+         ++byChip_[ chip.value() ];
+      }
+
+    private:
+      void mark() {
+         table_.freeIndexBmp_->toggleIn( word_, slots_ );
+         slots_ = 0;
+      }
+
+      EmShadowTable& table_;
+      Keys& keys_;
+      U32 word_ = 0;
+      U64 slots_ = 0;
+      std::array<U32, ChipCounts::capacity> byChip_{};
+   };
+
    /// reconcile() where the images can be looked at in place: counted first where the map would grow more
-   /// than once otherwise, then taken over, in blocks where that pays.
+   /// than once otherwise.
    void reconcileRange() const {
       U64 images = table_.numEntries_;
       U64 end = table_.numEntries_;
       if ( !keys().growsAtOnce() ) {
          images = end = 0;
-         forEachImage( table_.numEntries_, [ & ]( U32 slot ) {
-            ++images;
-            end = slot + 1;
+         forEachWord( table_.numEntries_, [ & ]( U32 word, U64 shown ) {
+            images += static_cast<U32>( std::popcount( shown ) );
+            end = ( U64{ word } + 1 ) * wordBits;
          } );
+         end = std::min<U64>( end, table_.numEntries_ );
          keys().makeRoomFor( images - std::min( images, keys().size() ) );
       }
-      if ( images * sizeof( KeyElement<wordCount> ) <= cachedBytes ) {
-         forEachImage( end, [ & ]( U32 slot ) { takeOverInPlace( EmTableIndex( slot ) ); } );
-         return;
-      }
-      std::array<U32, bulkBlock> block;
-      U32 inBlock = 0;
-      forEachImage( end, [ & ]( U32 slot ) {
-         block[ inBlock++ ] = slot;
-         if ( inBlock == bulkBlock ) {
-            takeOverBlock( block );
-            inBlock = 0;
+      bool const fetches = images * sizeof( KeyElement<wordCount> ) > uncachedBytes;
+      Newcomers newcomers( *this );
+      forEachWord( end, [ & ]( U32 word, U64 shown ) {
+         if ( fetches ) {
+            fetchPlaces( word, shown );
          }
+         takeOverWord( word, shown, newcomers );
       } );
-      takeOverBlock( std::span( block ).first( inBlock ) );
    }
 
-   /// Calls `visit( slot )` for every slot below `slots` whose image shows itself, in order.
+   /// Calls `visit( word, slots )`, by words of the bitmap and in order, for the slots below `slots` whose
+   /// images show themselves.
    template<class Visit>
-   void forEachImage( U64 slots, Visit const& visit ) const {
-      U8 const* const range = table_.readableRange();
+   void forEachWord( U64 slots, Visit const& visit ) const {
       Vellum::VellumChunk const& chunk = *table_.vellumChunk();
       U64 const length = table_.entryLengthBytes_;
       U64 const from = table_.vellumOffset();
@@ -124,47 +162,89 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
          // The slots whose first bytes lie in the stretch.
          U64 const first = ( at.begin - from + length - 1 ) / length;
          U64 const end = ( std::min( at.end, to ) - from + length - 1 ) / length;
-         for ( U64 slot = first; slot < end; ++slot ) {
-            if ( Vellum::detail::loadFirst( range + slot * length ) != 0 ) {
-               visit( static_cast<U32>( slot ) );
+         for ( U64 slot = first; slot < end; slot = ( slot / wordBits + 1 ) * wordBits ) {
+            U64 const shown =
+               shownFrom( slot, std::min( end, ( slot / wordBits + 1 ) * wordBits ) );
+            if ( shown != 0 ) {
+               visit( static_cast<U32>( slot / wordBits ), shown );
             }
          }
       }
    }
 
-   void takeOverBlock( std::span<U32 const> slots ) const {
-      std::array<U64, bulkBlock> hashes;
-      for ( std::size_t i = 0; i < slots.size(); ++i ) {
-         // A hint, read without care: what counts is read again below.
-         U8 const* const image =
-            table_.readableRange() + table_.offsetOf( EmTableIndex( slots[ i ] ) );
-         hashes[ i ] = hashOf( Brine::ChipId( image[ ImageShape::chipOffset ] ),
-                               reinterpret_cast<char const*>( image + ImageShape::keyOffset ) );
-         keys().fetchTags( hashes[ i ] );
+   /// Which slots from `first` to `end`, all of one word of the bitmap, show an image; as that word has
+   /// them. Without a branch per slot: in a table that is neither full nor empty, nothing foretells it.
+   [[gnu::always_inline]] U64 shownFrom( U64 first, U64 end ) const {
+      U64 const length = table_.entryLengthBytes_;
+      U8 const* const range = table_.readableRange();
+      U32 any = 0;
+      U8 const* image = range + first * length;
+#pragma GCC unroll 4
+      for ( U64 left = end - first; left > 0; --left, image += length ) {
+         any |= Vellum::detail::loadFirst( image );
       }
-      for ( std::size_t i = 0; i < slots.size(); ++i ) {
-         keys().fetchElementOrPlace( hashes[ i ] );
+      if ( any == 0 ) {
+         return 0;
       }
-      for ( U32 const slot : slots ) {
-         takeOverInPlace( EmTableIndex( slot ) );
+      U64 shown = 0;
+#pragma GCC unroll 4
+      for ( U64 left = end - first; left > 0; --left ) {
+         image -= length;
+         shown = 2 * shown + ( Vellum::detail::loadFirst( image ) != 0 ? 1 : 0 );
+      }
+      return shown << first % wordBits;
+   }
+
+   template<class Visit>
+   [[gnu::always_inline]] static void forEachBit( U64 bits, Visit const& visit ) {
+      for ( ; bits != 0; bits &= bits - 1 ) {
+         visit( static_cast<U32>( std::countr_zero( bits ) ) );
       }
    }
 
-   /// takeOver() of a slot whose image showed itself in place, and whose pair is most likely new.
-   [[gnu::always_inline]] void takeOverInPlace( EmTableIndex index ) const {
-      auto const image =
-         Vellum::loadImageBy( ImageFields<wordCount, NoResult>( this->template shape<NoResult>() ),
-                              table_.readableRange() + table_.offsetOf( index ),
-                              table_.entryLengthBytes_ );
-      Brine::HBitmap& free = *table_.freeIndexBmp_;
-      bool const isTaken = image.firstByte() != 0 && free.bit( index.value() ) &&
-                           keys().addAtFirstLook( Pair( image.chip(), image.key() ), index );
-      if ( !isTaken ) [[unlikely]] {
-         takeOver( index );
-         return;
-      }
-      free.clearBit( index.value() );
-      this->countOneMore( image.chip() );
+   /// Starts to fetch what takeOverWord() reads of the map. Inlined at any price, as all that only fetches:
+   /// see Weft/FlatSearch.h.
+   [[gnu::always_inline]] void fetchPlaces( U32 word, U64 shown ) const {
+      std::array<U64, wordBits> hashes;
+      U8 const* const images = imagesOf( word );
+      forEachBit(
+         shown, [ & ]( U32 bit ) __attribute__( ( always_inline ) ) {
+            // A hint, read without care: what counts is read again.
+            U8 const* const image = images + U64{ bit } * table_.entryLengthBytes_;
+            hashes[ bit ] =
+               hashOf( Brine::ChipId( image[ ImageShape::chipOffset ] ),
+                       reinterpret_cast<char const*>( image + ImageShape::keyOffset ) );
+            keys().fetchTags( hashes[ bit ] );
+         } );
+      forEachBit(
+         shown, [ & ]( U32 bit ) __attribute__( ( always_inline ) ) {
+            keys().fetchElementOrPlace( hashes[ bit ] );
+         } );
+   }
+   U8 const* imagesOf( U32 word ) const {
+      return table_.readableRange() + U64{ word } * wordBits * table_.entryLengthBytes_;
+   }
+
+   /// takeOver() of the slots `shown` of a word, whose pairs are most likely new.
+   [[gnu::always_inline]] void takeOverWord( U32 word, U64 shown, Newcomers& newcomers ) const {
+      newcomers.wordIs( word );
+      U64 const counted = table_.freeIndexBmp_->toggledIn( word );
+      U8 const* const images = imagesOf( word );
+      forEachBit(
+         shown, [ & ]( U32 bit ) __attribute__( ( always_inline ) ) {
+            EmTableIndex const slot( word * wordBits + bit );
+            U8 const* const image = images + U64{ bit } * table_.entryLengthBytes_;
+            Brine::ChipId chip( 0 );
+            KeyWords<wordCount> key;
+            U64 const unlike =
+               readFinishedImage<wordCount>( image, this->template shape<NoResult>(), chip, key );
+            if ( ( unlike | ( counted >> bit & 1 ) ) == 0 &&
+                 keys().addAtFirstLook( Pair( chip, key ), slot ) ) [[likely]] {
+               newcomers.add( bit, chip );
+            } else {
+               takeOver( slot );
+            }
+         } );
    }
 
    /// Calls `visit( position, where )` for every pair of a key without an object, if `isWanted( where )`
@@ -195,12 +275,29 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
    }
    static constexpr auto isAny = []( SlotOrObject /*where*/ ) { return U32{ 1 }; };
 
-   /// Nothing here can fail, so the pairs may go all at once in the end.
-   void clearInPlace() const {
-      forEachPair( isAny, [ & ]( U64 /*position*/, SlotOrObject where ) {
-         this->removeOwned( where.slot(), table_.offsetOf( where.slot() ), where.chip() );
+   /// Whether no pair has to be asked where its image lies: each slot in use is that of one pair. (A
+   /// restart can find a pair in two slots.)
+   bool mayClearAtOnce() const {
+      return !traced && table_.ownedSize() != 0 && keys().objects() == 0 &&
+             keys().size() == table_.numUsedEntries_;
+   }
+   /// In the order of the slots, so that each line of the range is written in one go. Nothing here can
+   /// fail, so map and counts may follow in the end.
+   void clearAtOnce() const {
+      U32 const length = table_.entryLengthBytes_;
+      table_.freeIndexBmp_->untoggleAll( [ & ]( U32 word, U64 used ) {
+         U8* const images = table_.writableRange() + U64{ word } * wordBits * length;
+         if ( used == ~U64{ 0 } ) {
+            Vellum::storeNoImages( images, length, wordBits );
+            return;
+         }
+         forEachBit( used, [ & ]( U32 bit ) {
+            Vellum::storeNoImage( images + U64{ bit } * length, length );
+         } );
       } );
       keys().eraseAll();
+      table_.numUsedEntries_ = 0;
+      table_.usedByChip_.countsAreZero();
    }
 
    void deleteOneByOne( Brine::ChipId chip ) const {

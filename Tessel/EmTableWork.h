@@ -28,6 +28,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    static constexpr std::size_t wordCount = KeyClass::words;
    using Keys = KeyTable<wordCount>;
    using Pair = HashedPair<wordCount>;
+   using Element = KeyElement<wordCount>;
 
    using Slots::Slots;
 
@@ -47,7 +48,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       EntryWork const& work;
       Brine::ChipId chip;
       Weft::CharPtrConst key;
-      [[gnu::always_inline]] bool operator()( KeyElement<wordCount> const& element ) const {
+      [[gnu::always_inline]] bool operator()( Element const& element ) const {
          return isPair( element, chip, work.wordsAt( readAgain( key ) ) );
       }
    };
@@ -56,7 +57,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    }
    /// Whether an element is a pair with `chip`.
    [[gnu::always_inline]] static auto isOn( Brine::ChipId chip ) {
-      return [chip]( KeyElement<wordCount> const& element ) __attribute__( ( always_inline ) ) {
+      return [chip]( Element const& element ) __attribute__( ( always_inline ) ) {
          return element.where().isOn( chip );
       };
    }
@@ -111,8 +112,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
          return keys().glance(
             hash,
             isPairOf( chip, key ),
-            [ & ]( EmTableIndex slot, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
-               return setAt<Result>( slot, chip, key, result, fully );
+            [ & ]( auto const& found ) __attribute__( ( always_inline ) ) {
+               return setAt<Result>( *found.element, chip, key, result, fully );
             },
             [ & ]() __attribute__( ( always_inline ) ) {
                return addAbsent<Result>( table_, chip, key, hash, result );
@@ -132,7 +133,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
          return keys().glance(
             hash,
             isPairOf( chip, key ),
-            []( EmTableIndex, U64 ) { return true; },
+            []( auto const& /*found*/ ) { return true; },
             [] { return false; },
             fully );
       }
@@ -151,8 +152,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
          return keys().glance(
             hash,
             isOn( chip ),
-            [ & ]( EmTableIndex slot, U64 position ) __attribute__( ( always_inline ) ) {
-               return getAt<Result>( slot, position, chip, key, result, fully );
+            [ & ]( auto const& found ) __attribute__( ( always_inline ) ) {
+               return getAt<Result>( *found.element, chip, key, result, fully );
             },
             []() __attribute__( ( always_inline ) ) { return false; },
             fully );
@@ -171,8 +172,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
          return keys().glance(
             hash,
             isPairOf( chip, key ),
-            [ & ]( EmTableIndex slot, U64 position ) __attribute__( ( always_inline ) ) {
-               return delOwned<Result>( slot, position, chip, fully );
+            [ & ]( auto const& found ) __attribute__( ( always_inline ) ) {
+               return delOwned<Result>( found, chip, fully );
             },
             []() __attribute__( ( always_inline ) ) { return false; },
             fully );
@@ -183,33 +184,32 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    // slot.
 
    template<class Result, class Otherwise>
-   [[gnu::always_inline]] bool setAt( EmTableIndex slot,
+   [[gnu::always_inline]] bool setAt( Element const& element,
                                       Brine::ChipId const& chip,
                                       Weft::CharPtrConst key,
                                       Weft::CharPtrConst result,
                                       Otherwise const& otherwise ) const {
-      U64 const offset = offsetOf<Result>( slot );
+      U64 const offset = offsetOf<Result>( element.where().slot() );
       if ( offset >= table_.ownedSize() ) [[unlikely]] {
          return otherwise();
       }
       // A slot that it owns and that its map names holds an image.
       storeEntryImage<wordCount, Result, Before::anImage>(
-         table_.writableRange() + offset, shape<Result>(), chip, key, result );
+         table_.writableRange() + offset, shape<Result>(), chip, readAgain( key ), result );
       return true;
    }
 
    /// Of an element that isOn( chip ): what the map says of a slot that the table owns, the image says,
    /// so the key is compared with that; `otherwise()` when it is another.
    template<class Result, class Otherwise>
-   [[gnu::always_inline]] bool getAt( EmTableIndex slot,
-                                      U64 position,
+   [[gnu::always_inline]] bool getAt( Element const& element,
                                       Brine::ChipId const& chip,
                                       Weft::CharPtrConst key,
                                       Weft::CharPtr result,
                                       Otherwise const& otherwise ) const {
-      U64 const offset = offsetOf<Result>( slot );
+      U64 const offset = offsetOf<Result>( element.where().slot() );
       if ( offset >= table_.ownedSize() ) [[unlikely]] {
-         return getUnowned<Result>( table_, chip, key, position, result );
+         return getUnowned<Result>( table_, chip, key, element, result );
       }
       Result bytes;
       if ( readImageOf<wordCount>( table_.readableRange() + offset,
@@ -224,15 +224,15 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    }
 
    template<class Result, class Otherwise>
-   [[gnu::always_inline]] bool delOwned( EmTableIndex slot,
-                                         U64 position,
+   [[gnu::always_inline]] bool delOwned( typename Keys::Found const& found,
                                          Brine::ChipId const& chip,
                                          Otherwise const& otherwise ) const {
+      EmTableIndex const slot = found.element->where().slot();
       U64 const offset = offsetOf<Result>( slot );
       if ( offset >= table_.ownedSize() ) [[unlikely]] {
          return otherwise();
       }
-      keys().eraseGlanced( position );
+      keys().eraseGlanced( found.position );
       this->template removeOwned<knownLength<Result>>( slot, offset, chip );
       return true;
    }
@@ -312,19 +312,18 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       return index.valid();
    }
 
-   /// For an element at `position` of the right chip, whoever writes its image.
+   /// For an element of the right chip, whoever writes its image.
    template<class Result>
    [[gnu::noinline]] static bool getUnowned( Table& table,
                                              Brine::ChipId chip,
                                              Weft::CharPtrConst key,
-                                             U64 position,
+                                             Element const& element,
                                              Weft::CharPtr result ) {
       EntryWork const work( table );
       ImageShape const shape = work.template shape<Result>();
       auto const words = work.wordsAt( key );
-      U64 const offset = work.template offsetOf<Result>( work.keys().whereOf( position ).slot() );
-      if ( offset < table.readableSize() && sameWords( work.keys().wordsOf( position ), words ) )
-         [[likely]] {
+      U64 const offset = work.template offsetOf<Result>( element.where().slot() );
+      if ( offset < table.readableSize() && sameWords( element.words(), words ) ) [[likely]] {
          U8 const* const image = table.readableRange() + offset;
          Result bytes;
          U64 const difference =
@@ -400,7 +399,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    }
    /// In a table that owns its slots: nothing can fail, and what lies in a free one is no image.
    template<class Result>
-   [[gnu::always_inline]] bool addAtHome( typename Keys::Home const& home,
+   [[gnu::always_inline]] bool addAtHome( typename Keys::Found const& home,
                                           Brine::ChipId chip,
                                           Weft::CharPtrConst key,
                                           U64 hash,
@@ -449,8 +448,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       this->wipeImage( place.index );
       keys().erase( place, pair );
       this->giveBackSlot( place.index );
-      table_.numUsedEntriesDec( 1 );
-      table_.numUsedEntriesByChipIdDec( pair.chip, 1 );
+      this->countOneLess( pair.chip );
    }
 
    // ---- images

@@ -103,21 +103,21 @@ class KeyTable {
       return placeOf( pair, elements_.findUnsure( pair.hash, IsPair{ pair } ) );
    }
 
-   /// What the first look of find() says, which nearly always decides: calls `onSlot( slot, position )`
-   /// for the pair of which `isPair( element )` is true, `absent()` when it is not there, or else
-   /// `unsure()`; and answers what that does.
-   template<class IsThePair, class OnSlot, class Absent, class Unsure>
+   /// An element and its position.
+   using Found = typename Elements::Found;
+   /// What the first look of find() says, which nearly always decides: calls `onFound( found )` for the
+   /// pair of which `isPair( element )` is true, `absent()` when it is not there, or else `unsure()`; and
+   /// answers what that does.
+   template<class IsThePair, class OnFound, class Absent, class Unsure>
    [[gnu::always_inline]] auto glance( U64 hash,
                                        IsThePair const& isPair,
-                                       OnSlot const& onSlot,
+                                       OnFound const& onFound,
                                        Absent const& absent,
                                        Unsure const& unsure ) const {
       return elements_.glance(
          hash,
          isPair,
-         [ & ]( auto const& found ) __attribute__( ( always_inline ) ) {
-            return onSlot( found.element->where().slot(), found.position );
-         },
+         onFound,
          [ & ]() __attribute__( ( always_inline ) ) {
             if ( objects_ != 0 ) [[unlikely]] { // of which one may hold the pair, at another place
                return unsure();
@@ -138,6 +138,9 @@ class KeyTable {
    }
    /// The same for that many pairs of keys that have no object.
    void makeRoomFor( U64 pairs ) { elements_.makeRoomFor( pairs ); }
+   /// Says how many pairs will probably be added: when the table grows, it grows for them, too. 0 takes it
+   /// back.
+   void announce( U64 pairs ) { elements_.announce( pairs ); }
    /// Whether the first pair makes room for all.
    bool growsAtOnce() const { return elements_.growsAtOnce(); }
 
@@ -153,7 +156,6 @@ class KeyTable {
       }
    }
 
-   using Home = typename Elements::Found;
    /// Calls `onHome( home )` if addAtHome() can add a pair that is absent there, or `otherwise()`, when
    /// makeRoom() and set() have to find a place; and answers what that does.
    template<class OnHome, class Otherwise>
@@ -161,20 +163,17 @@ class KeyTable {
    home( U64 hash, OnHome const& onHome, Otherwise const& otherwise ) const {
       return elements_.placeAtHome( hash, onHome, otherwise );
    }
-   [[gnu::always_inline]] void addAtHome( Home const& home, Pair const& pair, EmTableIndex slot ) {
+   [[gnu::always_inline]] void addAtHome( Found const& home, Pair const& pair, EmTableIndex slot ) {
       elements_.insertAtHome( home, pair.hash, elementOf( pair, slot ) );
       chips_.add( pair.chip );
    }
 
    /// Adds a pair if the first look shows that it is absent and that there is room for it. False, and
-   /// nothing added, otherwise.
+   /// nothing added, otherwise. noteChip() has to follow before anybody asks for keys.
    [[gnu::always_inline]] bool addAtFirstLook( Pair const& pair, EmTableIndex slot ) {
-      if ( objects_ != 0 || !elements_.insertAtFirstLook( pair.hash, elementOf( pair, slot ) ) ) {
-         return false;
-      }
-      chips_.add( pair.chip );
-      return true;
+      return objects_ == 0 && elements_.insertAtFirstLook( pair.hash, elementOf( pair, slot ) );
    }
+   void noteChip( Brine::ChipId chip ) { chips_.add( chip ); }
 
    /// Removes a pair that find() found, and the object of its key with its last pair.
    [[gnu::always_inline]] void erase( KeyPlace const& place, Pair const& pair ) {
@@ -301,10 +300,11 @@ class KeyTable {
    // the objects; or anywhere, when only find() can tell.
 
    [[gnu::always_inline]] void fetchTags( U64 hash ) const { elements_.fetchTags( hash ); }
+   /// Where there is no element to look for, it fetches nothing.
    [[gnu::always_inline]] U64 fetchElement( U64 hash ) const {
       return elements_.fetchElement( hash );
    }
-   /// Never nowhere: a pair that is absent now may be there when it is looked for.
+   /// Where there is none, it fetches the place that a new one takes.
    [[gnu::always_inline]] U64 fetchElementOrPlace( U64 hash ) const {
       return elements_.fetchElementOrPlace( hash );
    }
@@ -312,16 +312,19 @@ class KeyTable {
    [[gnu::always_inline]] bool holds( U64 position ) const { return elements_.holds( position ); }
    /// As glance(), but for that position; it may be void by now. A pair is one element at most, so what
    /// is the pair there is all that there is of it.
-   template<class IsThePair, class OnSlot, class Otherwise>
+   template<class IsThePair, class OnFound, class Otherwise>
    [[gnu::always_inline]] auto glanceAt( U64 position,
                                          IsThePair const& isPair,
-                                         OnSlot const& onSlot,
-                                         Otherwise const& otherwise ) const {
+                                         OnFound const& onFound,
+                                         Otherwise const& otherwise ) {
       if ( !holds( position ) || !isPair( elements_[ position ] ) ) [[unlikely]] {
          return otherwise();
       }
-      return onSlot( whereOf( position ).slot(), position );
+      return onFound( Found{ .element = &elements_[ position ], .position = position } );
    }
+   /// For who asks often while the table does not change; it knows nothing of objects.
+   using Search = typename Elements::Search;
+   Search search() const { return elements_.search(); }
    /// Bytes that a look-up may touch.
    U64 bytes() const { return elements_.bytes(); }
 

@@ -211,6 +211,18 @@ TEST( BulkCall, followsAChainThroughItsOwnBuffers ) {
    EXPECT_EQ( links.back(), links.size() + 1 );
 }
 
+TEST( BulkCall, makesRoomForAllThatItAddsAtOnce ) {
+   Geometry const geometry{ 400'000,
+                            8,
+                            2 }; // too large to take all its memory with the first entry
+   auto const table = tableOver( Vellum::VellumChunk::inProcess( 400'000 * 12 ), geometry );
+   Pairs const pairs( geometry, 50'000 );
+   EXPECT_EQ( table->entryIsBulk( pairs.part( 0, 50'000 ) ), 50'000U );
+   EXPECT_GE( table->keyToIndexListCapacity(), 50'000U );
+   EXPECT_LT( table->keyToIndexListCapacity(), 60'000U );
+   EXPECT_EQ( table->entryHasBulk( withoutResults( pairs.part( 0, 50'000 ) ) ), 50'000U );
+}
+
 TEST( BulkCall, tracesWhatTheSingleCallsTrace ) {
    Twins const twins( { 8, 4, 2 } );
    Pairs const pairs( { 8, 4, 2 }, 12 );

@@ -74,6 +74,38 @@ TEST( BulkRemoval, reachesEveryPairOnce ) {
    EXPECT_EQ( table->keyToIndexListCount(), 0U );
 }
 
+// What a table that owns its range takes out at once has to be what it would take out one by one.
+TEST( BulkRemoval, ofAPairInTwoSlotsTakesOutTheOneThatTheMapNames ) {
+   for ( bool const ofChip : { false, true } ) {
+      auto const table = newTable();
+      for ( U32 const slot : { 1U, 3U } ) {
+         table->writeToVellumMemory(
+            EmTableIndex( slot ), chip3, keyOf( "AAAA" ), resultOf( "rr" ) );
+      }
+      auto const restarted = tableOver( table->vellumChunk() );
+      add( restarted, chip3, "BBBB", "r1" ); // from now on it knows what lies in its range
+      std::string const kept = imageAt( *restarted, 1 );
+      ofChip ? restarted->deleteAll( chip3 ) : restarted->clearTable();
+      EXPECT_EQ( imageAt( *restarted, 1 ), kept );
+      EXPECT_EQ( imageAt( *restarted, 0 ) + imageAt( *restarted, 3 ), std::string( 16, '\0' ) );
+      EXPECT_EQ( restarted->keyToIndexListCount(), 0U );
+      EXPECT_EQ( restarted->numUsedEntries(), 1U );
+      EXPECT_EQ( restarted->numUsedEntriesByChipId( chip3 ), 1U );
+   }
+}
+
+TEST( BulkRemoval, lowersCountsThatACallerHasSet ) {
+   auto const table = newTable();
+   add( table, chip3, "AAAA", "r1" );
+   add( table, chip5, "AAAA", "r2" );
+   table->numUsedEntriesByChipIdIs( chip3, 7 );
+   table->numUsedEntriesByChipIdDel( chip5 );
+   table->clearTable();
+   EXPECT_EQ( table->numUsedEntriesByChipId( chip3 ), 6U );
+   EXPECT_EQ( table->numUsedEntriesByChipId( chip5 ), ~U32{ 0 } );
+   EXPECT_EQ( table->numUsedEntries(), 0U );
+}
+
 TEST( BulkRemoval, removesKeysThatHaveNoSlotToo ) {
    auto const table = newTable();
    add( table, chip3, "AAAA", "r1" );

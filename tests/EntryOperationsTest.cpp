@@ -253,4 +253,29 @@ TEST( EntryOperations, onAReadOnlyChunkFailAndLeaveEverythingAsItWas ) {
    EXPECT_EQ( table->getTableIndex( chip3, keyOf( "AAAA" ) ).value(), 0U );
 }
 
+// Of an image, everything that a caller may point at is read before anything is written.
+TEST( EntryOperations, aKeyMayLieInTheSlotThatIsWritten ) {
+   for ( Geometry const geometry : { Geometry{ 8, 4, 4 },
+                                     Geometry{ 8, 2, 2 },
+                                     Geometry{ 8, 6, 8 },
+                                     Geometry{ 8, 8, 8 },
+                                     Geometry{ 8, 12, 4 },
+                                     Geometry{ 8, 20, 8 },
+                                     Geometry{ 8, 7, 12 } } ) {
+      SCOPED_TRACE( testing::Message() << geometry.key << '+' << geometry.result );
+      std::string const key( geometry.key, 'A' );
+      auto const table = newTable( geometry );
+      for ( U32 at = 2; at + geometry.key <= table->entryLengthBytes(); ++at ) {
+         table->clearTable();
+         add( table, chip3, key, std::string( geometry.result, 'A' ) );
+         U8 const* const image = table->vellumChunk()->readableAt( 0, table->entryLengthBytes() );
+         std::string const pointedAt( reinterpret_cast<char const*>( image + at ), geometry.key );
+         std::string const result( geometry.result, 'B' );
+         table->entryIs( chip3, reinterpret_cast<char const*>( image + at ), result.data() );
+         EXPECT_EQ( lookUp( *table, chip3, pointedAt ), result ) << "at " << at;
+         EXPECT_EQ( table->numUsedEntries(), pointedAt == key ? 1U : 2U );
+      }
+   }
+}
+
 } // namespace

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <new>
 #include <random>
 #include <set>
@@ -121,6 +122,39 @@ TEST_P( HBitmapModelTest, bitsTakenLowestFirstComeInOrderUntilNoneIsLeft ) {
       real_->setBit( bit );
       ASSERT_EQ( real_->findBitInSetState( lowest ), bit );
    }
+}
+
+TEST_P( HBitmapModelTest, wordsOfBitsChangeAsTheirBitsWould ) {
+   bool const toggledIsSet = real_->initialBitState() == State::allClear;
+   std::set<U32> toggled;
+   for ( int step = 0; size_ > 0 && step < 100; ++step ) {
+      U32 const word = below( size_ ) / HBitmap::wordBits;
+      U64 mask = step % 5 == 0 ? ~U64{ 0 } : std::uniform_int_distribution<U64>()( random_ );
+      U32 const inWord = size_ - word * HBitmap::wordBits;
+      mask &= inWord < HBitmap::wordBits ? ( U64{ 1 } << inWord ) - 1 : ~U64{ 0 };
+      real_->toggleIn( word, mask );
+      for ( U32 bit = 0; bit < HBitmap::wordBits; ++bit ) {
+         if ( ( mask >> bit & 1 ) != 0 ) {
+            model_.bitIs( word * HBitmap::wordBits + bit, toggledIsSet );
+            toggled.insert( word * HBitmap::wordBits + bit );
+         }
+      }
+      ASSERT_EQ( real_->toggledIn( word ) & mask, mask );
+      U32 const from = below( size_ );
+      compare( from, size_ - 1 );
+   }
+   std::set<U32> told;
+   real_->untoggleAll( [ & ]( U32 word, U64 bits ) {
+      for ( ; bits != 0; bits &= bits - 1 ) {
+         auto const bit = static_cast<U32>( std::countr_zero( bits ) );
+         told.insert( told.end(), word * HBitmap::wordBits + bit );
+      }
+   } );
+   EXPECT_EQ( told, toggled );
+   runIs( 0, size_, !toggledIsSet );
+   compareEverywhere();
+   runIs( size_ / 3, 100, toggledIsSet ); // it works as a new one does
+   compareEverywhere();
 }
 
 TEST_P( HBitmapModelTest, aSingleClearBitIsFoundFromEverywhereBelowItAndFromNowhereAbove ) {

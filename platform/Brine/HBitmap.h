@@ -91,6 +91,25 @@ class [[gnu::visibility( "default" )]] HBitmap : public Corvo::Node {
       toggle( firstOpenWord_, words()[ firstOpenWord_ ] + 1 );
    }
 
+   // For who works on many bits at once: 64 to a word, bit 0 of word 0 first.
+
+   static constexpr U32 wordBits = 64;
+   /// The toggled bits of a word that begins at or before bit size().
+   U64 toggledIn( U32 word ) const { return words()[ word ]; }
+   /// Toggles the bits of `mask` too, all of them below size().
+   [[gnu::always_inline]] void toggleIn( U32 word, U64 mask ) {
+      if ( mask != 0 ) {
+         toggle( word, mask );
+      }
+   }
+   /// Brings every bit back to the initial state, word by word: first calls
+   /// `visit( word, toggled bits )`, which must not throw.
+   template<class Visit>
+   void untoggleAll( Visit const& visit ) {
+      untoggleBelow( top_, 0, visit );
+      firstOpenWord_ = 0;
+   }
+
    /// Brings `bit`, which is less than size(), back to the initial state.
    [[gnu::always_inline]] void untoggle( U32 bit ) {
       U64& word = words()[ bit / wordBits ];
@@ -122,7 +141,6 @@ class [[gnu::visibility( "default" )]] HBitmap : public Corvo::Node {
    static Weft::AllocTrackTypeInfo memAllocationTracker_;
 
  private:
-   static constexpr U32 wordBits = 64;
    static constexpr U64 allOnes = ~U64{ 0 };
    static constexpr std::size_t maxLevels = 6; // 64 to the power of 6 is more than 2^32
    static constexpr Weft::SassertHelper sassert_{ "HBitmap" };
@@ -147,6 +165,18 @@ class [[gnu::visibility( "default" )]] HBitmap : public Corvo::Node {
       if ( before == 0 || word == allOnes ) [[unlikely]] {
          summariseToggled( at );
       }
+   }
+
+   template<class Visit>
+   void untoggleBelow( U32 level, U32 at, Visit const& visit ) {
+      U64 below = some_[ level ][ at ];
+      if ( level == 0 ) {
+         visit( at, below );
+      }
+      for ( ; level > 0 && below != 0; below &= below - 1 ) {
+         untoggleBelow( level - 1, at * wordBits + lowestOne( below ), visit );
+      }
+      some_[ level ][ at ] = all_[ level ][ at ] = 0;
    }
 
    void summariseToggled( U32 word );

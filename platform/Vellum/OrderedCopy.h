@@ -462,6 +462,16 @@ template<U32 length>
       } );
 }
 
+/// The same for `count` images that lie one behind the other: all of them disappear before the first one
+/// is wiped, see (2).
+inline void storeNoImages( U8* to, U32 length, U32 count ) {
+   for ( U32 i = 0; i < count; ++i ) {
+      detail::storeFirst( to + std::size_t{ i } * length, 0 );
+   }
+   detail::orderStores();
+   std::memset( to, 0, std::size_t{ count } * length );
+}
+
 /// Takes one image of `length` bytes at `from`, written by storeImage with the same bounds in this
 /// or another process: one of the images if it changes meanwhile.
 ///

@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+/// What the bulk calls of an exact-match table share. Internal to EmTable.
+///
+/// In a table that no cache holds they work in overlapping stages, each of which reads what the one before
+/// it has fetched: the tags, then the element, then the image. The stages take turns at blocks of pairs, so
+/// that what is fetched for one block arrives while three others are worked on:
+///
+///    turn n      hash block n     follow n - 1     prepare n - 2     perform n - 3
+///
+/// Threads: as the table.
+
+#include "Weft/Types.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+
+namespace Tessel {
+
+/// Takes the answers of a bulk call to where the caller wants them, and counts the true ones.
+class BulkAnswers {
+ public:
+   /// `answers` may be null.
+   explicit BulkAnswers( bool* answers ) : answers_( answers ) {}
+
+   [[gnu::always_inline]] void note( std::size_t number, bool answer ) {
+      count_ += answer ? 1 : 0;
+      if ( answers_ != nullptr ) {
+         answers_[ number ] = answer;
+      }
+   }
+   U64 count() const { return count_; }
+
+ private:
+   bool* answers_;
+   U64 count_ = 0;
+};
+
+/// How many pairs make a block: so long it takes, at the least, until what a stage has fetched is needed.
+inline constexpr std::size_t bulkStep = 16;
+
+/// Calls `work( number, number within the block )` for each of `count` pairs that is in a block.
+template<class Work>
+[[gnu::always_inline]] inline void
+forEachInBlock( std::size_t block, std::size_t count, Work const& work ) {
+   std::size_t const begin = block * bulkStep;
+   std::size_t const length = begin < count ? std::min( bulkStep, count - begin ) : 0;
+   for ( std::size_t i = 0; i < length; ++i ) {
+      work( begin + i, i );
+   }
+}
+
+/// Takes `count` pairs, each with its number, through the stages: `hash( number )`, `follow( hash )`, which
+/// answers a Lead, `prepare( lead )` and `perform( number, lead )`, this in the order of the numbers. What
+/// comes before sees the table as it was some calls ago.
+template<class Lead, class Hash, class Follow, class Prepare, class Perform>
+[[gnu::always_inline]] inline void inStages( std::size_t count,
+                                             Hash const& hash,
+                                             Follow const& follow,
+                                             Prepare const& prepare,
+                                             Perform const& perform ) {
+   std::array<U64, bulkStep> hashes;
+   // Of two blocks in a row: the one that is performed makes room for the one that is followed.
+   std::array<std::array<Lead, bulkStep>, 2> leads;
+   std::size_t const blocks = ( count + bulkStep - 1 ) / bulkStep;
+   for ( std::size_t turn = 0; turn < blocks + 3; ++turn ) {
+      auto& prepared = leads[ turn % 2 ];
+      auto& performedAndFollowed = leads[ ( turn + 1 ) % 2 ];
+      if ( turn >= 3 ) {
+         forEachInBlock(
+            turn - 3,
+            count,
+            [ & ]( std::size_t number, std::size_t i ) __attribute__( ( always_inline ) ) {
+               perform( number, performedAndFollowed[ i ] );
+            } );
+      }
+      if ( turn >= 2 ) {
+         forEachInBlock(
+            turn - 2,
+            count,
+            [ & ]( std::size_t /*number*/, std::size_t i )
+               __attribute__( ( always_inline ) ) { prepare( prepared[ i ] ); } );
+      }
+      if ( turn >= 1 ) {
+         forEachInBlock(
+            turn - 1,
+            count,
+            [ & ]( std::size_t /*number*/, std::size_t i ) __attribute__( ( always_inline ) ) {
+               performedAndFollowed[ i ] = follow( hashes[ i ] );
+            } );
+      }
+      forEachInBlock(
+         turn,
+         count,
+         [ & ]( std::size_t number, std::size_t i )
+            __attribute__( ( always_inline ) ) { hashes[ i ] = hash( number ); } );
+   }
+}
+
+} // namespace Tessel
