@@ -88,6 +88,22 @@ class StoppedAtEveryInstruction : public testing::TestWithParam<Geometry> {
    std::string const newResult = std::string( 12, 'a' );
 };
 
+/// A full table, of more slots than a word of its bitmap has.
+class StoppedWhileItClears : public testing::Test {
+ protected:
+   void SetUp() override {
+      for ( char slot = 0; slot < static_cast<char>( slots ); ++slot ) {
+         add( table, chip3, std::string( 6, static_cast<char>( '!' + slot ) ), "result" );
+      }
+   }
+
+   static constexpr U32 slots = 70;
+   static constexpr U32 length = 16;
+   UniqueName const name;
+   Chunk const chunk = VellumChunk::create( *name, slots* length );
+   Table const table = tableOver( chunk, { .entries = slots, .key = 6, .result = 6 } );
+};
+
 TEST_P( StoppedAtEveryInstruction, aRewriteIsDoneOrNot ) {
    expectBeforeOrAfter(
       [ & ] { add( writer, chip3, key, newResult ); }, std::string( 12, 'b' ), newResult );
@@ -113,6 +129,25 @@ TEST_P( StoppedAtEveryInstruction, aRewriteOfASlotThatACallerGaveToAnotherKeyIsD
 
 // A slot of each length that is copied in a way of its own. (One of 12 bytes whose key has less than
 // 2 is the one whose result a kill can split.)
+TEST_F( StoppedWhileItClears, everyImageIsWholeOrGone ) {
+   std::string const full = allBytes( chunk );
+   std::string last;
+   U32 states = 0;
+   auto const look = [ & ] {
+      std::string const bytes = allBytes( chunk );
+      states += bytes == std::exchange( last, bytes ) ? 0 : 1;
+      for ( std::size_t image = 0; image < full.size(); image += length ) {
+         bool const gone = bytes[ image ] == 0;
+         ASSERT_TRUE( gone || bytes.substr( image, length ) == full.substr( image, length ) );
+      }
+   };
+   if ( !stepThrough( [ & ] { table->clearTable(); }, look ) ) {
+      GTEST_SKIP() << "no process may be traced here";
+   }
+   EXPECT_GT( states, slots );
+   EXPECT_EQ( last, std::string( full.size(), '\0' ) );
+}
+
 INSTANTIATE_TEST_SUITE_P( Geometries,
                           StoppedAtEveryInstruction,
                           testing::Values( Geometry{ .entries = 4, .key = 1, .result = 1 },
@@ -128,26 +163,47 @@ INSTANTIATE_TEST_SUITE_P( Geometries,
                                     std::to_string( info.param.result );
                           } );
 
-/// One operation of an endless history, the same for whoever asks for its number.
+/// One operation of an endless history, the same for whoever asks for its number: most of one entry, some
+/// of several in one call, a few of all of a chip or of the table.
 struct Operation {
    Brine::ChipId chip{ 0 };
-   std::string key;
+   std::vector<std::string> keys;
    std::string result;
-   bool adds = false;
+   enum class Kind { add, del, delChip, clear } kind = Kind::add;
 
    explicit Operation( U64 number, Geometry geometry ) {
       std::minstd_rand random( static_cast<U32>( number * 2654435761U + 1 ) );
       random.discard( 3 );
       chip = Brine::ChipId( static_cast<U8>( random() % 3 ) );
-      key = std::string( geometry.key, static_cast<char>( 'a' + random() % 12 ) );
+      auto const first = static_cast<char>( 'a' + random() % 12 );
+      U32 const kinds = static_cast<U32>( random() % 40 );
+      kind = kinds == 0   ? Kind::clear
+             : kinds == 1 ? Kind::delChip
+             : kinds < 24 ? Kind::add
+                          : Kind::del;
+      for ( int i = 0; i < ( kinds % 4 == 0 ? 4 : 1 ); ++i ) {
+         keys.emplace_back( geometry.key, static_cast<char>( first + i ) );
+      }
       result = std::string( geometry.result, static_cast<char>( random() % 256 ) );
-      adds = random() % 5 < 3;
    }
+
    void apply( Tessel::EmShadowTable& table ) const {
-      if ( adds ) {
-         table.entryIs( chip, key.data(), result.data() );
+      std::vector<EmPairAndResult> pairs;
+      std::vector<EmPair> bare;
+      for ( std::string const& key : keys ) {
+         pairs.push_back( { chip, key.data(), result.data() } );
+         bare.push_back( { chip, key.data() } );
+      }
+      if ( kind == Kind::clear ) {
+         table.clearTable();
+      } else if ( kind == Kind::delChip ) {
+         table.deleteAll( chip );
+      } else if ( kind == Kind::add ) {
+         keys.size() > 1 ? (void)table.entryIsBulk( pairs )
+                         : (void)table.entryIs( chip, keys[ 0 ].data(), result.data() );
       } else {
-         table.entryDel( chip, key.data() );
+         keys.size() > 1 ? (void)table.entryDelBulk( bare )
+                         : table.entryDel( chip, keys[ 0 ].data() );
       }
    }
 };
@@ -155,11 +211,19 @@ struct Operation {
 using Entries = std::map<std::pair<Brine::ChipId, std::string>, std::string>;
 
 void apply( Operation const& operation, Entries& entries, Geometry geometry ) {
-   std::pair const pair( operation.chip, operation.key );
-   if ( !operation.adds ) {
-      entries.erase( pair );
-   } else if ( entries.contains( pair ) || entries.size() < geometry.entries ) {
-      entries[ pair ] = operation.result;
+   using Kind = Operation::Kind;
+   std::erase_if( entries, [ & ]( auto const& entry ) {
+      return operation.kind == Kind::clear ||
+             ( operation.kind == Kind::delChip && entry.first.first == operation.chip );
+   } );
+   for ( std::string const& key : operation.keys ) {
+      std::pair const pair( operation.chip, key );
+      if ( operation.kind == Kind::del ) {
+         entries.erase( pair );
+      } else if ( operation.kind == Kind::add &&
+                  ( entries.contains( pair ) || entries.size() < geometry.entries ) ) {
+         entries[ pair ] = operation.result;
+      }
    }
 }
 
@@ -218,8 +282,8 @@ class KilledAgents {
       return child.traced();
    }
 
-   /// What a restarted agent finds is what its predecessors have acknowledged, and the operation in
-   /// flight done or not.
+   /// What a restarted agent finds is what its predecessors have acknowledged, and each entry of the
+   /// operation in flight as before it or as after.
    void expectNothingLost() {
       for ( ; known_ < told_->done; ++known_ ) {
          apply( Operation( known_, geometry_ ), entries_, geometry_ );
@@ -231,7 +295,15 @@ class KilledAgents {
       if ( told_->begun > known_ ) {
          apply( Operation( known_, geometry_ ), after, geometry_ );
       }
-      ASSERT_TRUE( found == entries_ || found == after || isSplit( found, after ) );
+      Entries all = entries_;
+      all.insert( after.begin(), after.end() );
+      all.insert( found.begin(), found.end() );
+      for ( auto const& [ pair, ignored ] : all ) {
+         auto const as = resultIn( found, pair );
+         ASSERT_TRUE( as == resultIn( entries_, pair ) || as == resultIn( after, pair ) ||
+                      isSplit( as, resultIn( entries_, pair ), resultIn( after, pair ) ) )
+            << pair.second;
+      }
    }
    U64 acknowledged() const { return known_; }
 
@@ -264,24 +336,26 @@ class KilledAgents {
             ->manageEmShadow( "mac", helperOf( geometry_ ) ) );
    }
 
-   /// Whether the one result in flight is made of both, in a geometry whose results no single store
-   /// covers (docs/guarantees.md).
-   bool isSplit( Entries found, Entries const& after ) const {
+   using Result = std::optional<std::string>;
+   static Result resultIn( Entries const& entries, Entries::key_type const& pair ) {
+      auto const at = entries.find( pair );
+      return at == entries.end() ? Result() : Result( at->second );
+   }
+
+   /// Whether a result in flight is made of both, in a geometry whose results no single store covers
+   /// (docs/guarantees.md).
+   bool isSplit( Result const& found, Result const& before, Result const& after ) const {
       U32 const used = 2 + geometry_.key + geometry_.result;
-      if ( used < 9 || used > 12 || geometry_.key > 1 || geometry_.result == 8 ) {
+      if ( used < 9 || used > 12 || geometry_.key > 1 || geometry_.result == 8 || !found ||
+           !before || !after ) {
          return false;
       }
-      Operation const inFlight( known_, geometry_ );
-      std::pair const pair( inFlight.chip, inFlight.key );
-      auto const before = entries_.find( pair );
-      if ( before == entries_.end() || !found.contains( pair ) ) {
-         return false;
+      for ( std::size_t i = 0; i < found->size(); ++i ) {
+         if ( ( *found )[ i ] != ( *before )[ i ] && ( *found )[ i ] != ( *after )[ i ] ) {
+            return false;
+         }
       }
-      std::string& result = found[ pair ];
-      for ( std::size_t i = 0; i < result.size(); ++i ) {
-         result[ i ] = result[ i ] == before->second[ i ] ? inFlight.result[ i ] : result[ i ];
-      }
-      return found == after;
+      return true;
    }
 
    Geometry geometry_;

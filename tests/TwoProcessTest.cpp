@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/Asked.h"
+#include "support/Contract.h"
 #include "support/Stepping.h"
 #include "support/Tables.h"
 #include "support/Tool.h"
@@ -260,6 +261,7 @@ class Peer {
       while ( !traffic.stopped ) {
          Table const table = newTable();
          lookUpIn( table, traffic );
+         lookUpInBulk( *table, traffic );
          for ( EmTableEntry const& entry : table->entries() ) {
             if ( entry.valid() ) {
                walked( traffic, entry.chipId(), entry.key().bytes(), entry.result().bytes() );
@@ -294,6 +296,29 @@ class Peer {
          if ( found ) {
             ++traffic.found;
             traffic.foreign += belongs( chip_, key_, result ) ? 0 : 1;
+         }
+      }
+   }
+
+   /// A table object refuses an image that another process has changed; what it answered before holds.
+   void lookUpInBulk( EmShadowTable const& table, Traffic& traffic ) {
+      constexpr std::size_t count = 40;
+      std::vector<std::pair<Brine::ChipId, std::string>> pairs;
+      std::vector<std::string> results( count, std::string( place_.geometry.result, '\0' ) );
+      std::vector<EmPairAndBuffer> asked;
+      for ( std::size_t i = 0; i < count; ++i ) {
+         choose();
+         pairs.emplace_back( chip_, key_ );
+      }
+      for ( std::size_t i = 0; i < count; ++i ) {
+         asked.push_back( { pairs[ i ].first, pairs[ i ].second.data(), results[ i ].data() } );
+      }
+      std::array<bool, count> answers{};
+      (void)contractFailure( [ & ] { table.entryBulk( asked, answers ); } );
+      for ( std::size_t i = 0; i < count; ++i ) {
+         if ( answers[ i ] ) {
+            ++traffic.found;
+            traffic.foreign += belongs( pairs[ i ].first, pairs[ i ].second, results[ i ] ) ? 0 : 1;
          }
       }
    }
@@ -365,14 +390,15 @@ TEST( TwoReaders, besideAWriterNeverMeetAForeignOrATornResult ) {
                                 Geometry{ .entries = 4, .key = 14, .result = 12 },
                                 Geometry{ .entries = 3, .key = 2, .result = 12 },
                                 Geometry{ .entries = 3, .key = 6, .result = 4 },
-                                Geometry{ .entries = 3, .key = 8, .result = 8 },
+                                // Large enough for bulk calls to fetch ahead.
+                                Geometry{ .entries = 12'000, .key = 8, .result = 8 },
                                 Geometry{ .entries = 3, .key = 5, .result = 3 },
                                 Geometry{ .entries = 3, .key = 4, .result = 2 } };
    U64 const reads = asked( "TESSEL_TEST_READS", 1 ) / geometries.size() + 1;
    U32 seed = 1;
    for ( Geometry const geometry : geometries ) {
       UniqueName const name;
-      auto const chunk = VellumChunk::create( *name, 400 );
+      auto const chunk = VellumChunk::create( *name, 64 + 36 * geometry.entries );
       SharedPage<Traffic> traffic;
       // The result of the first slot crosses a cache line in its middle.
       U32 const offset = 64 - 2 - geometry.key - geometry.result / 2;
