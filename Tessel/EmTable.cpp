@@ -305,6 +305,7 @@ Corvo::Ptr<HBitmap> EmShadowTable::freeIndexBmpDel() {
 }
 
 EmTableIndex EmShadowTable::alloc() {
+   trustIsLost(); // the slot is in use, and the map does not name it
    return SlotWork<true, EmShadowTable>( *this ).takeSlot();
 }
 
@@ -314,6 +315,7 @@ void EmShadowTable::free( EmTableIndex index ) {
 }
 
 void EmShadowTable::markIndexUsed( EmTableIndex index ) {
+   trustIsLost(); // as alloc()
    SlotWork<true, EmShadowTable>( *this ).markSlotUsed( index );
 }
 

@@ -94,6 +94,16 @@ TEST( BulkRemoval, ofAPairInTwoSlotsTakesOutTheOneThatTheMapNames ) {
    }
 }
 
+TEST( BulkRemoval, leavesSlotsInUseThatACallerHasTaken ) {
+   auto const table = newTable();
+   add( table, chip3, "AAAA", "r1" );
+   EXPECT_EQ( table->alloc(), EmTableIndex( 1 ) );
+   table->markIndexUsed( EmTableIndex( 2 ) );
+   table->clearTable();
+   EXPECT_EQ( table->alloc(), EmTableIndex( 0 ) );
+   EXPECT_EQ( table->alloc(), EmTableIndex( 3 ) );
+}
+
 TEST( BulkRemoval, lowersCountsThatACallerHasSet ) {
    auto const table = newTable();
    add( table, chip3, "AAAA", "r1" );
