@@ -127,8 +127,6 @@ TEST_P( StoppedAtEveryInstruction, aRewriteOfASlotThatACallerGaveToAnotherKeyIsD
    expectBeforeOrAfter( [ & ] { add( writer, chip3, key, newResult ); }, std::nullopt, newResult );
 }
 
-// A slot of each length that is copied in a way of its own. (One of 12 bytes whose key has less than
-// 2 is the one whose result a kill can split.)
 TEST_F( StoppedWhileItClears, everyImageIsWholeOrGone ) {
    std::string const full = allBytes( chunk );
    std::string last;
@@ -148,6 +146,8 @@ TEST_F( StoppedWhileItClears, everyImageIsWholeOrGone ) {
    EXPECT_EQ( last, std::string( full.size(), '\0' ) );
 }
 
+// A slot of each length that is copied in a way of its own. (One of 12 bytes whose key has less than
+// 2 is the one whose result a kill can split.)
 INSTANTIATE_TEST_SUITE_P( Geometries,
                           StoppedAtEveryInstruction,
                           testing::Values( Geometry{ .entries = 4, .key = 1, .result = 1 },

@@ -139,6 +139,45 @@ TEST( Recovery, ofALargeTableFindsEveryEntryWhileItsMapGrows ) {
    }
 }
 
+// Pages that nobody has touched are passed over; the one that has been begins amid a word of the bitmap.
+TEST( Recovery, findsTheOnlyImageOfASparseChunk ) {
+   UniqueName const name;
+   auto const chunk = Vellum::VellumChunk::create( *name, 800'008 );
+   constexpr U32 slot = ( 4096 * 100 - 8 ) / 8;
+   chunk->write( 8 + slot * 8, "\1\3AAAAr1", 8 );
+   auto const table = tableOver( chunk, { .entries = 100'000, .key = 4, .result = 2 }, 8 );
+   EXPECT_EQ( table->numUsedEntries(), 1U );
+   EXPECT_EQ( table->getTableIndex( chip3, keyOf( "AAAA" ) ).value(), slot );
+}
+
+TEST( Recovery, ofAPairThatTheMapHoldsElsewhereAddsNoOther ) {
+   Geometry const geometry{ .entries = 3000, .key = 4, .result = 2 };
+   auto const table = tableOver( Vellum::VellumChunk::inProcess( 3000 * 8 ), geometry );
+   auto const keyOfSlot = []( U32 slot ) { return std::to_string( 1000 + slot ); };
+   for ( U32 slot = 0; slot < geometry.entries; ++slot ) {
+      add( table, chip3, keyOfSlot( slot ), "r1" );
+   }
+   // Where others made room, a pair that lies behind its place could lie there, too.
+   for ( U32 slot = 0; slot < geometry.entries; slot += 2 ) {
+      table->entryDel( chip3, keyOfSlot( slot ).data() );
+      table->writeToVellumMemory(
+         EmTableIndex( slot ), chip3, keyOf( keyOfSlot( slot + 1 ) ), resultOf( "r2" ) );
+   }
+   table->reconcile();
+   EXPECT_EQ( table->keyToIndexListCount(), geometry.entries / 2 );
+   EXPECT_EQ( table->numUsedEntries(), geometry.entries );
+}
+
+TEST( Recovery, addsToTheObjectOfAKey ) {
+   auto const table = newTable();
+   add( table, chip3, "AAAA", "r1" );
+   auto const object = table->keyToIndexList( keyOf( "AAAA" ) );
+   table->writeToVellumMemory( EmTableIndex( 5 ), chip7, keyOf( "AAAA" ), resultOf( "r2" ) );
+   table->reconcile();
+   EXPECT_EQ( object->index( chip7 ), EmTableIndex( 5 ) );
+   EXPECT_EQ( table->keyToIndexListCount(), 1U );
+}
+
 TEST( Recovery, tracesEverySlotInOrder ) {
    auto const chunk = Vellum::VellumChunk::inProcess( 64 );
    writeImage( chunk, 1, "\1\3AAAAr1" );

@@ -241,11 +241,15 @@ class Peer {
    Peer( Place const& place, VellumChunk::Access access, U32 seed )
          : place_( place ), random_( seed ), chunk_( VellumChunk::open( place.chunk, access ) ) {}
 
-   /// Adds, rewrites and deletes until it is stopped.
+   /// Adds, rewrites, deletes, and now and then clears and fills the table, until it is stopped.
    void write( Traffic& traffic ) {
       Table const table = newTable();
       U32 const result = place_.geometry.result;
       for ( U32 i = 0; !traffic.stopped; ++i ) {
+         if ( i % 1024 == 0 ) {
+            table->clearTable();
+            fill( *table, i );
+         }
          choose();
          if ( random_() % 8 != 0 ) {
             add( table, chip_, key_, resultFor( chip_, key_, i & 0xff, result ) );
@@ -283,6 +287,22 @@ class Peer {
    std::string const& key() const { return key_; }
 
  private:
+   void fill( EmShadowTable& table, U32 version ) const {
+      std::vector<std::array<std::string, 2>> entries;
+      for ( U32 i = 0; i < 2 * place_.keys; ++i ) {
+         std::string const key( place_.geometry.key, static_cast<char>( i / 2 ) );
+         Brine::ChipId const chip( static_cast<U8>( i % 2 ) );
+         entries.push_back(
+            { key, resultFor( chip, key, version & 0xff, place_.geometry.result ) } );
+      }
+      std::vector<EmPairAndResult> pairs;
+      for ( auto const& [ key, result ] : entries ) {
+         Brine::ChipId const chip( static_cast<U8>( pairs.size() % 2 ) );
+         pairs.push_back( { chip, key.data(), result.data() } );
+      }
+      table.entryIsBulk( pairs );
+   }
+
    Table newTable() const { return tableOver( chunk_, place_.geometry, place_.offset ); }
 
    void lookUpIn( Table const& table, Traffic& traffic ) {
@@ -402,7 +422,11 @@ TEST( TwoReaders, besideAWriterNeverMeetAForeignOrATornResult ) {
       SharedPage<Traffic> traffic;
       // The result of the first slot crosses a cache line in its middle.
       U32 const offset = 64 - 2 - geometry.key - geometry.result / 2;
-      Peer::Place const place{ .chunk = *name, .geometry = geometry, .offset = offset };
+      // Of a large table, whole words of the bitmap are cleared at once.
+      U32 const keys = geometry.entries > 1000 ? 100 : 2;
+      Peer::Place const place{
+         .chunk = *name, .geometry = geometry, .offset = offset, .keys = keys
+      };
       auto const read = [ & ]( U32 readersSeed ) {
          Peer( place, VellumChunk::Access::readOnly, readersSeed ).read( *traffic );
       };
