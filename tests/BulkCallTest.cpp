@@ -228,11 +228,24 @@ TEST( BulkCall, tracesWhatTheSingleCallsTrace ) {
    Pairs const pairs( { 8, 4, 2 }, 12 );
    auto const all = pairs.part( 0, 12 );
    TraceRecorder recorder( "TesselEmTable" );
+   std::array<char, 2> result{};
+   std::vector<EmPairAndBuffer> buffers;
+   for ( auto const& pair : all ) {
+      buffers.push_back( { pair.chipId, pair.key, result.data() } );
+   }
    twins.bulk()->entryIsBulk( all );
+   twins.bulk()->entryBulk( buffers );
+   twins.bulk()->entryHasBulk( withoutResults( all ) );
    twins.bulk()->entryDelBulk( withoutResults( all ) );
    auto const bulk = recorder.take();
    for ( auto const& pair : all ) {
       twins.single()->entryIs( pair.chipId, pair.key, pair.result );
+   }
+   for ( auto const& pair : buffers ) {
+      twins.single()->entry( pair.chipId, pair.key, pair.result );
+   }
+   for ( auto const& pair : all ) {
+      twins.single()->entryHas( pair.chipId, pair.key );
    }
    for ( auto const& pair : all ) {
       twins.single()->entryDel( pair.chipId, pair.key );

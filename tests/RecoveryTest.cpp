@@ -139,6 +139,25 @@ TEST( Recovery, ofALargeTableFindsEveryEntryWhileItsMapGrows ) {
    }
 }
 
+TEST( LargeRecovery, ofAMapThatNoCacheHoldsFindsEveryEntry ) {
+   constexpr U32 count = 310'000; // of 28 bytes in the map, beyond 8 MB
+   Geometry const geometry{ .entries = count, .key = 20, .result = 2 };
+   std::vector<std::array<U32, 5>> keys( count );
+   std::vector<EmPairAndResult> pairs;
+   std::vector<EmPair> asked;
+   for ( U32 number = 0; number < count; ++number ) {
+      keys[ number ].fill( number );
+      auto const* const key = reinterpret_cast<char const*>( keys[ number ].data() );
+      pairs.push_back( { chip3, key, key } );
+      asked.push_back( { chip3, key } );
+   }
+   auto const chunk = Vellum::VellumChunk::inProcess( count * 24 );
+   ASSERT_EQ( tableOver( chunk, geometry )->entryIsBulk( pairs ), count );
+   auto const table = tableOver( chunk, geometry );
+   EXPECT_EQ( table->numUsedEntries(), count );
+   EXPECT_EQ( table->entryHasBulk( asked ), count );
+}
+
 // Pages that nobody has touched are passed over; the one that has been begins amid a word of the bitmap.
 TEST( Recovery, findsTheOnlyImageOfASparseChunk ) {
    UniqueName const name;
