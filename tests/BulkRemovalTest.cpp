@@ -95,25 +95,38 @@ TEST( BulkRemoval, ofAPairInTwoSlotsTakesOutTheOneThatTheMapNames ) {
 }
 
 TEST( BulkRemoval, leavesSlotsInUseThatACallerHasTaken ) {
-   auto const table = newTable();
-   add( table, chip3, "AAAA", "r1" );
-   EXPECT_EQ( table->alloc(), EmTableIndex( 1 ) );
-   table->markIndexUsed( EmTableIndex( 2 ) );
-   table->clearTable();
-   EXPECT_EQ( table->alloc(), EmTableIndex( 0 ) );
-   EXPECT_EQ( table->alloc(), EmTableIndex( 3 ) );
+   for ( bool const marked : { false, true } ) {
+      auto const table = newTable();
+      add( table, chip3, "AAAA", "r1" );
+      marked ? table->markIndexUsed( EmTableIndex( 1 ) ) : (void)table->alloc();
+      table->clearTable();
+      EXPECT_EQ( table->alloc(), EmTableIndex( 0 ) );
+      EXPECT_EQ( table->alloc(), EmTableIndex( 2 ) );
+   }
 }
 
 TEST( BulkRemoval, lowersCountsThatACallerHasSet ) {
-   auto const table = newTable();
-   add( table, chip3, "AAAA", "r1" );
-   add( table, chip5, "AAAA", "r2" );
-   table->numUsedEntriesByChipIdIs( chip3, 7 );
-   table->numUsedEntriesByChipIdDel( chip5 );
-   table->clearTable();
-   EXPECT_EQ( table->numUsedEntriesByChipId( chip3 ), 6U );
-   EXPECT_EQ( table->numUsedEntriesByChipId( chip5 ), ~U32{ 0 } );
-   EXPECT_EQ( table->numUsedEntries(), 0U );
+   auto const cleared = []( auto const& set ) {
+      auto const table = newTable();
+      add( table, chip3, "AAAA", "r1" );
+      add( table, chip5, "AAAA", "r2" );
+      set( *table );
+      table->clearTable();
+      return table;
+   };
+   EXPECT_EQ( cleared( []( auto& table ) { table.numUsedEntriesIs( 5 ); } )->numUsedEntries(), 3U );
+   EXPECT_EQ( cleared( []( auto& table ) {
+                 table.numUsedEntriesByChipIdIs( chip3, 7 );
+              } )->numUsedEntriesByChipId( chip3 ),
+              6U );
+   EXPECT_EQ( cleared( []( auto& table ) {
+                 table.numUsedEntriesByChipIdDel( chip5 );
+              } )->numUsedEntriesByChipId( chip5 ),
+              ~U32{ 0 } );
+   EXPECT_EQ( cleared( []( auto& table ) {
+                 table.numUsedEntriesByChipIdDelAll();
+              } )->numUsedEntriesByChipId( chip3 ),
+              ~U32{ 0 } );
 }
 
 TEST( BulkRemoval, removesKeysThatHaveNoSlotToo ) {
