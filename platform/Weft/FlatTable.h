@@ -60,8 +60,8 @@ class FlatTable : private FlatSearch<Element> {
    FlatTable& operator=( FlatTable&& ) = delete;
    ~FlatTable() { destroyElements(); }
 
-   /// A copy of the read side.
-   Search search() const { return *this; }
+   /// The read side, for who keeps a copy.
+   Search const& search() const { return *this; }
 
    U64 size() const { return size_; }
    /// Elements held before the table grows.
