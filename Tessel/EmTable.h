@@ -460,7 +460,8 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    /// The lowest chip with a member that is at least `from`; 256 when there is none.
    U32 numUsedEntriesByChipIdNext( U32 from ) const { return usedByChip_.nextChip( from ); }
 
-   // The slot operations below change neither counts nor, but for the one that says so, the map.
+   // The slot operations below change neither counts nor, but for the one that says so, the map. A table
+   // whose slots or images a caller has changed by them works as one that has handed out its bitmap.
    // Contract failures: "freeIndexBmp()" where the bitmap is needed and absent, and
    // "index.value() < tableHelper()->numEntries()" for an index that is no slot.
 

@@ -212,9 +212,8 @@ TEST( BulkCall, followsAChainThroughItsOwnBuffers ) {
 }
 
 TEST( BulkCall, makesRoomForAllThatItAddsAtOnce ) {
-   Geometry const geometry{ 400'000,
-                            8,
-                            2 }; // too large to take all its memory with the first entry
+   // Too large to take all its memory with the first entry.
+   Geometry const geometry{ .entries = 400'000, .key = 8, .result = 2 };
    auto const table = tableOver( Vellum::VellumChunk::inProcess( 400'000 * 12 ), geometry );
    Pairs const pairs( geometry, 50'000 );
    EXPECT_EQ( table->entryIsBulk( pairs.part( 0, 50'000 ) ), 50'000U );
