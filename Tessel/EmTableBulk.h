@@ -4,10 +4,10 @@
 /// What the bulk calls of an exact-match table share. Internal to EmTable.
 ///
 /// In a table that no cache holds they work in overlapping stages, each of which reads what the one before
-/// it has fetched: the tags, then the element, then the image. The stages take turns at blocks of pairs, so
-/// that what is fetched for one block arrives while three others are worked on:
+/// it has fetched: the tags and leads, then the image. The stages take turns at blocks of pairs, so that what
+/// is fetched for one block arrives while two others are worked on:
 ///
-///    turn n      hash block n     follow n - 1     prepare n - 2     perform n - 3
+///    turn n      hash block n     follow n - 1     perform n - 2
 ///
 /// Threads: as the table.
 
@@ -53,43 +53,28 @@ forEachInBlock( std::size_t block, std::size_t count, Work const& work ) {
 }
 
 /// Takes `count` pairs, each with its number, through the stages: `hash( number )`, `follow( hash )`, which
-/// answers a Lead, `prepare( lead )` and `perform( number, lead )`, this in the order of the numbers. What
-/// comes before sees the table as it was some calls ago.
-template<class Lead, class Hash, class Follow, class Prepare, class Perform>
-[[gnu::always_inline]] inline void inStages( std::size_t count,
-                                             Hash const& hash,
-                                             Follow const& follow,
-                                             Prepare const& prepare,
-                                             Perform const& perform ) {
+/// answers a Lead, and `perform( number, lead )`, this in the order of the numbers. What comes before sees
+/// the table as it was some calls ago.
+template<class Lead, class Hash, class Follow, class Perform>
+[[gnu::always_inline]] inline void
+inStages( std::size_t count, Hash const& hash, Follow const& follow, Perform const& perform ) {
    std::array<U64, bulkStep> hashes;
-   // Of two blocks in a row: the one that is performed makes room for the one that is followed.
-   std::array<std::array<Lead, bulkStep>, 2> leads;
+   std::array<Lead, bulkStep> leads;
    std::size_t const blocks = ( count + bulkStep - 1 ) / bulkStep;
-   for ( std::size_t turn = 0; turn < blocks + 3; ++turn ) {
-      auto& prepared = leads[ turn % 2 ];
-      auto& performedAndFollowed = leads[ ( turn + 1 ) % 2 ];
-      if ( turn >= 3 ) {
-         forEachInBlock(
-            turn - 3,
-            count,
-            [ & ]( std::size_t number, std::size_t i ) __attribute__( ( always_inline ) ) {
-               perform( number, performedAndFollowed[ i ] );
-            } );
-      }
+   for ( std::size_t turn = 0; turn < blocks + 2; ++turn ) {
       if ( turn >= 2 ) {
          forEachInBlock(
             turn - 2,
             count,
-            [ & ]( std::size_t /*number*/, std::size_t i )
-               __attribute__( ( always_inline ) ) { prepare( prepared[ i ] ); } );
+            [ & ]( std::size_t number, std::size_t i )
+               __attribute__( ( always_inline ) ) { perform( number, leads[ i ] ); } );
       }
       if ( turn >= 1 ) {
          forEachInBlock(
             turn - 1,
             count,
-            [ & ]( std::size_t /*number*/, std::size_t i ) __attribute__( ( always_inline ) ) {
-               performedAndFollowed[ i ] = follow( hashes[ i ] );
-            } );
+            [ & ]( std::size_t /*number*/, std::size_t i )
+               __attribute__( ( always_inline ) ) { leads[ i ] = follow( hashes[ i ] ); } );
       }
       forEachInBlock(
          turn,

@@ -17,7 +17,6 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
    using Entries = EntryWork<traced, KeyClass, EmShadowTable const>;
    using Entries::keys;
    using Entries::table_;
-   using Element = KeyElement<Entries::wordCount>;
    using Search = typename Entries::Keys::Search;
 
  public:
@@ -67,18 +66,23 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
 
    void hasEach( std::span<EmPair const> pairs, BulkAnswers& answers ) const {
       Search const search = keys().search();
+      auto const keysBySlot = keys().keysBySlot();
       BulkAnswers noted = answers; // in registers
       for ( std::size_t at = 0; at < pairs.size(); ++at ) {
          EmPair const& pair = pairs[ at ];
          U64 const hash = this->hashOf( pair.chipId, pair.key );
+         auto const further = [ & ]() __attribute__( ( always_inline ) ) {
+            return hasFurther( pair, hash );
+         };
          noted.note(
             at,
-            search.glance(
+            search.firstLook(
                hash,
-               this->isPairOf( pair.chipId, pair.key ),
-               []( auto const& /*found*/ ) { return true; },
+               [ & ]( SlotLead lead, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
+                  return this->leadsTo( keysBySlot, lead, pair.chipId, pair.key ) || further();
+               },
                [] { return false; },
-               [ & ]() __attribute__( ( always_inline ) ) { return hasFurther( pair, hash ); } ) );
+               further ) );
       }
       answers = noted;
    }
@@ -87,10 +91,11 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
    /// others alone go on.
    void hasEachFetching( std::span<EmPair const> pairs, BulkAnswers& answers ) const {
       struct Candidate {
-         Element const* element;
-         std::size_t number;
+         SlotLead lead;
+         U32 inBlock;
       };
       Search const search = keys().search();
+      auto const keysBySlot = keys().keysBySlot();
       BulkAnswers noted = answers; // in registers
       std::array<U64, bulkStep> hashes;
       std::array<Candidate, bulkStep> candidates;
@@ -98,9 +103,10 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
       std::size_t count = 0;
       for ( std::size_t turn = 0; turn < blocks + 2; ++turn ) {
          for ( Candidate const& candidate : std::span( candidates ).first( count ) ) {
-            EmPair const& pair = pairs[ candidate.number ];
-            noted.note( candidate.number,
-                        this->isPairOf( pair.chipId, pair.key )( *candidate.element ) ||
+            std::size_t const number = ( turn - 2 ) * bulkStep + candidate.inBlock;
+            EmPair const& pair = pairs[ number ];
+            noted.note( number,
+                        this->leadsTo( keysBySlot, candidate.lead, pair.chipId, pair.key ) ||
                            hasFurther( pair, this->hashOf( pair.chipId, pair.key ) ) );
          }
          count = 0;
@@ -109,10 +115,11 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
                turn - 1,
                pairs.size(),
                [ & ]( std::size_t number, std::size_t i ) __attribute__( ( always_inline ) ) {
-                  search.fetchFirst(
+                  search.firstLook(
                      hashes[ i ],
-                     [ & ]( auto const& found ) __attribute__( ( always_inline ) ) {
-                        candidates[ count ] = { .element = found.element, .number = number };
+                     [ & ]( SlotLead lead, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
+                        keysBySlot.fetch( lead.slot() );
+                        candidates[ count ] = { .lead = lead, .inBlock = static_cast<U32>( i ) };
                         ++count;
                      },
                      [ & ]() __attribute__( ( always_inline ) ) { noted.note( number, false ); },
@@ -126,7 +133,7 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
             pairs.size(),
             [ & ]( std::size_t number, std::size_t i ) __attribute__( ( always_inline ) ) {
                hashes[ i ] = this->hashOf( pairs[ number ].chipId, pairs[ number ].key );
-               search.fetchTags( hashes[ i ] );
+               search.fetchGroup( hashes[ i ] );
             } );
       }
       answers = noted;
@@ -146,13 +153,13 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
                table_, pair.chipId, pair.key, hash, pair.result );
          };
          noted.note( at,
-                     search.glance(
+                     search.firstLook(
                         hash,
-                        Entries::isOn( pair.chipId ),
-                        [ & ]( auto const& found ) __attribute__( ( always_inline ) ) {
-                           return this->template getAt<Result>(
-                              *found.element, pair.chipId, pair.key, pair.result, fully );
-                        },
+                        [ & ]( SlotLead lead, U64 /*position*/ )
+                           __attribute__( ( always_inline ) ) {
+                              return this->template getAt<Result>(
+                                 lead, pair.chipId, pair.key, pair.result, fully );
+                           },
                         fully, // an object may hold the pair
                         fully ) );
       }
@@ -161,44 +168,36 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
 
    template<class Result>
    void getEachFetching( std::span<EmPairAndBuffer const> pairs, BulkAnswers& answers ) const {
-      using Lead = Element const*; // null where the first look does not lead to one
       Search const search = keys().search();
       BulkAnswers noted = answers; // in registers
-      inStages<Lead>(
+      inStages<SlotLead>(
          pairs.size(),
          [ & ]( std::size_t number ) __attribute__( ( always_inline ) ) {
             U64 const hash = this->hashOf( pairs[ number ].chipId, pairs[ number ].key );
-            search.fetchTags( hash );
+            search.fetchGroup( hash );
             return hash;
          },
          [ & ]( U64 hash ) __attribute__( ( always_inline ) ) {
-            return search.fetchFirst(
+            return search.firstLook(
                hash,
-               []( auto const& found ) { return Lead( found.element ); },
-               [] { return Lead(); },
-               [] { return Lead(); } );
+               [ & ]( SlotLead lead, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
+                  this->fetchImage( lead.slot() );
+                  return lead;
+               },
+               [] { return SlotLead(); },
+               [] { return SlotLead(); } );
          },
-         [ & ]( Lead lead ) __attribute__( ( always_inline ) ) {
-            if ( lead != nullptr && !lead->where().isObject() ) {
-               this->fetchImage( lead->where().slot() );
-            }
-         },
-         [ & ]( std::size_t number, Lead lead ) __attribute__( ( always_inline ) ) {
-            noted.note( number, getForeseen<Result>( pairs[ number ], lead ) );
+         [ & ]( std::size_t number, SlotLead lead ) __attribute__( ( always_inline ) ) {
+            auto const& pair = pairs[ number ];
+            auto const anew = [ & ]() __attribute__( ( always_inline ) ) {
+               return Entries::template entry<Result>( table_, pair.chipId, pair.key, pair.result );
+            };
+            noted.note( number,
+                        lead.saysAll() ? this->template getAt<Result>(
+                                            lead, pair.chipId, pair.key, pair.result, anew )
+                                       : anew() );
          } );
       answers = noted;
-   }
-
-   template<class Result>
-   [[gnu::always_inline]] bool getForeseen( EmPairAndBuffer const& pair,
-                                            Element const* lead ) const {
-      auto const anew = [ & ]() __attribute__( ( always_inline ) ) {
-         return Entries::template entry<Result>( table_, pair.chipId, pair.key, pair.result );
-      };
-      if ( lead == nullptr || !lead->where().isOn( pair.chipId ) ) [[unlikely]] {
-         return anew();
-      }
-      return this->template getAt<Result>( *lead, pair.chipId, pair.key, pair.result, anew );
    }
 };
 

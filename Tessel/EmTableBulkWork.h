@@ -50,21 +50,19 @@ class EmShadowTable::BulkWork : public EntryWork<traced, KeyClass, EmShadowTable
    }
 
  private:
-   // ---- one entry, of which fetchElement() or fetchElementOrPlace() gave the position some calls ago
+   // ---- one entry, of which firstLook() gave the position some calls ago, or nowhere. What is there by now,
+   // or was there last, leads to another image than that of the pair unless it is the pair.
 
    template<class Result>
    [[gnu::always_inline]] bool setForeseen( EmPairAndResult const& pair, U64 position ) const {
       auto const anew = [ & ]() __attribute__( ( always_inline ) ) {
          return Entries::template entryIs<Result>( table_, pair.chipId, pair.key, pair.result );
       };
-      return keys().glanceAt(
-         position,
-         this->isPairOf( pair.chipId, pair.key ),
-         [ & ]( auto const& found ) __attribute__( ( always_inline ) ) {
-            return this->template setAt<Result>(
-               *found.element, pair.chipId, pair.key, pair.result, anew );
-         },
-         anew );
+      if ( position == Entries::Keys::nowhere ) [[unlikely]] {
+         return anew();
+      }
+      return this->template setAt<Result>(
+         keys().leadAt( position ), pair.chipId, pair.key, pair.result, anew );
    }
 
    template<class Result>
@@ -72,13 +70,11 @@ class EmShadowTable::BulkWork : public EntryWork<traced, KeyClass, EmShadowTable
       auto const anew = [ & ]() __attribute__( ( always_inline ) ) {
          return Entries::template entryDel<Result>( table_, pair.chipId, pair.key );
       };
-      return keys().glanceAt(
-         position,
-         this->isPairOf( pair.chipId, pair.key ),
-         [ & ]( auto const& found ) __attribute__( ( always_inline ) ) {
-            return this->template delOwned<Result>( found, pair.chipId, anew );
-         },
-         anew );
+      if ( position == Entries::Keys::nowhere ) [[unlikely]] {
+         return anew();
+      }
+      return this->template delAt<Result>(
+         keys().leadAt( position ), position, pair.chipId, pair.key, anew );
    }
 
    // ---- many
@@ -135,27 +131,20 @@ class EmShadowTable::BulkWork : public EntryWork<traced, KeyClass, EmShadowTable
          pairs.size(),
          [ & ]( std::size_t number ) __attribute__( ( always_inline ) ) {
             U64 const hash = this->hashOf( pairs[ number ].chipId, pairs[ number ].key );
-            keys().fetchTags( hash );
+            keys().fetchGroup( hash );
             return hash;
          },
          [ & ]( U64 hash ) __attribute__( ( always_inline ) ) {
-            if constexpr ( std::is_same_v<Asked, EmPairAndResult> ) {
-               return keys().fetchElementOrPlace( hash );
-            } else {
-               return keys().fetchElement( hash );
-            }
+            return keys().firstLook(
+               hash,
+               [ & ]( SlotLead lead, U64 position ) __attribute__( ( always_inline ) ) {
+                  this->fetchImage( lead.slot() );
+                  return position;
+               },
+               [] { return Entries::Keys::nowhere; },
+               [] { return Entries::Keys::nowhere; } );
          },
-         [ & ]( U64 position ) __attribute__( ( always_inline ) ) { fetchImageAt( position ); },
          perform );
-   }
-
-   [[gnu::always_inline]] void fetchImageAt( U64 position ) const {
-      if ( !keys().holds( position ) ) {
-         return;
-      }
-      if ( SlotOrObject const where = keys().whereOf( position ); !where.isObject() ) {
-         this->fetchImage( where.slot() );
-      }
    }
 };
 

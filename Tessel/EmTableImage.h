@@ -234,7 +234,7 @@ template<std::size_t wordCount>
 }
 
 /// What is known to show itself where an image is about to be written.
-enum class Before { maybeNothing, nothing, anImage };
+enum class Before { maybeNothing, nothing };
 
 /// Writes the image of an entry at `to`, in the order of Vellum/OrderedCopy.h.
 template<std::size_t wordCount, class Result, Before before = Before::maybeNothing>
@@ -257,13 +257,31 @@ template<std::size_t wordCount, class Result, Before before = Before::maybeNothi
          keyBytes.store( image + ImageShape::keyOffset, shape.keyLength );
          storePadding( image, shape );
       };
-      if constexpr ( before == Before::anImage ) {
-         Vellum::rewriteImageBy( to, 1, storeBody );
-      } else if constexpr ( before == Before::nothing ) {
+      if constexpr ( before == Before::nothing ) {
          Vellum::storeNewImageBy( to, 1, storeBody );
       } else {
          Vellum::storeImageBy( to, 1, storeBody );
       }
+   }
+}
+
+/// The same over an image of the same chip and key, of which only the result can differ.
+template<std::size_t wordCount, class Result>
+[[gnu::always_inline]] inline void storeResultInImage( U8* to,
+                                                       ImageShape shape,
+                                                       Brine::ChipId chip,
+                                                       Weft::CharPtrConst key,
+                                                       Weft::CharPtrConst result ) {
+   if constexpr ( !Result::isOneUnit ) {
+      storeComposedImage<wordCount>( to, shape, chip, key, result );
+   } else {
+      Result const bytes( reinterpret_cast<U8 const*>( result ), shape.resultLength );
+      Vellum::rewriteImageBy(
+         to, 1, [ & ]( U8 * image, U8 /*meanwhile*/ ) __attribute__( ( always_inline ) ) {
+            bytes.store( image + shape.resultOffset(), shape.resultLength );
+            Vellum::detail::orderStores();
+            storePadding( image, shape ); // that of an image that a restart found may be anything
+         } );
    }
 }
 

@@ -75,9 +75,6 @@ inline void traceTableDelete( Brine::ChipId chip ) {
    emTableTrace( { 7, operation }, "EmShadowTable::", operation, " chipId:", chip );
 }
 
-/// How many entries a removal works on at once: enough to hide the time of a cache miss
-/// behind the work on the others, few enough that what was fetched is still there.
-inline constexpr U32 bulkBlock = 32;
 /// How many entries a bulk call takes before it looks again whether fetching ahead pays.
 inline constexpr std::size_t bulkRun = 4096;
 /// A map of at most so many bytes is taken to be in a cache next to the processor: there fetching costs

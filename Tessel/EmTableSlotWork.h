@@ -6,6 +6,7 @@
 
 #include "Tessel/EmTableInternal.h"
 #include "Vellum/OrderedCopy.h"
+#include "Weft/FlatSearch.h"
 
 namespace Tessel {
 
@@ -98,10 +99,6 @@ class EmShadowTable::SlotWork {
       // The bitmap is the one that the table made, with all bits set.
       table_.freeIndexBmp_->untoggle( slot.value() );
    }
-   [[gnu::always_inline]] bool owns( EmTableIndex slot ) const {
-      return U64{ slot.value() } * table_.entryLengthBytes_ < table_.ownedSize();
-   }
-
    [[gnu::always_inline]] void countOneMore( Brine::ChipId chip ) const {
       table_.countMore( chip, 1 );
    }
@@ -109,12 +106,10 @@ class EmShadowTable::SlotWork {
       table_.countMore( chip, ~U32{ 0 } ); // modulo 2^32
    }
 
+   /// `index` may be no slot.
    [[gnu::always_inline]] void fetchImage( EmTableIndex index ) const {
-      if ( U8 const* const range = table_.readableRange(); range != nullptr ) {
-         U8 const* const image = range + table_.offsetOf( index );
-         __builtin_prefetch( image );
-         __builtin_prefetch( image + table_.entryLengthBytes_ - 1 );
-      }
+      U64 const length = table_.entryLengthBytes_;
+      Weft::fetchBytes( table_.readableRange(), index.value() * length, length );
    }
 
    // ---- traces

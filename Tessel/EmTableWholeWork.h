@@ -24,6 +24,14 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
    /// Takes every valid image into the bookkeeping, in the order of the slots.
    static void reconcile( EmShadowTable& table ) {
       WholeWork const work( table );
+      if ( work.keys().size() != 0 ) {
+         // An image that somebody else has written meanwhile gives its pair a slot that the map already
+         // gives to another.
+         table.trustIsLost();
+         work.takeOverAll( Keys::Slot::any );
+         return;
+      }
+      work.keys().startAfresh();
       if constexpr ( !traced ) {
          Brine::HBitmap const& free = *table.freeIndexBmp_;
          if ( table.readableRange() != nullptr && free.size() == table.numEntries_ &&
@@ -32,15 +40,16 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
             return;
          }
       }
-      for ( U32 slot = 0; slot < table.numEntries_; ++slot ) {
-         work.takeOver( EmTableIndex( slot ) );
-      }
+      work.takeOverAll( Keys::Slot::ofNoPair );
    }
 
    static void deleteAll( EmShadowTable& table, Brine::ChipId chip ) {
       WholeWork const work( table );
+      work.ownIfAny( table.usedByChip_.count( chip ) );
       if ( work.keys().holdsOnly( chip ) && work.mayClearAtOnce() ) {
          work.clearAtOnce();
+      } else if ( !traced && table.ownedSize() != 0 ) {
+         work.deleteBySlots( chip );
       } else {
          work.deleteOneByOne( chip );
       }
@@ -49,6 +58,7 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
 
    static void clearTable( EmShadowTable& table ) {
       WholeWork const work( table );
+      work.ownIfAny( table.numUsedEntries_ );
       if ( work.mayClearAtOnce() ) [[likely]] {
          work.clearAtOnce();
       } else {
@@ -58,8 +68,14 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
    }
 
  private:
+   void takeOverAll( typename Keys::Slot known ) const {
+      for ( U32 slot = 0; slot < table_.numEntries_; ++slot ) {
+         takeOver( EmTableIndex( slot ), known );
+      }
+   }
+
    /// Takes the image of a slot, if there is one, into the bookkeeping.
-   void takeOver( EmTableIndex index ) const {
+   void takeOver( EmTableIndex index, typename Keys::Slot known ) const {
       this->template readImage<NoResult>( index, [ & ]( auto const& image ) {
          Pair const pair( image.chip(), image.key() );
          KeyPlace const place = keys().find( pair );
@@ -71,7 +87,7 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
          bool const alreadyCounted = !table_.freeIndexBmp_->bit( index.value() );
          this->markSlotUsed( index );
          this->traceUpdate( image.chip(), index );
-         keys().set( place, pair, index );
+         keys().set( place, pair, index, known );
          if ( !alreadyCounted ) {
             this->countOneMore( image.chip() );
          }
@@ -119,8 +135,8 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
       std::array<U32, ChipCounts::capacity> byChip_{};
    };
 
-   /// reconcile() where the images can be looked at in place: counted first where the map would grow more
-   /// than once otherwise.
+   /// reconcile() of an empty map where the images can be looked at in place: counted first where the map
+   /// would grow more than once otherwise.
    void reconcileRange() const {
       U64 images = table_.numEntries_;
       U64 end = table_.numEntries_;
@@ -131,13 +147,13 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
             end = ( U64{ word } + 1 ) * wordBits;
          } );
          end = std::min<U64>( end, table_.numEntries_ );
-         keys().makeRoomFor( images - std::min( images, keys().size() ) );
+         keys().makeRoomFor( images );
       }
-      bool const fetches = images * sizeof( KeyElement<wordCount> ) > uncachedBytes;
+      bool const fetches = Keys::bytesFor( images ) > uncachedBytes;
       Newcomers newcomers( *this );
       forEachWord( end, [ & ]( U32 word, U64 shown ) {
          if ( fetches ) {
-            fetchPlaces( word, shown );
+            fetchGroups( word, shown );
          }
          takeOverWord( word, shown, newcomers );
       } );
@@ -202,23 +218,18 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
       }
    }
 
-   /// Starts to fetch what takeOverWord() reads of the map. Inlined at any price, as all that only fetches:
-   /// see Weft/FlatSearch.h.
-   [[gnu::always_inline]] void fetchPlaces( U32 word, U64 shown ) const {
-      std::array<U64, wordBits> hashes;
+   /// Starts to fetch what takeOverWord() reads and writes of the map. Inlined at any price, as all that only
+   /// fetches: see Weft/FlatSearch.h.
+   [[gnu::always_inline]] void fetchGroups( U32 word, U64 shown ) const {
       U8 const* const images = imagesOf( word );
       forEachBit(
          shown, [ & ]( U32 bit ) __attribute__( ( always_inline ) ) {
             // A hint, read without care: what counts is read again.
             U8 const* const image = images + U64{ bit } * table_.entryLengthBytes_;
-            hashes[ bit ] =
+            U64 const hash =
                hashOf( Brine::ChipId( image[ ImageShape::chipOffset ] ),
                        reinterpret_cast<char const*>( image + ImageShape::keyOffset ) );
-            keys().fetchTags( hashes[ bit ] );
-         } );
-      forEachBit(
-         shown, [ & ]( U32 bit ) __attribute__( ( always_inline ) ) {
-            keys().fetchElementOrPlace( hashes[ bit ] );
+            keys().fetchGroup( hash );
          } );
    }
    U8 const* imagesOf( U32 word ) const {
@@ -242,38 +253,17 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
                  keys().addAtFirstLook( Pair( chip, key ), slot ) ) [[likely]] {
                newcomers.add( bit, chip );
             } else {
-               takeOver( slot );
+               takeOver( slot, Keys::Slot::ofNoPair );
             }
          } );
    }
 
-   /// Calls `visit( position, where )` for every pair of a key without an object, if `isWanted( where )`
-   /// is 1 and not 0, and every object; what is there may be removed meanwhile.
-   template<class IsWanted, class Visit>
-   [[gnu::always_inline]] void forEachPair( IsWanted const& isWanted, Visit const& visit ) const {
-      std::array<U64, bulkBlock> block;
-      U32 count = 0;
-      auto const visitBlock = [ & ] {
-         for ( U64 const position : std::span( block ).first( count ) ) {
-            visit( position, keys().whereOf( position ) );
-         }
-         count = 0;
-      };
-      keys().forEach( [ & ]( U64 position ) __attribute__( ( always_inline ) ) {
-         // Without a branch: of several chips, nothing foretells which one comes next.
-         SlotOrObject const where = keys().whereOf( position );
-         U32 const isObject = static_cast<U32>( where.isObject() );
-         U32 const isPair = isWanted( where ) & ( isObject ^ 1 );
-         this->fetchImage( EmTableIndex( where.slot().value() * isPair ) );
-         block[ count ] = position;
-         count += isObject | isPair;
-         if ( count == bulkBlock ) {
-            visitBlock();
-         }
-      } );
-      visitBlock();
+   /// A removal of entries writes: a trusted table need not wait for the first to own what it writes.
+   void ownIfAny( U32 entries ) const {
+      if ( table_.isTrusted() && entries != 0 ) {
+         table_.isWriterIs();
+      }
    }
-   static constexpr auto isAny = []( SlotOrObject /*where*/ ) { return U32{ 1 }; };
 
    /// Whether no pair has to be asked where its image lies: each slot in use is that of one pair. (A
    /// restart can find a pair in two slots.)
@@ -300,13 +290,52 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
       table_.usedByChip_.countsAreZero();
    }
 
+   /// In the order of the slots, in a table that owns them.
+   void deleteBySlots( Brine::ChipId chip ) const {
+      U32 const words = ( table_.numEntries_ + wordBits - 1 ) / wordBits;
+      for ( U32 word = 0; word < words; ++word ) {
+         deleteInWord( word, slotsOn( chip, word ), chip );
+      }
+   }
+
+   /// Which used slots of a word are those of pairs with `chip`, or were before a caller took the pair out
+   /// of the map alone.
+   [[gnu::always_inline]] U64 slotsOn( Brine::ChipId chip, U32 word ) const {
+      auto const keysBySlot = keys().keysBySlot();
+      U64 on = 0;
+      forEachBit(
+         table_.freeIndexBmp_->toggledIn( word ),
+         [ & ]( U32 bit ) __attribute__( ( always_inline ) ) {
+            EmTableIndex const slot( word * wordBits + bit );
+            on |= U64{ keysBySlot[ slot ].beside().differenceFrom( chip ) == 0 } << bit;
+         } );
+      return on;
+   }
+
+   void deleteInWord( U32 word, U64 slots, Brine::ChipId chip ) const {
+      auto const keysBySlot = keys().keysBySlot();
+      std::array<U64, wordBits> hashes;
+      forEachBit(
+         slots, [ & ]( U32 bit ) __attribute__( ( always_inline ) ) {
+            EmTableIndex const slot( word * wordBits + bit );
+            hashes[ bit ] = Pair( chip, keysBySlot[ slot ].words() ).hash;
+            keys().fetchGroup( hashes[ bit ] );
+         } );
+      forEachBit( slots, [ & ]( U32 bit ) {
+         EmTableIndex const slot( word * wordBits + bit );
+         if ( keys().eraseWithSlot( hashes[ bit ], slot ) ) {
+            this->removeOwned( slot, table_.offsetOf( slot ), chip );
+         }
+      } );
+   }
+
+   // What has been visited may be removed, and nothing else is.
+
    void deleteOneByOne( Brine::ChipId chip ) const {
-      auto const isOnChip = [ & ]( SlotOrObject where ) {
-         return static_cast<U32>( where.isOn( chip ) );
-      };
-      forEachPair( isOnChip, [ & ]( U64 position, SlotOrObject where ) {
+      keys().forEach( [ & ]( U64 position ) {
+         SlotOrObject const where = keys().whereOf( position );
          if ( where.isOn( chip ) ) {
-            deletePairAt( position, where );
+            deletePair( { .position = position, .index = where.slot() }, chip );
          } else if ( where.isObject() && where.object()->indexHas( chip ) ) {
             deletePair( { .position = position, .index = where.object()->index( chip ) }, chip );
          }
@@ -314,22 +343,14 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
    }
 
    void clearOneByOne() const {
-      forEachPair( isAny, [ & ]( U64 position, SlotOrObject where ) {
+      keys().forEach( [ & ]( U64 position ) {
+         SlotOrObject const where = keys().whereOf( position );
          if ( where.isObject() ) {
             deleteObject( position, *where.object() );
          } else {
-            deletePairAt( position, where );
+            deletePair( { .position = position, .index = where.slot() }, where.chip() );
          }
       } );
-   }
-
-   [[gnu::always_inline]] void deletePairAt( U64 position, SlotOrObject where ) const {
-      if ( !traced && this->owns( where.slot() ) ) [[likely]] {
-         keys().eraseAt( position );
-         this->removeOwned( where.slot(), table_.offsetOf( where.slot() ), where.chip() );
-      } else {
-         deletePair( { .position = position, .index = where.slot() }, where.chip() );
-      }
    }
 
    void deletePair( KeyPlace const& place, Brine::ChipId chip ) const {
@@ -341,7 +362,7 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
       }
       this->traceKey();
       this->traceLookup( chip, place.index );
-      this->delAt( place, pair );
+      this->delFound( place, pair );
    }
 
    void deleteObject( U64 position, EmTableFapIndices& object ) const {

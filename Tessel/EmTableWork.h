@@ -28,7 +28,6 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    static constexpr std::size_t wordCount = KeyClass::words;
    using Keys = KeyTable<wordCount>;
    using Pair = HashedPair<wordCount>;
-   using Element = KeyElement<wordCount>;
 
    using Slots::Slots;
 
@@ -43,23 +42,14 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       return pairOf( chip, key ).hash;
    }
 
-   /// Whether an element is the pair of a chip and the key whose bytes are at `key`.
-   struct IsPair {
-      EntryWork const& work;
-      Brine::ChipId chip;
-      Weft::CharPtrConst key;
-      [[gnu::always_inline]] bool operator()( Element const& element ) const {
-         return isPair( element, chip, work.wordsAt( readAgain( key ) ) );
-      }
-   };
-   [[gnu::always_inline]] IsPair isPairOf( Brine::ChipId chip, Weft::CharPtrConst key ) const {
-      return { *this, chip, key };
-   }
-   /// Whether an element is a pair with `chip`.
-   [[gnu::always_inline]] static auto isOn( Brine::ChipId chip ) {
-      return [chip]( Element const& element ) __attribute__( ( always_inline ) ) {
-         return element.where().isOn( chip );
-      };
+   /// Whether the pair that a lead leads to is that of a chip and the key whose bytes are at `key`. False
+   /// where it leads to an element.
+   [[gnu::always_inline]] bool leadsTo( typename Keys::View keysBySlot,
+                                        SlotLead lead,
+                                        Brine::ChipId chip,
+                                        Weft::CharPtrConst key ) const {
+      return lead.saysAll() &&
+             keysBySlot[ lead.slot() ].isPair( chip, wordsAt( readAgain( key ) ) );
    }
 
    // ---- single entries, as functions for calls through a pointer
@@ -109,11 +99,10 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       if constexpr ( traced ) {
          return fully();
       } else {
-         return keys().glance(
+         return keys().firstLook(
             hash,
-            isPairOf( chip, key ),
-            [ & ]( auto const& found ) __attribute__( ( always_inline ) ) {
-               return setAt<Result>( *found.element, chip, key, result, fully );
+            [ & ]( SlotLead lead, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
+               return setAt<Result>( lead, chip, key, result, fully );
             },
             [ & ]() __attribute__( ( always_inline ) ) {
                return addAbsent<Result>( table_, chip, key, hash, result );
@@ -130,11 +119,12 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       if constexpr ( traced ) {
          return fully();
       } else {
-         return keys().glance(
+         return keys().firstLook(
             hash,
-            isPairOf( chip, key ),
-            []( auto const& /*found*/ ) { return true; },
-            [] { return false; },
+            [ & ]( SlotLead lead, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
+               return leadsTo( keys().keysBySlot(), lead, chip, key ) || fully();
+            },
+            []() __attribute__( ( always_inline ) ) { return false; },
             fully );
       }
    }
@@ -149,11 +139,10 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       if constexpr ( traced ) {
          return fully();
       } else {
-         return keys().glance(
+         return keys().firstLook(
             hash,
-            isOn( chip ),
-            [ & ]( auto const& found ) __attribute__( ( always_inline ) ) {
-               return getAt<Result>( *found.element, chip, key, result, fully );
+            [ & ]( SlotLead lead, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
+               return getAt<Result>( lead, chip, key, result, fully );
             },
             []() __attribute__( ( always_inline ) ) { return false; },
             fully );
@@ -169,47 +158,44 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       if constexpr ( traced ) {
          return fully();
       } else {
-         return keys().glance(
+         return keys().firstLook(
             hash,
-            isPairOf( chip, key ),
-            [ & ]( auto const& found ) __attribute__( ( always_inline ) ) {
-               return delOwned<Result>( found, chip, fully );
+            [ & ]( SlotLead lead, U64 position ) __attribute__( ( always_inline ) ) {
+               return delAt<Result>( lead, position, chip, key, fully );
             },
             []() __attribute__( ( always_inline ) ) { return false; },
             fully );
       }
    }
 
-   // What these do once an element has been found, or `otherwise()` where the table does not own its
-   // slot.
+   // What these do once a lead has been found. What the map says of a slot that the table owns, the image
+   // says: chip and key are compared with that, which has to be fetched in any case, and not with what the
+   // map knows of the pair. `otherwise()` where they differ, or where the table does not own the slot.
 
    template<class Result, class Otherwise>
-   [[gnu::always_inline]] bool setAt( Element const& element,
+   [[gnu::always_inline]] bool setAt( SlotLead lead,
                                       Brine::ChipId const& chip,
                                       Weft::CharPtrConst key,
                                       Weft::CharPtrConst result,
                                       Otherwise const& otherwise ) const {
-      U64 const offset = offsetOf<Result>( element.where().slot() );
-      if ( offset >= table_.ownedSize() ) [[unlikely]] {
+      U64 const offset = offsetOf<Result>( lead.slot() );
+      if ( offset >= table_.ownedSize() || !imageIs<Result>( offset, chip, key ) ) [[unlikely]] {
          return otherwise();
       }
-      // A slot that it owns and that its map names holds an image.
-      storeEntryImage<wordCount, Result, Before::anImage>(
-         table_.writableRange() + offset, shape<Result>(), chip, readAgain( key ), result );
+      storeResultInImage<wordCount, Result>(
+         table_.writableRange() + offset, shape<Result>(), chip, key, result );
       return true;
    }
 
-   /// Of an element that isOn( chip ): what the map says of a slot that the table owns, the image says,
-   /// so the key is compared with that; `otherwise()` when it is another.
    template<class Result, class Otherwise>
-   [[gnu::always_inline]] bool getAt( Element const& element,
+   [[gnu::always_inline]] bool getAt( SlotLead lead,
                                       Brine::ChipId const& chip,
                                       Weft::CharPtrConst key,
                                       Weft::CharPtr result,
                                       Otherwise const& otherwise ) const {
-      U64 const offset = offsetOf<Result>( element.where().slot() );
+      U64 const offset = offsetOf<Result>( lead.slot() );
       if ( offset >= table_.ownedSize() ) [[unlikely]] {
-         return getUnowned<Result>( table_, chip, key, element, result );
+         return getUnowned<Result>( table_, chip, key, lead, result );
       }
       Result bytes;
       if ( readImageOf<wordCount>( table_.readableRange() + offset,
@@ -224,17 +210,30 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    }
 
    template<class Result, class Otherwise>
-   [[gnu::always_inline]] bool delOwned( typename Keys::Found const& found,
-                                         Brine::ChipId const& chip,
-                                         Otherwise const& otherwise ) const {
-      EmTableIndex const slot = found.element->where().slot();
-      U64 const offset = offsetOf<Result>( slot );
-      if ( offset >= table_.ownedSize() ) [[unlikely]] {
+   [[gnu::always_inline]] bool delAt( SlotLead lead,
+                                      U64 position,
+                                      Brine::ChipId const& chip,
+                                      Weft::CharPtrConst key,
+                                      Otherwise const& otherwise ) const {
+      U64 const offset = offsetOf<Result>( lead.slot() );
+      if ( offset >= table_.ownedSize() || !imageIs<Result>( offset, chip, key ) ) [[unlikely]] {
          return otherwise();
       }
-      keys().eraseGlanced( found.position );
-      this->template removeOwned<knownLength<Result>>( slot, offset, chip );
+      keys().eraseAtHome( position );
+      this->template removeOwned<knownLength<Result>>( lead.slot(), offset, chip );
       return true;
+   }
+
+   /// Of an image that the table owns.
+   template<class Result>
+   [[gnu::always_inline]] bool
+   imageIs( U64 offset, Brine::ChipId const& chip, Weft::CharPtrConst key ) const {
+      NoResult none;
+      return readImageOf<wordCount>( table_.writableRange() + offset,
+                                     shape<Result>(),
+                                     chip,
+                                     wordsAt( readAgain( key ) ),
+                                     none ) == 0;
    }
 
    [[gnu::noinline]] static bool
@@ -247,7 +246,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       if ( !place.index.valid() ) {
          return false;
       }
-      work.delAt( place, pair );
+      work.delFound( place, pair );
       return true;
    }
 
@@ -286,7 +285,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       EntryWork const work( table );
       return work.keys().home(
          hash,
-         [ & ]( auto const& home ) __attribute__( ( always_inline ) ) {
+         [ & ]( typename Keys::Home home ) __attribute__( ( always_inline ) ) {
             return work.template addAtHome<Result>( home, chip, key, hash, result );
          },
          fully );
@@ -312,18 +311,19 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       return index.valid();
    }
 
-   /// For an element of the right chip, whoever writes its image.
+   /// For a lead of the right tag, whoever writes the image.
    template<class Result>
    [[gnu::noinline]] static bool getUnowned( Table& table,
                                              Brine::ChipId chip,
                                              Weft::CharPtrConst key,
-                                             Element const& element,
+                                             SlotLead lead,
                                              Weft::CharPtr result ) {
       EntryWork const work( table );
       ImageShape const shape = work.template shape<Result>();
       auto const words = work.wordsAt( key );
-      U64 const offset = work.template offsetOf<Result>( element.where().slot() );
-      if ( offset < table.readableSize() && sameWords( element.words(), words ) ) [[likely]] {
+      U64 const offset = work.template offsetOf<Result>( lead.slot() );
+      if ( offset < table.readableSize() &&
+           work.leadsTo( work.keys().keysBySlot(), lead, chip, key ) ) [[likely]] {
          U8 const* const image = table.readableRange() + offset;
          Result bytes;
          U64 const difference =
@@ -399,7 +399,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    }
    /// In a table that owns its slots: nothing can fail, and what lies in a free one is no image.
    template<class Result>
-   [[gnu::always_inline]] bool addAtHome( typename Keys::Found const& home,
+   [[gnu::always_inline]] bool addAtHome( typename Keys::Home home,
                                           Brine::ChipId chip,
                                           Weft::CharPtrConst key,
                                           U64 hash,
@@ -435,12 +435,12 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       writeImage<Result>( slot, pair.chip, key, result );
       claimed.keep();
       this->traceUpdate( pair.chip, slot );
-      keys().set( place, pair, slot );
+      keys().set( place, pair, slot, table_.isTrusted() ? Keys::Slot::ofNoPair : Keys::Slot::any );
       this->countOneMore( pair.chip );
       return true;
    }
 
-   [[gnu::always_inline]] void delAt( KeyPlace const& place, Pair const& pair ) const {
+   [[gnu::always_inline]] void delFound( KeyPlace const& place, Pair const& pair ) const {
       sassert( place.index.value() < table_.bitmap( "entryDel" ).size(),
                { "index.value() < freeIndexBmp()->size()", "entryDel" } );
       this->traceDelete( pair.chip );

@@ -1,17 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-/// The element of a map from (chip, key) to slot, and keys as words. Internal to EmTable.
+/// The elements of a map from (chip, key) to slot, and keys as words. Internal to EmTable.
 ///
-/// An element is a pair. It holds its key and, in one word, its chip and its slot:
+/// A key of K bytes takes 8 (K <= 8), 16 (K <= 16) or 20 bytes. With it lies
 ///
-///    K <= 8      key  8 bytes, where 8 bytes
-///    K <= 16     key 16 bytes, where 8 bytes
-///    K <= 20     key 20 bytes, where 8 bytes
-///
-///    where       bit 0 set: chip in bits 8 to 15, slot in bits 32 to 63
-///                bit 0 clear: pointer to the key's object in bits 0 to 55, on which the element holds a
-///                reference; in bits 56 to 63 the chip of the pair whose place the element has taken
+///    where the key has the place of its slot: 4 bytes, the chip
+///    anywhere else: 8 bytes,
+///       bit 0 set: chip in bits 8 to 15, slot in bits 32 to 63
+///       bit 0 clear: pointer to the key's object in bits 0 to 55, on which the element holds a reference; in
+///       bits 56 to 63 the chip of the pair whose place the element has taken
 ///
 /// Threads: plain values.
 
@@ -20,11 +18,25 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstring>
 
 namespace Tessel {
 
-/// What an element knows beside its key.
+/// What is known beside the key of a pair whose slot is known.
+class ChipOfPair {
+ public:
+   explicit ChipOfPair( Brine::ChipId chip ) : chip_( chip.value() ) {}
+
+   Brine::ChipId chip() const { return Brine::ChipId( static_cast<U8>( chip_ ) ); }
+   /// Zero for the pair with this chip.
+   U32 differenceFrom( Brine::ChipId chip ) const { return chip_ ^ chip.value(); }
+
+ private:
+   U32 chip_;
+};
+
+/// What is known beside a key of which nothing else is known.
 class SlotOrObject {
  public:
    SlotOrObject( Brine::ChipId chip, EmTableIndex slot )
@@ -128,18 +140,19 @@ template<std::size_t wordCount>
    return differenceOf<wordCount>( a, b ) == 0;
 }
 
-template<std::size_t wordCount>
-class KeyElement {
+/// A key, and what is known beside it.
+template<std::size_t wordCount, class Beside>
+class KeyAnd {
  public:
    static constexpr std::size_t keyBytes = wordCount == 3 ? 20 : 8 * wordCount;
 
-   KeyElement( KeyWords<wordCount> const& words, SlotOrObject where ) {
+   KeyAnd( KeyWords<wordCount> const& words, Beside beside ) {
       // Word by word: a copy of the array would go through memory.
       for ( std::size_t i = 0; i < wordCount; ++i ) {
          std::memcpy(
             key_.data() + 8 * i, &words[ i ], std::min<std::size_t>( 8, keyBytes - 8 * i ) );
       }
-      whereIs( where );
+      std::memcpy( beside_.data(), &beside, sizeof beside );
    }
 
    [[gnu::always_inline]] KeyWords<wordCount> words() const {
@@ -156,30 +169,32 @@ class KeyElement {
       }
    }
    char const* key() const { return key_.data(); }
-   SlotOrObject where() const {
-      SlotOrObject where{ Brine::ChipId( 0 ), EmTableIndex() };
-      std::memcpy( &where, where_.data(), sizeof where );
-      return where;
+   Beside beside() const { return std::bit_cast<Beside>( beside_ ); }
+
+   /// Whether it is this pair, in one comparison.
+   [[gnu::always_inline]] bool isPair( Brine::ChipId chip, KeyWords<wordCount> const& key ) const {
+      return ( differenceOf<wordCount>( words(), key ) | beside().differenceFrom( chip ) ) == 0;
    }
-   void whereIs( SlotOrObject where ) { std::memcpy( where_.data(), &where, sizeof where ); }
 
  private:
    // Bytes, not words: 20 + 8 bytes without padding.
    std::array<char, keyBytes> key_;
-   std::array<char, sizeof( SlotOrObject )> where_;
+   std::array<char, sizeof( Beside )> beside_;
 };
 
+/// The key that has the place of its slot.
+template<std::size_t wordCount>
+using KeyOfSlot = KeyAnd<wordCount, ChipOfPair>;
+/// One that has not.
+template<std::size_t wordCount>
+using KeyElement = KeyAnd<wordCount, SlotOrObject>;
+
+static_assert( sizeof( KeyOfSlot<1> ) == 12 );
+static_assert( sizeof( KeyOfSlot<2> ) == 20 );
+static_assert( sizeof( KeyOfSlot<3> ) == 24 );
 static_assert( sizeof( KeyElement<1> ) == 16 );
 static_assert( sizeof( KeyElement<2> ) == 24 );
 static_assert( sizeof( KeyElement<3> ) == 28 );
-
-/// Whether an element is this pair, in one comparison.
-template<std::size_t wordCount>
-[[gnu::always_inline]] inline bool
-isPair( KeyElement<wordCount> const& element, Brine::ChipId chip, KeyWords<wordCount> const& key ) {
-   return ( differenceOf<wordCount>( element.words(), key ) |
-            element.where().differenceFrom( chip ) ) == 0;
-}
 
 /// A pair whose key has been read, and its hash.
 template<std::size_t wordCount>

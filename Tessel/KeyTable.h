@@ -3,16 +3,19 @@
 
 /// From (chip, key) to slot, for keys of one length and one class of lengths. Internal to EmTable.
 ///
-/// A pair lies where the hash of its chip and its key leads, so that it is found at the first look
-/// however many chips a key has.
+/// What the hash of chip and key leads to is a slot and no more, so one line of memory leads to the image,
+/// where chip and key are, too. Who must not look there finds them in an array in the order of the slots.
+///
+/// A caller can give two pairs the same slot, or a pair what is no slot. Of such a pair all that is known
+/// lies in an element of its own.
 ///
 /// The EmTableFapIndices of a key is made when somebody asks for it, out of all pairs of the key, and
-/// takes the place of the one with the lowest chip. From then on it is *the* object of the key and the
+/// takes the place of the one with the lowest chip, in an element. From then on it is *the* object of the key and the
 /// only holder of its slots, so it does not matter to a caller which way a key is stored.
 ///
 /// Threads: as the table that owns the map.
 
-#include "Tessel/KeyElement.h"
+#include "Tessel/KeysBySlot.h"
 #include "Weft/FlatTable.h"
 
 #include <bit>
@@ -62,24 +65,51 @@ class ChipSet {
    std::array<U64, 4> words_{};
 };
 
+/// Leads to a slot that one pair alone has; or to an element.
+class SlotLead {
+ public:
+   SlotLead() = default;
+   explicit SlotLead( EmTableIndex slot ) : slot_( slot.value() ) {}
+
+   /// Whether it leads to a slot.
+   bool saysAll() const { return slot().valid(); }
+   /// The invalid index where there is none: no range is so long that it could be a slot.
+   EmTableIndex slot() const { return EmTableIndex( slot_ ); }
+
+ private:
+   U32 slot_ = EmTableIndex::invalid;
+};
+
 /// The pairs of one exact-match table.
 template<std::size_t wordCount>
 class KeyTable {
-   using Element = KeyElement<wordCount>;
-   struct ElementHash {
-      U64 operator()( Element const& element ) const {
-         return HashedPair<wordCount>( element.where().placeChip(), element.words() ).hash;
-      }
-   };
-   using Elements = Weft::FlatTable<Element, ElementHash>;
-
  public:
    static constexpr U64 nowhere = ~U64{ 0 };
    using Pair = HashedPair<wordCount>;
    using Words = KeyWords<wordCount>;
+   using Element = KeyElement<wordCount>;
 
-   /// For keys of `keyLength` bytes, in at most `mostPairs` pairs.
-   KeyTable( U32 keyLength, U64 mostPairs ) : elements_( mostPairs ), keyLength_( keyLength ) {}
+   using View = typename KeysBySlot<wordCount>::View;
+
+ private:
+   struct ElementHash {
+      View keys;
+      U64 operator()( SlotLead lead, Element const& element ) const {
+         if ( lead.saysAll() ) [[likely]] {
+            auto const& key = keys[ lead.slot() ];
+            return Pair( key.beside().chip(), key.words() ).hash;
+         }
+         return Pair( element.beside().placeChip(), element.words() ).hash;
+      }
+      [[gnu::always_inline]] void fetch( SlotLead lead ) const { keys.fetch( lead.slot() ); }
+   };
+   using Elements = Weft::FlatTable<Element, ElementHash, SlotLead>;
+
+ public:
+   /// For keys of `keyLength` bytes, in at most `mostPairs` pairs, whose slots are below that.
+   KeyTable( U32 keyLength, U32 mostPairs )
+         : bySlot_( mostPairs ), elements_( mostPairs, ElementHash{ bySlot_.view() } ),
+           keyLength_( keyLength ) {}
    KeyTable( KeyTable&& ) noexcept = default;
    KeyTable& operator=( KeyTable&& ) = delete;
    ~KeyTable() { delAll(); }
@@ -95,29 +125,28 @@ class KeyTable {
       return keyWordsAt<wordCount>( bytes, keyLength_ );
    }
 
+   /// Of pairs to whose slots leads lead.
+   View keysBySlot() const { return bySlot_.view(); }
+
    [[gnu::always_inline]] KeyPlace find( Pair const& pair ) const {
-      return placeOf( pair, elements_.find( pair.hash, IsPair{ pair } ) );
+      return placeOf( pair, elements_.find( pair.hash, isPair( pair ) ) );
    }
-   /// The same for a pair of which glance() is unsure.
+   /// The same for a pair of which a first look is unsure.
    [[gnu::always_inline]] KeyPlace findUnsure( Pair const& pair ) const {
-      return placeOf( pair, elements_.findUnsure( pair.hash, IsPair{ pair } ) );
+      return placeOf( pair, elements_.findUnsure( pair.hash, isPair( pair ) ) );
    }
 
-   /// An element and its position.
-   using Found = typename Elements::Found;
-   /// What the first look of find() says, which nearly always decides: calls `onFound( found )` for the
-   /// pair of which `isPair( element )` is true, `absent()` when it is not there, or else `unsure()`; and
+   /// What the first look of find() says, which nearly always decides: calls `onFirst( lead, position )`
+   /// for a pair that most likely is the one, `absent()` when the pair is not there, or else `unsure()`; and
    /// answers what that does.
-   template<class IsThePair, class OnFound, class Absent, class Unsure>
-   [[gnu::always_inline]] auto glance( U64 hash,
-                                       IsThePair const& isPair,
-                                       OnFound const& onFound,
-                                       Absent const& absent,
-                                       Unsure const& unsure ) const {
-      return elements_.glance(
+   template<class OnFirst, class Absent, class Unsure>
+   [[gnu::always_inline]] auto firstLook( U64 hash,
+                                          OnFirst const& onFirst,
+                                          Absent const& absent,
+                                          Unsure const& unsure ) const {
+      return elements_.firstLook(
          hash,
-         isPair,
-         onFound,
+         onFirst,
          [ & ]() __attribute__( ( always_inline ) ) {
             if ( objects_ != 0 ) [[unlikely]] { // of which one may hold the pair, at another place
                return unsure();
@@ -126,6 +155,7 @@ class KeyTable {
          },
          unsure );
    }
+   SlotLead leadAt( U64 position ) const { return elements_.lead( position ); }
 
    /// Makes sure that set() of a pair that find() did not find needs no memory. One allocation at
    /// most; std::bad_alloc leaves the table as it was.
@@ -144,34 +174,53 @@ class KeyTable {
    /// Whether the first pair makes room for all.
    bool growsAtOnce() const { return elements_.growsAtOnce(); }
 
+   /// What is known of a slot that a pair gets.
+   enum class Slot {
+      ofNoPair, ///< no other pair has it
+      any
+   };
    /// Sets the pair's slot; for a pair that find() did not find, after makeRoom().
-   [[gnu::always_inline]] void set( KeyPlace const& place, Pair const& pair, EmTableIndex slot ) {
+   [[gnu::always_inline]] void
+   set( KeyPlace const& place, Pair const& pair, EmTableIndex slot, Slot known ) {
       if ( place.position == nowhere ) {
          chips_.add( pair.chip );
-         elements_.insert( pair.hash, elementOf( pair, slot ) );
-      } else if ( auto& element = elements_[ place.position ]; element.where().isObject() ) {
-         element.where().object()->indexIs( pair.chip, slot );
+         giveSlot( elements_.insert( pair.hash, SlotLead() ), pair, slot, known );
+      } else if ( SlotOrObject const where = whereOf( place.position ); where.isObject() ) {
+         where.object()->indexIs( pair.chip, slot );
       } else {
-         element.whereIs( SlotOrObject( pair.chip, slot ) );
+         leaveSlot( place.position );
+         elements_.leadIs( place.position, SlotLead() );
+         giveSlot( place.position, pair, slot, known );
       }
    }
 
+   // The following are for slots of no other pair, in a table in which no caller has set a slot, or that is
+   // empty again and has been told so.
+
+   void startAfresh() { bySlot_.trackNoMore(); }
+
+   using Home = typename Elements::Lane;
    /// Calls `onHome( home )` if addAtHome() can add a pair that is absent there, or `otherwise()`, when
    /// makeRoom() and set() have to find a place; and answers what that does.
    template<class OnHome, class Otherwise>
    [[gnu::always_inline]] auto
    home( U64 hash, OnHome const& onHome, Otherwise const& otherwise ) const {
-      return elements_.placeAtHome( hash, onHome, otherwise );
+      return elements_.laneAtHome( hash, onHome, otherwise );
    }
-   [[gnu::always_inline]] void addAtHome( Found const& home, Pair const& pair, EmTableIndex slot ) {
-      elements_.insertAtHome( home, pair.hash, elementOf( pair, slot ) );
+   [[gnu::always_inline]] void addAtHome( Home home, Pair const& pair, EmTableIndex slot ) {
+      elements_.insertAtHome( home, pair.hash, SlotLead( slot ) );
+      keyOfSlotIs( slot, pair );
       chips_.add( pair.chip );
    }
 
-   /// Adds a pair if the first look shows that it is absent and that there is room for it. False, and
-   /// nothing added, otherwise. noteChip() has to follow before anybody asks for keys.
+   /// Where no key has an object: adds a pair if the first look shows that it is absent and that there is
+   /// room for it. False, and nothing added, otherwise. noteChip() has to follow before anybody asks for keys.
    [[gnu::always_inline]] bool addAtFirstLook( Pair const& pair, EmTableIndex slot ) {
-      return objects_ == 0 && elements_.insertAtFirstLook( pair.hash, elementOf( pair, slot ) );
+      bool const added = elements_.insertAtFirstLook( pair.hash, SlotLead( slot ) );
+      if ( added ) [[likely]] {
+         keyOfSlotIs( slot, pair );
+      }
+      return added;
    }
    void noteChip( Brine::ChipId chip ) { chips_.add( chip ); }
 
@@ -185,16 +234,48 @@ class KeyTable {
          }
          return;
       }
+      leaveSlot( place.position );
       elements_.erase( place.position, pair.hash );
    }
 
-   /// Removes the pair at a position that glance() gave.
-   [[gnu::always_inline]] void eraseGlanced( U64 position ) { elements_.eraseGlanced( position ); }
+   // The following three are for tables in which no caller has set a slot.
+
+   /// Removes the pair at a position that firstLook() gave.
+   [[gnu::always_inline]] void eraseAtHome( U64 position ) { elements_.eraseAtHome( position ); }
+   /// Removes the pair that has a slot, and this hash; false when there is none.
+   [[gnu::always_inline]] bool eraseWithSlot( U64 hash, EmTableIndex slot ) {
+      auto const further = [ & ] {
+         U64 const position =
+            elements_
+               .findUnsure( hash,
+                            [ & ]( SlotLead lead, Element const& /*element*/ ) {
+                               return lead.slot() == slot;
+                            } )
+               .position;
+         if ( position != nowhere ) {
+            elements_.erase( position, hash );
+         }
+         return position != nowhere;
+      };
+      return elements_.firstLook(
+         hash,
+         [ & ]( SlotLead lead, U64 position ) __attribute__( ( always_inline ) ) {
+            if ( lead.slot() != slot ) [[unlikely]] {
+               return further();
+            }
+            eraseAtHome( position );
+            return true;
+         },
+         [] { return false; },
+         further );
+   }
    /// Removes all pairs, of whose keys none has an object.
    void eraseAll() { elements_.eraseAll(); }
    /// Removes the pair, or the object with all pairs of its key, at `position`.
    [[gnu::always_inline]] void eraseAt( U64 position ) {
-      SlotOrObject const where = elements_.erase( position, hashOf( position ) ).where();
+      SlotOrObject const where = whereOf( position );
+      leaveSlot( position );
+      elements_.erase( position, hashOf( position ) );
       if ( where.isObject() ) {
          --objects_;
          Corvo::Ptr<EmTableFapIndices>::adopt( where.object() ); // drops the element's reference
@@ -206,6 +287,7 @@ class KeyTable {
          eraseAt( at );
       }
       elements_.clear();
+      bySlot_.trackNoMore();
       chips_.clear();
       objectPlaces_.clear();
    }
@@ -215,8 +297,15 @@ class KeyTable {
    /// The first position of either at or after `position`, or nowhere. Positions stay good while
    /// pairs are removed.
    U64 next( U64 position ) const { return elements_.next( position ); }
-   SlotOrObject whereOf( U64 position ) const { return elements_[ position ].where(); }
-   Words wordsOf( U64 position ) const { return elements_[ position ].words(); }
+   SlotOrObject whereOf( U64 position ) const {
+      SlotLead const lead = leadAt( position );
+      return lead.saysAll() ? SlotOrObject( keyOf( lead ).beside().chip(), lead.slot() )
+                            : elements_[ position ].beside();
+   }
+   Words wordsOf( U64 position ) const {
+      SlotLead const lead = leadAt( position );
+      return lead.saysAll() ? keyOf( lead ).words() : elements_[ position ].words();
+   }
 
    /// Whether all pairs are of this chip, and no key has an object; false may also be said of pairs that
    /// once were of several.
@@ -253,7 +342,10 @@ class KeyTable {
       return position == nowhere ? lowestPairOf( key ) : position;
    }
    /// The keyLength bytes of the key at `position`.
-   char const* bytesOf( U64 position ) const { return elements_[ position ].key(); }
+   char const* bytesOf( U64 position ) const {
+      SlotLead const lead = leadAt( position );
+      return lead.saysAll() ? keyOf( lead ).key() : elements_[ position ].key();
+   }
 
    /// The object of the key for which `position` stands, made when it was not there. std::bad_alloc leaves
    /// the table as it was.
@@ -282,8 +374,8 @@ class KeyTable {
       }
       elements_.makeRoom();
       Pair const place( Brine::ChipId( 0 ), key );
-      elements_.insert( place.hash,
-                        Element( key, SlotOrObject( place.chip, std::move( object ) ) ) );
+      elements_[ elements_.insert( place.hash, SlotLead() ) ] =
+         Element( key, SlotOrObject( place.chip, std::move( object ) ) );
       objectPlaces_.add( place.chip );
       ++objects_;
    }
@@ -295,60 +387,77 @@ class KeyTable {
       elements_.forEach( visit );
    }
 
-   // Steps on the way to a pair, each of which starts to fetch what the next one reads. A position is
-   // that of the first element that may be the pair; nowhere when the pair is no element, which leaves
-   // the objects; or anywhere, when only find() can tell.
-
-   [[gnu::always_inline]] void fetchTags( U64 hash ) const { elements_.fetchTags( hash ); }
-   /// Where there is no element to look for, it fetches nothing.
-   [[gnu::always_inline]] U64 fetchElement( U64 hash ) const {
-      return elements_.fetchElement( hash );
-   }
-   /// Where there is none, it fetches the place that a new one takes.
-   [[gnu::always_inline]] U64 fetchElementOrPlace( U64 hash ) const {
-      return elements_.fetchElementOrPlace( hash );
-   }
-   /// Whether there is an element at such a position, whatever has changed since it was given.
-   [[gnu::always_inline]] bool holds( U64 position ) const { return elements_.holds( position ); }
-   /// As glance(), but for that position; it may be void by now. A pair is one element at most, so what
-   /// is the pair there is all that there is of it.
-   template<class IsThePair, class OnFound, class Otherwise>
-   [[gnu::always_inline]] auto glanceAt( U64 position,
-                                         IsThePair const& isPair,
-                                         OnFound const& onFound,
-                                         Otherwise const& otherwise ) {
-      if ( !holds( position ) || !isPair( elements_[ position ] ) ) [[unlikely]] {
-         return otherwise();
-      }
-      return onFound( Found{ .element = &elements_[ position ], .position = position } );
-   }
+   /// Starts to fetch what the first look for a pair with this hash reads.
+   [[gnu::always_inline]] void fetchGroup( U64 hash ) const { elements_.fetchGroup( hash ); }
    /// For who asks often while the table does not change; it knows nothing of objects.
    using Search = typename Elements::Search;
-   Search search() const { return elements_.search(); }
-   /// Bytes that a look-up may touch.
-   U64 bytes() const { return elements_.bytes(); }
+   Search const& search() const { return elements_.search(); }
+
+   /// Bytes that look-ups among so many pairs may touch.
+   static constexpr U64 bytesFor( U64 pairs ) {
+      constexpr U64 tag = 1;
+      return pairs * ( tag + sizeof( SlotLead ) + sizeof( KeyOfSlot<wordCount> ) );
+   }
+   U64 bytes() const { return bytesFor( capacity() ); }
 
  private:
-   struct IsPair {
-      Pair const& pair;
-      [[gnu::always_inline]] bool operator()( Element const& element ) const {
-         return isPair( element, pair.chip, pair.words );
-      }
-   };
-   static Element elementOf( Pair const& pair, EmTableIndex slot ) {
-      return Element( pair.words, SlotOrObject( pair.chip, slot ) );
+   KeyOfSlot<wordCount> const& keyOf( SlotLead lead ) const { return keysBySlot()[ lead.slot() ]; }
+   [[gnu::always_inline]] void keyOfSlotIs( EmTableIndex slot, Pair const& pair ) {
+      keysBySlot()[ slot ] = KeyOfSlot<wordCount>( pair.words, ChipOfPair( pair.chip ) );
    }
-   U64 hashOf( U64 position ) const { return ElementHash()( elements_[ position ] ); }
+
+   /// Gives a slot to the pair at `position`, which leads to no slot.
+   [[gnu::always_inline]] void
+   giveSlot( U64 position, Pair const& pair, EmTableIndex slot, Slot known ) {
+      bool const isFree = known == Slot::ofNoPair && !bySlot_.tracks();
+      if ( isFree || takeSlot( slot ) ) [[likely]] {
+         keyOfSlotIs( slot, pair );
+         elements_.leadIs( position, SlotLead( slot ) );
+      } else {
+         elements_[ position ] = Element( pair.words, SlotOrObject( pair.chip, slot ) );
+      }
+   }
+   [[gnu::noinline]] bool takeSlot( EmTableIndex slot ) {
+      if ( !bySlot_.tracks() ) {
+         bySlot_.track( [ this ]( auto const& visit ) {
+            forEach( [ & ]( U64 position ) {
+               if ( leadAt( position ).saysAll() ) {
+                  visit( leadAt( position ).slot() );
+               }
+            } );
+         } );
+      }
+      return bySlot_.take( slot );
+   }
+   /// For a pair that is about to lose its slot.
+   [[gnu::always_inline]] void leaveSlot( U64 position ) {
+      if ( bySlot_.tracks() && leadAt( position ).saysAll() ) [[unlikely]] {
+         bySlot_.giveBack( leadAt( position ).slot() );
+      }
+   }
+
+   [[gnu::always_inline]] auto isPair( Pair const& pair ) const {
+      return [ this, &pair ]( SlotLead lead, Element const& element )
+         __attribute__( ( always_inline ) ) {
+         return lead.saysAll() ? keyOf( lead ).isPair( pair.chip, pair.words )
+                               : element.isPair( pair.chip, pair.words );
+      };
+   }
+   U64 hashOf( U64 position ) const {
+      return ElementHash{ keysBySlot() }( leadAt( position ), elements_[ position ] );
+   }
 
    [[gnu::always_inline]] KeyPlace placeOf( Pair const& pair,
                                             typename Elements::Found const& found ) const {
       if ( found.element != nullptr ) {
-         return { .position = found.position, .index = found.element->where().slot() };
+         SlotLead const lead = leadAt( found.position );
+         return { .position = found.position,
+                  .index = lead.saysAll() ? lead.slot() : found.element->beside().slot() };
       }
       return objects_ == 0 ? KeyPlace{ .position = nowhere, .index = {} } : findInObject( pair );
    }
    U64 positionOfPair( Pair const& pair ) const {
-      return elements_.find( pair.hash, IsPair{ pair } ).position;
+      return elements_.find( pair.hash, isPair( pair ) ).position;
    }
    /// Calls `visit( position )` for each pair of a key that has no object, the lowest chip first.
    template<class Visit>
@@ -387,8 +496,9 @@ class KeyTable {
          position =
             elements_
                .find( place.hash,
-                      [ & ]( Element const& element ) {
-                         return element.where().isObject() && sameWords( element.words(), key );
+                      [ & ]( SlotLead lead, Element const& element ) {
+                         return !lead.saysAll() && element.beside().isObject() &&
+                                sameWords( element.words(), key );
                       } )
                .position;
          return position != nowhere;
@@ -405,20 +515,25 @@ class KeyTable {
    /// Puts an object in the place of what stands for its key, and takes the other pairs of it out.
    void objectTakesPlace( U64 position, Corvo::Ptr<EmTableFapIndices> object ) {
       SlotOrObject const before = whereOf( position );
+      Words const key = wordsOf( position );
       if ( before.isObject() ) {
          Corvo::Ptr<EmTableFapIndices>::adopt( before.object() ); // drops the element's reference
       } else {
-         forEachPairOf( wordsOf( position ), [ & ]( U64 at ) {
+         forEachPairOf( key, [ & ]( U64 at ) {
+            leaveSlot( at );
             if ( at != position ) {
                elements_.erase( at, hashOf( at ) );
             }
          } );
          ++objects_;
       }
-      elements_[ position ].whereIs( SlotOrObject( before.placeChip(), std::move( object ) ) );
+      elements_[ position ] =
+         Element( key, SlotOrObject( before.placeChip(), std::move( object ) ) );
+      elements_.leadIs( position, SlotLead() );
       objectPlaces_.add( before.placeChip() );
    }
 
+   KeysBySlot<wordCount> bySlot_;
    Elements elements_;
    U32 keyLength_;
    U64 objects_ = 0;      ///< elements that hold an object

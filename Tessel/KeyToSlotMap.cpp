@@ -46,7 +46,7 @@ void KeyToSlotMap::indexIs( Brine::ChipId chip, EntryKey const& key, EmTableInde
          if ( !place.index.valid() ) {
             keys.makeRoom( place );
          }
-         keys.set( place, pair, slot );
+         keys.set( place, pair, slot, std::decay_t<decltype( keys )>::Slot::any );
       } );
       return;
    }

@@ -335,6 +335,8 @@ class [[gnu::visibility( "default" )]] ManagedTableBase : public Corvo::Node {
    /// has never been out of its hands, agrees (unless somebody writes there behind the table's back): all
    /// of the range, or none.
    U64 ownedSize() const { return ownedSize_; }
+   /// Whether that is so, or will be once the table writes.
+   bool isTrusted() const { return trustedSize_ != 0; }
    /// For all that lets callers change what lies in the range, where the range is, or the bookkeeping.
    void trustIsLost() const { trustedSize_ = ownedSize_ = 0; }
    /// Where the access to `size` bytes at `offset` goes, for the functions of Vellum/OrderedCopy.h.

@@ -80,11 +80,16 @@ struct Workload {
    }
    /// The entries `first` to `first + count` in the order in which a table is filled.
    std::vector<E> run( U32 first, U32 count ) const {
-      std::vector<E> made( count );
+      std::vector<E> made;
+      runInto( made, first, count );
+      return made;
+   }
+   /// The same in memory that is there already.
+   void runInto( std::vector<E>& made, U32 first, U32 count ) const {
+      made.resize( count );
       for ( U32 i = 0; i < count; ++i ) {
          made[ i ] = at( first + i );
       }
-      return made;
    }
 
    U32 slots;

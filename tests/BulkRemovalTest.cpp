@@ -76,7 +76,7 @@ TEST( BulkRemoval, reachesEveryPairOnce ) {
 
 // What a table that owns its range takes out at once has to be what it would take out one by one.
 TEST( BulkRemoval, ofAPairInTwoSlotsTakesOutTheOneThatTheMapNames ) {
-   for ( bool const ofChip : { false, true } ) {
+   for ( U32 const chips : { 0U, 1U, 2U } ) { // of all of them, or of one among so many
       auto const table = newTable();
       for ( U32 const slot : { 1U, 3U } ) {
          table->writeToVellumMemory(
@@ -84,13 +84,38 @@ TEST( BulkRemoval, ofAPairInTwoSlotsTakesOutTheOneThatTheMapNames ) {
       }
       auto const restarted = tableOver( table->vellumChunk() );
       add( restarted, chip3, "BBBB", "r1" ); // from now on it knows what lies in its range
+      if ( chips == 2 ) {
+         add( restarted, chip5, "AAAA", "r5" );
+      }
       std::string const kept = imageAt( *restarted, 1 );
-      ofChip ? restarted->deleteAll( chip3 ) : restarted->clearTable();
+      chips != 0 ? restarted->deleteAll( chip3 ) : restarted->clearTable();
       EXPECT_EQ( imageAt( *restarted, 1 ), kept );
       EXPECT_EQ( imageAt( *restarted, 0 ) + imageAt( *restarted, 3 ), std::string( 16, '\0' ) );
-      EXPECT_EQ( restarted->keyToIndexListCount(), 0U );
-      EXPECT_EQ( restarted->numUsedEntries(), 1U );
+      U32 const left = chips == 2 ? 1 : 0;
+      EXPECT_EQ( restarted->keyToIndexListCount(), left );
+      EXPECT_EQ( restarted->numUsedEntries(), 1 + left );
       EXPECT_EQ( restarted->numUsedEntriesByChipId( chip3 ), 1U );
+   }
+}
+
+TEST( BulkRemoval, ofAChipAmongSeveralFindsPairsAwayFromTheirPlacesAndNotThoseTakenOutOfTheMap ) {
+   constexpr U32 entries = 3000;
+   auto const table =
+      tableOver( Vellum::VellumChunk::inProcess( entries * 8 ), { .entries = entries } );
+   auto const keyNumber = []( U32 number ) { return std::to_string( 1000 + number ); };
+   auto const chipOf = []( U32 number ) { return number % 3 == 0 ? chip3 : chip5; };
+   for ( U32 number = 0; number < entries; ++number ) {
+      add( table, chipOf( number ), keyNumber( number ), "rr" );
+   }
+   table->keyToIndexListDel( keyOf( keyNumber( 0 ) ) );
+   table->deleteAll( chip3 );
+   EXPECT_EQ( table->numUsedEntries(), 2001U );
+   EXPECT_EQ( table->numUsedEntriesByChipId( chip3 ), 1U );
+   EXPECT_EQ( table->keyToIndexListCount(), 2000U );
+   EXPECT_NE( imageAt( *table, 0 ), std::string( 8, '\0' ) );
+   for ( U32 number = 1; number < entries; ++number ) {
+      ASSERT_EQ( table->entryHas( chipOf( number ), keyNumber( number ).data() ), number % 3 != 0 );
+      ASSERT_EQ( imageAt( *table, number ) == std::string( 8, '\0' ), number % 3 == 0 );
    }
 }
 

@@ -165,6 +165,21 @@ TEST( EntryOperations, aSlotChangedBehindTheTablesBackFailsTheLookUp ) {
    EXPECT_TRUE( table->entryHas( chip3, "AAAA" ) ) << "answered without a look at the slot";
 }
 
+TEST( EntryOperations, aSlotChangedBehindTheTablesBackCanBeRewrittenAndDeleted ) {
+   for ( std::string const image : { "\1\3AAABr1", "\1\5AAAAr1", "\2\3AAAAr1" } ) {
+      auto const table = newTable();
+      add( table, chip3, "AAAA", "r1" );
+      table->vellumChunk()->write( 0, image.data(), 8 );
+      add( table, chip3, "AAAA", "r2" );
+      EXPECT_EQ( imageAt( *table, 0 ), "\1\3AAAAr2" );
+      table->vellumChunk()->write( 0, image.data(), 8 );
+      table->entryDel( chip3, "AAAA" );
+      EXPECT_FALSE( table->entryHas( chip3, "AAAA" ) );
+      EXPECT_EQ( table->numUsedEntries(), 0U );
+      EXPECT_EQ( imageAt( *table, 0 ), std::string( 8, '\0' ) );
+   }
+}
+
 TEST( EntryOperations, aKeyThatTheMapDoesNotHoldIsAbsentWhateverLiesInTheSlots ) {
    auto const writer = newTable( { .entries = 4 } );
    add( writer, chip3, "AAAA", "r1" );
@@ -192,6 +207,10 @@ TEST( EntryOperations, anImageCoversAllThatLayInItsSlot ) {
          std::string const junk = before + std::string( 35, '\xff' );
          chunk->write( 0, junk.data(), 36 );
          auto const table = tableOver( chunk, geometry );
+         ASSERT_TRUE( add( table, Brine::ChipId( 0xff ), key, result ) );
+         EXPECT_EQ( allBytes( chunk ), image + junk.substr( image.size() ) );
+         U32 const padding = 2 + geometry.key + geometry.result;
+         chunk->write( padding, junk.data() + padding, table->entryLengthBytes() - padding );
          ASSERT_TRUE( add( table, Brine::ChipId( 0xff ), key, result ) );
          EXPECT_EQ( allBytes( chunk ), image + junk.substr( image.size() ) );
       }

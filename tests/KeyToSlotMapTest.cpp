@@ -172,6 +172,57 @@ TEST( KeyToSlotMap, anObjectTakesThePlaceOfItsKeysPairsAndLeavesOthersAlone ) {
    EXPECT_FALSE( table->entryHas( chip5, keyNumber( 9 ).data() ) );
 }
 
+TEST( KeyToSlotMap, aSlotGivenToTwoPairsIsThatOfBoth ) {
+   auto const table = newTable();
+   auto const slotOf = [ & ]( std::string_view key ) {
+      return table->getTableIndex( chip3, keyOf( key ) ).value();
+   };
+   auto const slotIs = [ & ]( std::string_view key, U32 slot ) {
+      table->updateTableIndex( chip3, keyOf( key ), EmTableIndex( slot ) );
+   };
+   add( table, chip3, "AAAA", "r1" );
+   table->free( EmTableIndex( 0 ) );
+   add( table, chip3, "BBBB", "r2" );
+   slotIs( "CCCC", 0 );
+   slotIs( "DDDD", 5'000'000 );
+   EXPECT_EQ( slotOf( "AAAA" ), 0U );
+   EXPECT_EQ( slotOf( "BBBB" ), 0U );
+   EXPECT_EQ( slotOf( "CCCC" ), 0U );
+   EXPECT_EQ( slotOf( "DDDD" ), 5'000'000U );
+   EXPECT_EQ( keysMet( *table ).size(), 4U );
+
+   slotIs( "AAAA", 1 ); // which leaves slot 0 to the others
+   slotIs( "CCCC", 1 );
+   slotIs( "DDDD", 0 );
+   table->deleteTableIndex( chip3, keyOf( "BBBB" ) );
+   EXPECT_EQ( slotOf( "AAAA" ), 1U );
+   EXPECT_EQ( slotOf( "CCCC" ), 1U );
+   EXPECT_EQ( slotOf( "DDDD" ), 0U );
+   EXPECT_EQ( table->keyToIndexList( keyOf( "CCCC" ) )->index( chip3 ).value(), 1U );
+   EXPECT_THAT( keysMet( *table ), ElementsAre( "AAAA", "CCCC", "DDDD" ) );
+
+   auto const keyNumber = []( U32 number ) { return std::to_string( 1000 + number ); };
+   for ( U32 i = 0; i < 1000; ++i ) {
+      slotIs( keyNumber( i ), i % 9 );
+   }
+   for ( U32 i = 0; i < 1000; ++i ) {
+      ASSERT_EQ( slotOf( keyNumber( i ) ), i % 9 );
+      table->deleteTableIndex( chip3, keyOf( keyNumber( i ) ) );
+   }
+   EXPECT_THAT( keysMet( *table ), ElementsAre( "AAAA", "CCCC", "DDDD" ) );
+}
+
+TEST( KeyToSlotMap, thatWasEmptiedKnowsWhichSlotsARestartGives ) {
+   auto const table = newTable();
+   table->updateTableIndex( chip3, keyOf( "AAAA" ), EmTableIndex( 2 ) );
+   table->deleteTableIndex( chip3, keyOf( "AAAA" ) );
+   table->writeToVellumMemory( EmTableIndex( 2 ), chip3, keyOf( "BBBB" ), resultOf( "r2" ) );
+   table->reconcile();
+   table->updateTableIndex( chip3, keyOf( "CCCC" ), EmTableIndex( 2 ) );
+   EXPECT_EQ( table->getTableIndex( chip3, keyOf( "BBBB" ) ).value(), 2U );
+   EXPECT_EQ( table->getTableIndex( chip3, keyOf( "CCCC" ) ).value(), 2U );
+}
+
 TEST( KeyToSlotMap, releasesEveryObjectWithTheTable ) {
    U64 const before = EmTableFapIndices::memAllocationTracker_.live();
    {

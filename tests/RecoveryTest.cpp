@@ -107,6 +107,18 @@ TEST( Recovery, runningAgainTakesOverWhatAnotherWriterAdded ) {
    EXPECT_EQ( table->numUsedEntries(), 1U );
 }
 
+TEST( Recovery, runningAgainGivesASlotToTheKeyThatItFindsThereNow ) {
+   auto const table = newTable();
+   add( table, chip3, "AAAA", "r1" );
+   writeImage( table->vellumChunk(), 0, "\1\3BBBBr2" );
+   table->reconcile();
+   EXPECT_EQ( lookUp( *table, chip3, "BBBB" ), "r2" );
+   EXPECT_EQ( table->getTableIndex( chip3, keyOf( "AAAA" ) ), EmTableIndex( 0 ) );
+   table->entryDel( chip3, "BBBB" );
+   EXPECT_TRUE( table->entryHas( chip3, "AAAA" ) );
+   EXPECT_EQ( table->keyToIndexListCount(), 1U );
+}
+
 // Its map takes no room for all at once, and guesses from the first keys, which are on two chips here,
 // how much the others need.
 TEST( Recovery, ofALargeTableFindsEveryEntryWhileItsMapGrows ) {
@@ -140,7 +152,7 @@ TEST( Recovery, ofALargeTableFindsEveryEntryWhileItsMapGrows ) {
 }
 
 TEST( LargeRecovery, ofAMapThatNoCacheHoldsFindsEveryEntry ) {
-   constexpr U32 count = 310'000; // of 28 bytes in the map, beyond 8 MB
+   constexpr U32 count = 310'000; // of 29 bytes in the map, beyond 8 MB
    Geometry const geometry{ .entries = count, .key = 20, .result = 2 };
    std::vector<std::array<U32, 5>> keys( count );
    std::vector<EmPairAndResult> pairs;

@@ -15,8 +15,9 @@ ArrayMemory ArrayMemory::fromHeap( std::size_t size, std::size_t zeros ) {
 }
 
 ArrayMemory ArrayMemory::fromSystem( std::size_t size ) {
-   void* const memory =
-      ::mmap( nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0 );
+   constexpr int flags =
+      MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE; // much of it may stay untouched
+   void* const memory = ::mmap( nullptr, size, PROT_READ | PROT_WRITE, flags, -1, 0 );
    if ( memory == MAP_FAILED ) {
       throw std::bad_alloc();
    }

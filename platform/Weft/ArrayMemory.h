@@ -27,8 +27,10 @@ class [[gnu::visibility( "default" )]] ArrayMemory {
 
    /// The first `zeros` bytes are zero.
    static ArrayMemory fromHeap( std::size_t size, std::size_t zeros );
-   /// All bytes are zero.
+   /// All bytes are zero, and what is never touched takes no memory; in huge pages, where there are any.
    static ArrayMemory fromSystem( std::size_t size );
+   /// From so many bytes on that pays.
+   static constexpr std::size_t hugePagesFrom = std::size_t{ 2 } << 20;
 
    ArrayMemory( ArrayMemory&& other ) noexcept
          : bytes_( std::exchange( other.bytes_, nullptr ) ),

@@ -8,12 +8,20 @@
 ///    groups     16 bytes each: 15 tags, one per lane, then an overflow count
 ///    elements   15 per group, in the order of the lanes
 ///
-/// A tag is 0 for an empty lane, else 8 bits of the element's hash; 15 tags are compared at once.
+/// or, when elements have leads,
+///
+///    groups     64 bytes each, a cache line: 12 tags, the overflow count, 3 bytes of no use, 12 leads
+///    elements   12 per group
+///
+/// A tag is 0 for an empty lane, else 8 bits of the element's hash; the tags of a group are compared at once.
 /// An element lies in the first group with an empty lane from its home group on. The overflow count
 /// of a group says how many elements passed it by because it was full: where it is 0, a search may
 /// stop. Erasing an element lowers the counts that its insertion raised, so a table that lives long
 /// does not fill up with old overflow (a count that once reached 255 is no longer exact and stays
 /// until the table grows).
+///
+/// A lead is a number of 4 bytes that most often says all that there is to know of its element, which then
+/// is never written nor read: a search looks at one line, and a change changes one.
 ///
 /// Threads: as the table.
 
@@ -22,6 +30,7 @@
 #include <array>
 #include <bit>
 #include <cstddef>
+#include <type_traits>
 
 #if defined( __SSE2__ )
 #include <emmintrin.h>
@@ -29,19 +38,39 @@
 
 namespace Weft {
 
+/// Starts to fetch the `length` bytes at `offset` from `base`, if there are any: what is no place is no error.
+/// Inlined at any price, as all that only fetches: GCC 12 takes a call of a function that does nothing else
+/// for one that does nothing.
+[[gnu::always_inline]] inline void fetchBytes( void const* base, U64 offset, U64 length ) {
+   // As a number: a pointer must not be made to lead astray.
+   std::uintptr_t const from = reinterpret_cast<std::uintptr_t>( base ) + offset;
+   __builtin_prefetch( reinterpret_cast<void const*>( from ) );
+   __builtin_prefetch( reinterpret_cast<void const*>( from + length - 1 ) );
+}
+
+/// The lead in a table that has none.
+struct NoLead {};
+
 /// The read side of a FlatTable. A copy owns nothing and is good until the table changes: who asks often
 /// while it does not keeps one, which stays in registers where the members of the table would be loaded
 /// again after every store.
-template<class Element>
+template<class Element, class LeadOfElement = NoLead>
 class FlatSearch {
  public:
+   using Lead = LeadOfElement;
+   static constexpr bool hasLeads = !std::is_same_v<Lead, NoLead>;
    using Position = U64;
    static constexpr Position nowhere = ~Position{ 0 };
-   static constexpr Position anywhere = nowhere - 1; ///< only a search can tell
 
    Element& operator[]( Position position ) { return elements_[ elementOf( position ) ]; }
    Element const& operator[]( Position position ) const {
       return elements_[ elementOf( position ) ];
+   }
+
+   Lead lead( Position position ) const
+      requires hasLeads
+   {
+      return *leadAt( position );
    }
 
    /// An element and its position; null and nowhere when there is none.
@@ -50,6 +79,9 @@ class FlatSearch {
       Position position;
    };
 
+   // `matches( element )` says whether an element is the one that is wanted; in a table with leads,
+   // `matches( lead, element )`.
+
    /// The element with this hash for which `matches` is true.
    template<class Matches>
    [[gnu::always_inline]] Found find( U64 hash, Matches const& matches ) const {
@@ -57,7 +89,7 @@ class FlatSearch {
       U32 const lanes = lanesWith( group, fourTagsOf( hash ) );
       if ( lanes != 0 ) [[likely]] {
          Found const first = at( group, lanes );
-         if ( matches( *first.element ) ) [[likely]] {
+         if ( isWanted( matches, first ) ) [[likely]] {
             return first;
          }
       } else if ( overflow( group ) == 0 ) [[likely]] {
@@ -66,29 +98,24 @@ class FlatSearch {
       return findFurther( hash, matches );
    }
 
-   /// What the first look of find() says, which nearly always decides: calls `onFound( found )`,
-   /// `absent()`, or `unsure()`, and answers what that does. (An answer that were to be looked at again
-   /// would cost a good part of the search.)
-   template<class Matches, class OnFound, class Absent, class Unsure>
-   [[gnu::always_inline]] auto glance( U64 hash,
-                                       Matches const& matches,
-                                       OnFound const& onFound,
-                                       Absent const& absent,
-                                       Unsure const& unsure ) const {
+   /// The first look of find() alone, which nearly always decides, for who can tell by other means whether
+   /// the first element with the right tag is the one: calls `onFirst( lead, position )` with it, `absent()`
+   /// when there is none, or `unsure()` when others have to be looked at, as onFirst() may; and answers what
+   /// that does. (An answer that were to be looked at again would cost a good part of the search.)
+   template<class OnFirst, class Absent, class Unsure>
+   [[gnu::always_inline]] auto
+   firstLook( U64 hash, OnFirst const& onFirst, Absent const& absent, Unsure const& unsure ) const
+      requires hasLeads
+   {
       U64 const group = homeOf( hash );
       U32 const lanes = lanesWith( group, fourTagsOf( hash ) );
       if ( lanes != 0 ) {
-         Found const first = at( group, lanes );
-         if ( matches( *first.element ) ) [[likely]] {
-            return onFound( first );
-         }
-      } else if ( overflow( group ) == 0 ) [[likely]] {
-         return absent();
+         return onFirst( *leadOf( group, lowestOf( lanes ) ), positionOf( group, lanes ) );
       }
-      return unsure();
+      return overflow( group ) == 0 ? absent() : unsure();
    }
 
-   /// As find(), for a hash of which glance() is unsure.
+   /// As find(), for a hash of which a first look is unsure.
    template<class Matches>
    [[gnu::always_inline]] Found findUnsure( U64 hash, Matches const& matches ) const {
       U32 const tag = fourTagsOf( hash );
@@ -96,7 +123,7 @@ class FlatSearch {
       for ( U64 passed = 0; passed < groups_; ++passed, group = after( group ) ) {
          for ( U32 lanes = lanesWith( group, tag ); lanes != 0; lanes &= lanes - 1 ) {
             Found const found = at( group, lanes );
-            if ( matches( *found.element ) ) {
+            if ( isWanted( matches, found ) ) {
                return found;
             }
          }
@@ -107,61 +134,15 @@ class FlatSearch {
       return none();
    }
 
-   // These start to fetch what a search for this hash will read: the tags of its first group and, once
-   // these are there, the first element with the tag; or the place that a new element will take. Inlined
-   // at any price: GCC 12 takes a call of a function that does nothing else for one that does nothing.
-
-   [[gnu::always_inline]] void fetchTags( U64 hash ) const {
-      __builtin_prefetch( tags_ + homeOf( hash ) * lanesPerGroup );
+   /// Starts to fetch what a first look for this hash will read. Inlined as fetchBytes().
+   [[gnu::always_inline]] void fetchGroup( U64 hash ) const {
+      __builtin_prefetch( tagsOf( homeOf( hash ) ) );
    }
-   /// Calls `onFirst( found )` with that first element, `absent()` when none can have the hash, or
-   /// `unsure()`; and answers what that does.
-   template<class OnFirst, class Absent, class Unsure>
-   [[gnu::always_inline]] auto fetchFirst( U64 hash,
-                                           OnFirst const& onFirst,
-                                           Absent const& absent,
-                                           Unsure const& unsure ) const {
-      U64 const group = homeOf( hash );
-      U32 const lanes = lanesWith( group, fourTagsOf( hash ) );
-      if ( lanes == 0 ) {
-         return overflow( group ) == 0 ? absent() : unsure();
-      }
-      Found const first = at( group, lanes );
-      fetch( first );
-      return onFirst( first );
-   }
-   /// The position of that first element; nowhere when none can have the hash; or anywhere.
-   [[gnu::always_inline]] Position fetchElement( U64 hash ) const {
-      return fetchFirst(
-         hash,
-         []( Found const& found ) { return found.position; },
-         [] { return nowhere; },
-         [] { return anywhere; } );
-   }
-   /// The same, but anywhere also when none can have the hash: whoever adds elements looks again.
-   [[gnu::always_inline]] Position fetchElementOrPlace( U64 hash ) const {
-      U64 const group = homeOf( hash );
-      U32 const lanes = lanesWith( group, fourTagsOf( hash ) );
-      if ( lanes != 0 ) {
-         Found const first = at( group, lanes );
-         fetch( first );
-         return first.position;
-      }
-      if ( U32 const empty = emptyLanes( group ); empty != 0 ) {
-         fetch( at( group, empty ) );
-      }
-      return anywhere;
-   }
-   /// Whether there is an element at a position that was given at any time, or at nowhere or anywhere.
-   [[gnu::always_inline]] bool holds( Position position ) const {
-      return position < groups_ * lanesPerGroup && tags_[ position ] != 0;
-   }
-
    /// The first occupied position at or after `position`, or nowhere: a walk is
    /// for ( p = next( 0 ); p != nowhere; p = next( p + 1 ) ).
    [[gnu::always_inline]] Position next( Position position ) const {
-      U32 passed = static_cast<U32>( position % lanesPerGroup );
-      for ( U64 group = position / lanesPerGroup; group < groups_; ++group, passed = 0 ) {
+      U32 passed = static_cast<U32>( position % groupBytes );
+      for ( U64 group = position / groupBytes; group < groups_; ++group, passed = 0 ) {
          U32 const used = ~emptyLanes( group ) & allLanes & ( ~U32{ 0 } << passed );
          if ( used != 0 ) {
             return positionOf( group, used );
@@ -182,9 +163,12 @@ class FlatSearch {
    }
 
  protected:
-   static constexpr U64 lanesPerGroup = 16; ///< 15 tags and the overflow count
-   static constexpr U64 elementsPerGroup = 15;
-   static constexpr U32 allLanes = 0x7fff;
+   static constexpr U64 tagBytes = 16; ///< of a group, with the overflow count
+   static constexpr U64 elementsPerGroup = hasLeads ? 12 : 15;
+   static constexpr U64 overflowLane = elementsPerGroup; ///< where the overflow count is
+   static constexpr U32 allLanes = ( U32{ 1 } << elementsPerGroup ) - 1;
+   static constexpr U64 groupBytes = hasLeads ? 64 : tagBytes;
+   static_assert( !hasLeads || tagBytes + elementsPerGroup * sizeof( Lead ) == groupBytes );
 
    /// The tag of a hash, in each of four bytes: its lowest byte, 1 for 0.
    static U32 fourTagsOf( U64 hash ) { return fourTags[ hash & 0xff ]; }
@@ -204,20 +188,31 @@ class FlatSearch {
    static Found none() { return { .element = nullptr, .position = nowhere }; }
    /// What is at the lowest of `lanes`.
    Found at( U64 group, U32 lanes ) const {
-      U32 const lane = static_cast<U32>( std::countr_zero( lanes ) );
+      U32 const lane = lowestOf( lanes );
       return { .element = elements_ + ( group * elementsPerGroup + lane ),
-               .position = group * lanesPerGroup + lane };
+               .position = group * groupBytes + lane };
    }
 
-   [[gnu::always_inline]] static void fetch( Found const& wanted ) {
-      auto const* const element = reinterpret_cast<char const*>( wanted.element );
-      __builtin_prefetch( element );
-      __builtin_prefetch( element + sizeof( Element ) - 1 );
+   template<class Matches>
+   [[gnu::always_inline]] bool isWanted( Matches const& matches, Found const& found ) const {
+      if constexpr ( hasLeads ) {
+         return matches( lead( found.position ), *found.element );
+      } else {
+         return matches( *found.element );
+      }
    }
 
-   /// A bit for each of the 15 lanes of a group whose tag is the one in `four`.
+   U8* tagsOf( U64 group ) const { return groupsAt_ + group * groupBytes; }
+   Lead* leadOf( U64 group, U64 lane ) const {
+      return reinterpret_cast<Lead*>( tagsOf( group ) + tagBytes ) + lane;
+   }
+   Lead* leadAt( Position position ) const {
+      return leadOf( position / groupBytes, position % groupBytes );
+   }
+
+   /// A bit for each of the lanes of a group whose tag is the one in `four`.
    U32 lanesWith( U64 group, U32 four ) const {
-      U8 const* const tags = tags_ + group * lanesPerGroup;
+      U8 const* const tags = tagsOf( group );
 #if defined( __SSE2__ )
       __m128i const all = _mm_load_si128( reinterpret_cast<__m128i const*>( tags ) );
       __m128i const wanted = _mm_shuffle_epi32( _mm_cvtsi32_si128( static_cast<int>( four ) ), 0 );
@@ -231,18 +226,21 @@ class FlatSearch {
 #endif
    }
    U32 emptyLanes( U64 group ) const { return lanesWith( group, 0 ); }
-   U8 overflow( U64 group ) const { return tags_[ group * lanesPerGroup + elementsPerGroup ]; }
+   U8 overflow( U64 group ) const { return tagsOf( group )[ overflowLane ]; }
 
+   static U32 lowestOf( U32 lanes ) { return static_cast<U32>( std::countr_zero( lanes ) ); }
    static Position positionOf( U64 group, U32 lanes ) {
-      return group * lanesPerGroup + static_cast<U32>( std::countr_zero( lanes ) );
+      return group * groupBytes + lowestOf( lanes );
    }
-   static U64 elementOf( Position position ) { return position - position / lanesPerGroup; }
+   static U64 elementOf( Position position ) {
+      return position - position / groupBytes * ( groupBytes - elementsPerGroup );
+   }
 
    /// What a table without memory searches: one group, which never gets an element.
-   alignas( lanesPerGroup ) inline static std::array<U8, lanesPerGroup> noTags{};
+   alignas( groupBytes ) inline static std::array<U8, groupBytes> noTags{};
 
-   U8* tags_ = noTags.data();
-   Element* elements_ = nullptr; ///< behind the groups
+   U8* groupsAt_ = noTags.data();
+   Element* elements_ = nullptr;
    U64 groups_ = 1;
 
  private:

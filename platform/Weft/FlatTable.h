@@ -14,7 +14,9 @@
 #include "Weft/FlatSearch.h"
 
 #include <algorithm>
+#include <array>
 #include <memory>
+#include <span>
 #include <type_traits>
 #include <utility>
 
@@ -27,26 +29,29 @@ constexpr U64 widened( U32 hash ) {
 }
 
 /// `Element` moves without throwing; `HashOf` gives the 64-bit hash of an element, never throws,
-/// and hashes equal elements alike.
-template<class Element, class HashOf>
-class FlatTable : private FlatSearch<Element> {
+/// and hashes equal elements alike: `hashOf( element )`.
+///
+/// In a table with leads an element is plain bytes, its hash is `hashOf( lead, element )`, and
+/// `hashOf.fetch( lead )` may start to fetch what that is made of. `lead.saysAll()` tells that there is nothing
+/// in the element, which must not be read then.
+template<class Element, class HashOf, class LeadOfElement = NoLead>
+class FlatTable : private FlatSearch<Element, LeadOfElement> {
    static_assert( std::is_nothrow_move_constructible_v<Element> );
 
  public:
-   using Search = FlatSearch<Element>;
-   using Search::anywhere;
+   using Search = FlatSearch<Element, LeadOfElement>;
+   using Search::hasLeads;
    using Search::nowhere;
    using typename Search::Found;
+   using typename Search::Lead;
    using typename Search::Position;
    using Search::operator[];
-   using Search::fetchElement;
-   using Search::fetchElementOrPlace;
-   using Search::fetchTags;
+   using Search::fetchGroup;
    using Search::find;
    using Search::findUnsure;
+   using Search::firstLook;
    using Search::forEach;
-   using Search::glance;
-   using Search::holds;
+   using Search::lead;
    using Search::next;
 
    /// `expectedMost` elements are expected at most; growth stops at the memory that these need as
@@ -86,77 +91,90 @@ class FlatTable : private FlatSearch<Element> {
    void announce( U64 elements ) { announced_ = elements; }
    /// Whether all expected elements get their room with the first one.
    bool growsAtOnce() const { return takesAllAtOnce( 1 ); }
-   /// Bytes that the table holds beside itself.
-   U64 bytes() const { return memory_.size(); }
 
    /// Adds an element that the table does not hold. There must be room (see makeRoom).
-   [[gnu::always_inline]] Position insert( U64 hash, Element element ) noexcept {
-      U64 group = homeOf( hash );
-      while ( emptyLanes( group ) == 0 ) {
-         U8& count = overflowAt( group );
-         count = static_cast<U8>( count + ( count != exactOverflowEnds ) );
-         group = after( group );
-      }
-      Position const position = positionOf( group, emptyLanes( group ) );
-      tagAt( position ) = static_cast<U8>( fourTagsOf( hash ) );
+   [[gnu::always_inline]] Position insert( U64 hash, Element element ) noexcept
+      requires( !hasLeads )
+   {
+      Position const position = takeLane( hash );
       std::construct_at( &( *this )[ position ], std::move( element ) );
-      ++size_;
       return position;
    }
+   /// The same for its lead. Where that does not say all, the element at the position that is answered has to
+   /// be assigned before it is asked for.
+   [[gnu::always_inline]] Position insert( U64 hash, Lead lead ) noexcept
+      requires hasLeads
+   {
+      Position const position = takeLane( hash );
+      leadIs( position, lead );
+      return position;
+   }
+   void leadIs( Position position, Lead lead )
+      requires hasLeads
+   {
+      *leadAt( position ) = lead;
+   }
 
-   /// Calls `onPlace( place )` with the place of a new element with this hash in its home group, or
+   /// A lane that is empty, and where its lead is.
+   struct Lane {
+      Position position;
+      Lead* lead;
+   };
+   /// Calls `onLane( lane )` with the lane of a new element with this hash in its home group, or
    /// `otherwise()` when there is none, or no room; and answers what that does.
-   template<class OnPlace, class Otherwise>
+   template<class OnLane, class Otherwise>
    [[gnu::always_inline]] auto
-   placeAtHome( U64 hash, OnPlace const& onPlace, Otherwise const& otherwise ) const {
+   laneAtHome( U64 hash, OnLane const& onLane, Otherwise const& otherwise ) const {
       U64 const group = homeOf( hash );
       U32 const empty = emptyLanes( group );
       if ( empty == 0 || size_ >= capacity_ ) [[unlikely]] {
          return otherwise();
       }
-      return onPlace( at( group, empty ) );
+      return onLane(
+         { .position = positionOf( group, empty ), .lead = leadOf( group, lowestOf( empty ) ) } );
    }
-   /// Adds an element that the table does not hold in its place at home.
-   [[gnu::always_inline]] void
-   insertAtHome( Found const& place, U64 hash, Element const& element ) noexcept {
-      tagAt( place.position ) = static_cast<U8>( fourTagsOf( hash ) );
-      std::construct_at( place.element, element );
+   /// Adds an element that the table does not hold in its lane at home.
+   [[gnu::always_inline]] void insertAtHome( Lane lane, U64 hash, Lead lead ) noexcept {
+      tagAt( lane.position ) = static_cast<U8>( fourTagsOf( hash ) );
+      *lane.lead = lead;
       ++size_;
    }
    /// Adds an element that the table may hold and for which there may be no room, if the first look
    /// decides both. False, and nothing added, otherwise.
-   [[gnu::always_inline]] bool insertAtFirstLook( U64 hash, Element const& element ) noexcept {
+   [[gnu::always_inline]] bool insertAtFirstLook( U64 hash, Lead lead ) noexcept {
       U64 const group = homeOf( hash );
       if ( overflow( group ) != 0 || lanesWith( group, fourTagsOf( hash ) ) != 0 ) [[unlikely]] {
          return false;
       }
-      return placeAtHome(
+      return laneAtHome(
          hash,
-         [ & ]( Found const& place ) __attribute__( ( always_inline ) ) {
-            insertAtHome( place, hash, element );
+         [ & ]( Lane lane ) __attribute__( ( always_inline ) ) {
+            insertAtHome( lane, hash, lead );
             return true;
          },
          [] { return false; } );
    }
 
    /// Removes the element at `position`, which has this hash, and returns it.
-   [[gnu::always_inline]] Element erase( Position position, U64 hash ) noexcept {
+   [[gnu::always_inline]] Element erase( Position position, U64 hash ) noexcept
+      requires( !hasLeads )
+   {
+      giveLaneBack( position, hash );
       Element& element = ( *this )[ position ];
-      U64 const last = position / lanesPerGroup;
-      for ( U64 group = homeOf( hash ); group != last; group = after( group ) ) {
-         U8& count = overflowAt( group );
-         count = static_cast<U8>( count - ( count != exactOverflowEnds ) );
-      }
-      tagAt( position ) = 0;
-      --size_;
       Element erased = std::move( element );
       std::destroy_at( &element );
       return erased;
    }
+   [[gnu::always_inline]] void erase( Position position, U64 hash ) noexcept
+      requires hasLeads
+   {
+      static_assert( std::is_trivially_destructible_v<Element> );
+      giveLaneBack( position, hash );
+   }
 
-   /// The same for an element that glance() found: it lies at home, so no group counts it as overflow.
+   /// The same for an element that firstLook() found: it lies at home, so no group counts it as overflow.
    /// (Of one that does not, counts stay behind, which make searches longer and not wrong.)
-   [[gnu::always_inline]] void eraseGlanced( Position position ) noexcept {
+   [[gnu::always_inline]] void eraseAtHome( Position position ) noexcept {
       static_assert( std::is_trivially_destructible_v<Element> );
       tagAt( position ) = 0;
       --size_;
@@ -165,7 +183,7 @@ class FlatTable : private FlatSearch<Element> {
    void eraseAll() noexcept {
       static_assert( std::is_trivially_destructible_v<Element> );
       if ( size_ != 0 ) {
-         std::fill_n( tags_, groups_ * lanesPerGroup, U8{ 0 } );
+         std::fill_n( groupsAt_, groups_ * groupBytes, U8{ 0 } );
          size_ = 0;
       }
    }
@@ -180,19 +198,23 @@ class FlatTable : private FlatSearch<Element> {
  private:
    using Search::after;
    using Search::allLanes;
-   using Search::at;
    using Search::elements_;
    using Search::elementsPerGroup;
    using Search::emptyLanes;
    using Search::fourTagsOf;
+   using Search::groupBytes;
    using Search::groups_;
+   using Search::groupsAt_;
    using Search::homeOf;
-   using Search::lanesPerGroup;
    using Search::lanesWith;
+   using Search::leadAt;
+   using Search::leadOf;
+   using Search::lowestOf;
    using Search::noTags;
    using Search::overflow;
+   using Search::overflowLane;
    using Search::positionOf;
-   using Search::tags_;
+   using Search::tagsOf;
 
    static constexpr U8 exactOverflowEnds = 0xff;
 
@@ -203,25 +225,51 @@ class FlatTable : private FlatSearch<Element> {
       return ( elements * 4 + elementsPerGroup * 3 - 1 ) / ( elementsPerGroup * 3 );
    }
 
-   U8& tagAt( Position position ) { return tags_[ position ]; }
-   U8& overflowAt( U64 group ) { return tagAt( group * lanesPerGroup + elementsPerGroup ); }
+   U8& tagAt( Position position ) { return groupsAt_[ position ]; }
+   U8& overflowAt( U64 group ) { return tagsOf( group )[ overflowLane ]; }
+   /// The first empty lane from the home group on, no longer empty.
+   [[gnu::always_inline]] Position takeLane( U64 hash ) noexcept {
+      U64 group = homeOf( hash );
+      while ( emptyLanes( group ) == 0 ) {
+         U8& count = overflowAt( group );
+         count = static_cast<U8>( count + ( count != exactOverflowEnds ) );
+         group = after( group );
+      }
+      Position const position = positionOf( group, emptyLanes( group ) );
+      tagAt( position ) = static_cast<U8>( fourTagsOf( hash ) );
+      ++size_;
+      return position;
+   }
+
+   [[gnu::always_inline]] void giveLaneBack( Position position, U64 hash ) noexcept {
+      U64 const last = position / groupBytes;
+      for ( U64 group = homeOf( hash ); group != last; group = after( group ) ) {
+         U8& count = overflowAt( group );
+         count = static_cast<U8>( count - ( count != exactOverflowEnds ) );
+      }
+      tagAt( position ) = 0;
+      --size_;
+   }
+
+   /// How far into its memory the first group may have to lie, so that no group has two cache lines.
+   static constexpr U64 mostPadding =
+      groupBytes - std::min<U64>( groupBytes, ArrayMemory::alignment );
    static constexpr U64 bytesOf( U64 groups ) {
-      return groups * ( lanesPerGroup + elementsPerGroup * sizeof( Element ) );
+      return mostPadding + groups * ( groupBytes + elementsPerGroup * sizeof( Element ) );
    }
    U64 groupsHeld() const { return memory_.size() == 0 ? 0 : groups_; }
 
    // Up to here the expected elements get their room at once, from the heap: what nobody touches costs
    // nothing. Larger tables grow, in huge pages once that pays.
    static constexpr U64 mostAtOnce = U64{ 8 } << 20;
-   static constexpr U64 hugePagesFrom = U64{ 2 } << 20;
 
    bool takesAllAtOnce( U64 groups ) const {
       return groups <= expectedGroups_ && bytesOf( expectedGroups_ ) <= mostAtOnce;
    }
    ArrayMemory memoryFor( U64 groups ) const {
       U64 const bytes = bytesOf( groups );
-      return bytes < hugePagesFrom || takesAllAtOnce( groups )
-                ? ArrayMemory::fromHeap( bytes, groups * lanesPerGroup )
+      return bytes < ArrayMemory::hugePagesFrom || takesAllAtOnce( groups )
+                ? ArrayMemory::fromHeap( bytes, mostPadding + groups * groupBytes )
                 : ArrayMemory::fromSystem( bytes );
    }
 
@@ -234,27 +282,59 @@ class FlatTable : private FlatSearch<Element> {
    }
 
    [[gnu::cold, gnu::noinline]] void growTo( U64 wanted ) {
-      U64 const groups = takesAllAtOnce( wanted ) ? expectedGroups_ : wanted;
       FlatTable larger( 0, hashOf_ );
-      static_assert( ArrayMemory::alignment % lanesPerGroup == 0 );
-      larger.memory_ = memoryFor( groups );
-      larger.tags_ = larger.memory_.bytes();
-      larger.elements_ = reinterpret_cast<Element*>( larger.tags_ + groups * lanesPerGroup );
-      larger.groups_ = groups;
-      larger.capacity_ = mostIn( groups );
-      forEach( [ & ]( Position at ) {
-         Element& element = ( *this )[ at ];
-         U64 const hash = hashOf_( element );
-         larger.insert( hash, std::move( element ) );
-      } );
+      larger.layOut( takesAllAtOnce( wanted ) ? expectedGroups_ : wanted, *this );
+      if constexpr ( hasLeads ) {
+         moveWithLeads( larger );
+      } else {
+         forEach( [ & ]( Position at ) {
+            U64 const hash = hashOf_( ( *this )[ at ] );
+            larger.insert( hash, std::move( ( *this )[ at ] ) );
+         } );
+      }
       destroyElements();
       take( larger );
+   }
+
+   /// Gives an empty table memory for `groups`, of the kind that `like` takes.
+   void layOut( U64 groups, FlatTable const& like ) {
+      memory_ = like.memoryFor( groups );
+      U8* const bytes = memory_.bytes();
+      groupsAt_ = bytes + -reinterpret_cast<std::uintptr_t>( bytes ) % groupBytes;
+      elements_ = reinterpret_cast<Element*>( groupsAt_ + groups * groupBytes );
+      groups_ = groups;
+      capacity_ = mostIn( groups );
+   }
+
+   void moveWithLeads( FlatTable& larger ) {
+      static_assert( std::is_trivially_copyable_v<Element> );
+      constexpr std::size_t fetchedAhead = 32;
+      std::array<Position, fetchedAhead> block;
+      std::size_t count = 0;
+      auto const moveBlock = [ & ] {
+         for ( Position const at : std::span( block ).first( count ) ) {
+            Element const& element = ( *this )[ at ];
+            Position const to = larger.insert( hashOf_( lead( at ), element ), lead( at ) );
+            if ( !lead( at ).saysAll() ) {
+               larger[ to ] = element;
+            }
+         }
+         count = 0;
+      };
+      forEach( [ & ]( Position at ) {
+         hashOf_.fetch( lead( at ) );
+         block[ count++ ] = at;
+         if ( count == fetchedAhead ) {
+            moveBlock();
+         }
+      } );
+      moveBlock();
    }
 
    /// Takes over what `other` holds and leaves it empty. What this table held must be gone.
    void take( FlatTable& other ) noexcept {
       memory_ = std::move( other.memory_ );
-      tags_ = std::exchange( other.tags_, noTags.data() );
+      groupsAt_ = std::exchange( other.groupsAt_, noTags.data() );
       elements_ = std::exchange( other.elements_, nullptr );
       groups_ = std::exchange( other.groups_, 1 );
       capacity_ = std::exchange( other.capacity_, 0 );
