@@ -305,8 +305,9 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
    /// keeps what was found.
    void handleInitialized();
    /// Takes every valid image of the range into the bookkeeping. What was there already stays, so
-   /// running it again changes nothing. Of two images with the same chip and key the one in the
-   /// higher slot is found; both slots are used.
+   /// running it again changes nothing that callers see (and the table works from then on as one that
+   /// has handed out its bitmap). Of two images with the same chip and key the one in the higher slot is
+   /// found; both slots are used.
    void reconcile();
 
    // ---- entries
