@@ -218,11 +218,11 @@ class FlatTable : private FlatSearch<Element, LeadOfElement> {
 
    static constexpr U8 exactOverflowEnds = 0xff;
 
-   // At 3 of 4 lanes, one search in twenty for what is not there goes on to a second group; at 7 of 8,
-   // one in four does.
-   static constexpr U64 mostIn( U64 groups ) { return groups * elementsPerGroup * 3 / 4; }
+   // At 5 of 8 lanes, one search in twenty-five for what is not there goes on to a second group; at 3 of 4,
+   // one in eight does.
+   static constexpr U64 mostIn( U64 groups ) { return groups * elementsPerGroup * 5 / 8; }
    static constexpr U64 groupsFor( U64 elements ) {
-      return ( elements * 4 + elementsPerGroup * 3 - 1 ) / ( elementsPerGroup * 3 );
+      return ( elements * 8 + elementsPerGroup * 5 - 1 ) / ( elementsPerGroup * 5 );
    }
 
    U8& tagAt( Position position ) { return groupsAt_[ position ]; }
