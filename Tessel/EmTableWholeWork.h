@@ -321,12 +321,20 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
             hashes[ bit ] = Pair( chip, keysBySlot[ slot ].words() ).hash;
             keys().fetchGroup( hashes[ bit ] );
          } );
-      forEachBit( slots, [ & ]( U32 bit ) {
-         EmTableIndex const slot( word * wordBits + bit );
-         if ( keys().eraseWithSlot( hashes[ bit ], slot ) ) {
-            this->removeOwned( slot, table_.offsetOf( slot ), chip );
-         }
-      } );
+      U64 freed = 0;
+      forEachBit(
+         slots, [ & ]( U32 bit ) __attribute__( ( always_inline ) ) {
+            EmTableIndex const slot( word * wordBits + bit );
+            if ( keys().eraseWithSlot( hashes[ bit ], slot ) ) [[likely]] {
+               Vellum::storeNoImage( table_.writableRange() + table_.offsetOf( slot ),
+                                     table_.entryLengthBytes_ );
+               freed |= U64{ 1 } << bit;
+            }
+         } );
+      if ( freed != 0 ) { // a count of none would make the chip a member
+         table_.freeIndexBmp_->untoggleIn( word, freed );
+         table_.countMore( chip, 0U - static_cast<U32>( std::popcount( freed ) ) ); // modulo 2^32
+      }
    }
 
    // What has been visited may be removed, and nothing else is.

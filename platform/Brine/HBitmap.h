@@ -102,6 +102,8 @@ class [[gnu::visibility( "default" )]] HBitmap : public Corvo::Node {
          toggle( word, mask );
       }
    }
+   /// Brings the bits of `mask`, of which at least one is toggled, back to the initial state.
+   void untoggleIn( U32 word, U64 mask ) { untoggle( word, mask ); }
    /// Brings every bit back to the initial state, word by word: first calls
    /// `visit( word, toggled bits )`, which must not throw.
    template<class Visit>
@@ -112,12 +114,7 @@ class [[gnu::visibility( "default" )]] HBitmap : public Corvo::Node {
 
    /// Brings `bit`, which is less than size(), back to the initial state.
    [[gnu::always_inline]] void untoggle( U32 bit ) {
-      U64& word = words()[ bit / wordBits ];
-      U64 const before = word;
-      word = before & ~( U64{ 1 } << bit % wordBits );
-      if ( before == allOnes || word == 0 ) [[unlikely]] {
-         summariseUntoggled( bit / wordBits );
-      }
+      untoggle( bit / wordBits, U64{ 1 } << bit % wordBits );
    }
 
    /// The lowest clear bit from `first` to `last`, both included; invalidIndex when all of them are
@@ -164,6 +161,15 @@ class [[gnu::visibility( "default" )]] HBitmap : public Corvo::Node {
       word = before | mask;
       if ( before == 0 || word == allOnes ) [[unlikely]] {
          summariseToggled( at );
+      }
+   }
+
+   [[gnu::always_inline]] void untoggle( U32 at, U64 mask ) {
+      U64& word = words()[ at ];
+      U64 const before = word;
+      word = before & ~mask;
+      if ( before == allOnes || word == 0 ) [[unlikely]] {
+         summariseUntoggled( at );
       }
    }
 
