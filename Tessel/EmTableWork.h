@@ -416,6 +416,9 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
                                                            chip,
                                                            readAgain( key ),
                                                            result );
+      if ( table_.usedByChip_.count( chip ) == 0 ) [[unlikely]] {
+         keys().noteChip( chip );
+      }
       this->countOneMore( chip );
       table_.freeIndexBmp_->toggleLowestUntoggled();
       return true;

@@ -207,10 +207,10 @@ class KeyTable {
    home( U64 hash, OnHome const& onHome, Otherwise const& otherwise ) const {
       return elements_.laneAtHome( hash, onHome, otherwise );
    }
+   /// The chip has had a pair before, or noteChip() follows.
    [[gnu::always_inline]] void addAtHome( Home home, Pair const& pair, EmTableIndex slot ) {
       elements_.insertAtHome( home, pair.hash, SlotLead( slot ) );
       keyOfSlotIs( slot, pair );
-      chips_.add( pair.chip );
    }
 
    /// Where no key has an object: adds a pair if the first look shows that it is absent and that there is
@@ -288,7 +288,6 @@ class KeyTable {
       }
       elements_.clear();
       bySlot_.trackNoMore();
-      chips_.clear();
       objectPlaces_.clear();
    }
 
