@@ -25,56 +25,64 @@ class EmShadowTable::BulkWork : public EntryWork<traced, KeyClass, EmShadowTable
    static U64
    entryIs( EmShadowTable& table, std::span<EmPairAndResult const> pairs, bool* answers ) {
       BulkWork const work( table );
-      return work.inBulk(
+      return work.template inBulk<SlotLead>(
          pairs,
          answers,
          [ & ]( EmPairAndResult const& pair ) __attribute__( ( always_inline ) ) {
             return work.template set<Result>( pair.chipId, pair.key, pair.result );
          },
-         [ & ]( EmPairAndResult const& pair, U64 position ) __attribute__( ( always_inline ) ) {
-            return work.template setForeseen<Result>( pair, position );
+         []( SlotLead lead, U64 /*position*/ ) { return lead; },
+         [ & ]( EmPairAndResult const& pair, SlotLead lead ) __attribute__( ( always_inline ) ) {
+            return work.template setForeseen<Result>( pair, lead );
          } );
    }
    template<class Result>
    static U64 entryDel( EmShadowTable& table, std::span<EmPair const> pairs, bool* answers ) {
       BulkWork const work( table );
-      return work.inBulk(
+      return work.template inBulk<Sighting>(
          pairs,
          answers,
          [ & ]( EmPair const& pair ) __attribute__( ( always_inline ) ) {
             return work.template del<Result>( pair.chipId, pair.key );
          },
-         [ & ]( EmPair const& pair, U64 position ) __attribute__( ( always_inline ) ) {
-            return work.template delForeseen<Result>( pair, position );
+         []( SlotLead lead, U64 position ) {
+            return Sighting{ .lead = lead, .position = position };
+         },
+         [ & ]( EmPair const& pair, Sighting const& seen ) __attribute__( ( always_inline ) ) {
+            return work.template delForeseen<Result>( pair, seen );
          } );
    }
 
  private:
-   // ---- one entry, of which firstLook() gave the position some calls ago, or nowhere. What is there by now,
-   // or was there last, leads to another image than that of the pair unless it is the pair.
+   /// A lead, and where it is in a map that does not grow meanwhile.
+   struct Sighting {
+      SlotLead lead;
+      U64 position = Entries::Keys::nowhere;
+   };
+
+   // ---- one entry, of which firstLook() gave the lead some calls ago, or none. The slot is still that of the
+   // pair that had it then, unless that has been deleted, with its image.
 
    template<class Result>
-   [[gnu::always_inline]] bool setForeseen( EmPairAndResult const& pair, U64 position ) const {
+   [[gnu::always_inline]] bool setForeseen( EmPairAndResult const& pair, SlotLead lead ) const {
       auto const anew = [ & ]() __attribute__( ( always_inline ) ) {
          return Entries::template entryIs<Result>( table_, pair.chipId, pair.key, pair.result );
       };
-      if ( position == Entries::Keys::nowhere ) [[unlikely]] {
+      if ( !lead.saysAll() ) [[unlikely]] {
          return anew();
       }
-      return this->template setAt<Result>(
-         keys().leadAt( position ), pair.chipId, pair.key, pair.result, anew );
+      return this->template setAt<Result>( lead, pair.chipId, pair.key, pair.result, anew );
    }
 
    template<class Result>
-   [[gnu::always_inline]] bool delForeseen( EmPair const& pair, U64 position ) const {
+   [[gnu::always_inline]] bool delForeseen( EmPair const& pair, Sighting const& seen ) const {
       auto const anew = [ & ]() __attribute__( ( always_inline ) ) {
          return Entries::template entryDel<Result>( table_, pair.chipId, pair.key );
       };
-      if ( position == Entries::Keys::nowhere ) [[unlikely]] {
+      if ( !seen.lead.saysAll() ) [[unlikely]] {
          return anew();
       }
-      return this->template delAt<Result>(
-         keys().leadAt( position ), position, pair.chipId, pair.key, anew );
+      return this->template delAt<Result>( seen.lead, seen.position, pair.chipId, pair.key, anew );
    }
 
    // ---- many
@@ -91,12 +99,14 @@ class EmShadowTable::BulkWork : public EntryWork<traced, KeyClass, EmShadowTable
       typename Entries::Keys& keys_;
    };
 
-   /// Answers each pair, in order: `directly( pair )` in a small table, `foreseen( pair, position )` in a
-   /// large one, where what it will read is fetched ahead. Counts the true answers.
-   template<class Asked, class Directly, class Foreseen>
+   /// Answers each pair, in order: `directly( pair )` in a small table, `foreseen( pair, sight )` in a large
+   /// one, where what it will read is fetched ahead; a sight is what `see( lead, position )` made of it some
+   /// calls ago, or Sight() where there was nothing to see. Counts the true answers.
+   template<class Sight, class Asked, class Directly, class See, class Foreseen>
    [[gnu::always_inline]] U64 inBulk( std::span<Asked const> pairs,
                                       bool* answers,
                                       Directly const& directly,
+                                      See const& see,
                                       Foreseen const& foreseen ) const {
       Announcement const announced( keys() );
       BulkAnswers noted( answers );
@@ -111,9 +121,11 @@ class EmShadowTable::BulkWork : public EntryWork<traced, KeyClass, EmShadowTable
          bool const mostAreNew = keys().size() > before + bulkRun / 2;
          before = keys().size();
          if ( !traced && keys().bytes() > ( mostAreNew ? uncachedBytes : cachedBytes ) ) {
-            fetchingAhead(
-               run, [ & ]( std::size_t at, U64 position ) __attribute__( ( always_inline ) ) {
-                  noted.note( begin + at, foreseen( run[ at ], position ) );
+            fetchingAhead<Sight>(
+               run,
+               see,
+               [ & ]( std::size_t at, Sight const& sight ) __attribute__( ( always_inline ) ) {
+                  noted.note( begin + at, foreseen( run[ at ], sight ) );
                } );
          } else {
             for ( std::size_t at = 0; at < run.size(); ++at ) {
@@ -124,10 +136,10 @@ class EmShadowTable::BulkWork : public EntryWork<traced, KeyClass, EmShadowTable
       return noted.count();
    }
 
-   template<class Asked, class Perform>
-   [[gnu::always_inline]] void fetchingAhead( std::span<Asked const> pairs,
-                                              Perform const& perform ) const {
-      inStages<U64>(
+   template<class Sight, class Asked, class See, class Perform>
+   [[gnu::always_inline]] void
+   fetchingAhead( std::span<Asked const> pairs, See const& see, Perform const& perform ) const {
+      inStages<Sight>(
          pairs.size(),
          [ & ]( std::size_t number ) __attribute__( ( always_inline ) ) {
             U64 const hash = this->hashOf( pairs[ number ].chipId, pairs[ number ].key );
@@ -139,10 +151,10 @@ class EmShadowTable::BulkWork : public EntryWork<traced, KeyClass, EmShadowTable
                hash,
                [ & ]( SlotLead lead, U64 position ) __attribute__( ( always_inline ) ) {
                   this->fetchImage( lead.slot() );
-                  return position;
+                  return see( lead, position );
                },
-               [] { return Entries::Keys::nowhere; },
-               [] { return Entries::Keys::nowhere; } );
+               [] { return Sight(); },
+               [] { return Sight(); } );
          },
          perform );
    }

@@ -44,15 +44,7 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
    }
 
    static void deleteAll( EmShadowTable& table, Brine::ChipId chip ) {
-      WholeWork const work( table );
-      work.ownIfAny( table.usedByChip_.count( chip ) );
-      if ( work.keys().holdsOnly( chip ) && work.mayClearAtOnce() ) {
-         work.clearAtOnce();
-      } else if ( !traced && table.ownedSize() != 0 ) {
-         work.deleteBySlots( chip );
-      } else {
-         work.deleteOneByOne( chip );
-      }
+      WholeWork( table ).deleteOfChip( chip );
       table.keyToSlot_->indexDelOfStrays( chip );
    }
 
@@ -290,7 +282,27 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
       table_.usedByChip_.countsAreZero();
    }
 
-   /// In the order of the slots, in a table that owns them.
+   /// deleteAll() of keys that are no strays.
+   void deleteOfChip( Brine::ChipId chip ) const {
+      U32 const entries = table_.usedByChip_.count( chip );
+      ownIfAny( entries );
+      if ( table_.ownedSize() != 0 && entries == 0 ) {
+         return;
+      }
+      if ( keys().holdsOnly( chip ) && mayClearAtOnce() ) {
+         clearAtOnce();
+      } else if ( !traced && maySweep() ) {
+         deleteBySlots( chip );
+      } else {
+         deleteOneByOne( chip );
+      }
+   }
+
+   /// Whether a look at every word of the bitmap is worth it, in a table that owns its slots.
+   bool maySweep() const {
+      return table_.ownedSize() != 0 && keys().size() >= table_.numEntries_ / wordBits;
+   }
+   /// In the order of the slots.
    void deleteBySlots( Brine::ChipId chip ) const {
       U32 const words = ( table_.numEntries_ + wordBits - 1 ) / wordBits;
       for ( U32 word = 0; word < words; ++word ) {

@@ -140,10 +140,8 @@ class KeyTable {
    /// for a pair that most likely is the one, `absent()` when the pair is not there, or else `unsure()`; and
    /// answers what that does.
    template<class OnFirst, class Absent, class Unsure>
-   [[gnu::always_inline]] auto firstLook( U64 hash,
-                                          OnFirst const& onFirst,
-                                          Absent const& absent,
-                                          Unsure const& unsure ) const {
+   [[gnu::always_inline]] auto
+   firstLook( U64 hash, OnFirst const& onFirst, Absent const& absent, Unsure const& unsure ) const {
       return elements_.firstLook(
          hash,
          onFirst,
@@ -245,13 +243,12 @@ class KeyTable {
    /// Removes the pair that has a slot, and this hash; false when there is none.
    [[gnu::always_inline]] bool eraseWithSlot( U64 hash, EmTableIndex slot ) {
       auto const further = [ & ] {
-         U64 const position =
-            elements_
-               .findUnsure( hash,
-                            [ & ]( SlotLead lead, Element const& /*element*/ ) {
-                               return lead.slot() == slot;
-                            } )
-               .position;
+         U64 const position = elements_
+                                 .findUnsure( hash,
+                                              [ & ]( SlotLead lead, Element const& /*element*/ ) {
+                                                 return lead.slot() == slot;
+                                              } )
+                                 .position;
          if ( position != nowhere ) {
             elements_.erase( position, hash );
          }
@@ -373,8 +370,8 @@ class KeyTable {
       }
       elements_.makeRoom();
       Pair const place( Brine::ChipId( 0 ), key );
-      elements_[ elements_.insert( place.hash, SlotLead() ) ] =
-         Element( key, SlotOrObject( place.chip, std::move( object ) ) );
+      U64 const made = elements_.insert( place.hash, SlotLead() );
+      elements_[ made ] = Element( key, SlotOrObject( place.chip, std::move( object ) ) );
       objectPlaces_.add( place.chip );
       ++objects_;
    }
@@ -436,8 +433,7 @@ class KeyTable {
    }
 
    [[gnu::always_inline]] auto isPair( Pair const& pair ) const {
-      return [ this, &pair ]( SlotLead lead, Element const& element )
-         __attribute__( ( always_inline ) ) {
+      return [ & ]( SlotLead lead, Element const& element ) __attribute__( ( always_inline ) ) {
          return lead.saysAll() ? keyOf( lead ).isPair( pair.chip, pair.words )
                                : element.isPair( pair.chip, pair.words );
       };
@@ -492,14 +488,13 @@ class KeyTable {
       U64 position = nowhere;
       objectPlaces_.anyOf( [ & ]( Brine::ChipId chip ) {
          Pair const place( chip, key );
-         position =
-            elements_
-               .find( place.hash,
-                      [ & ]( SlotLead lead, Element const& element ) {
-                         return !lead.saysAll() && element.beside().isObject() &&
-                                sameWords( element.words(), key );
-                      } )
-               .position;
+         position = elements_
+                       .find( place.hash,
+                              [ & ]( SlotLead lead, Element const& element ) {
+                                 return !lead.saysAll() && element.beside().isObject() &&
+                                        sameWords( element.words(), key );
+                              } )
+                       .position;
          return position != nowhere;
       } );
       return position;

@@ -28,7 +28,10 @@ FLOORS = [
 FLOOR_OF = {room: floor for floor, rooms in enumerate(FLOORS) for room in rooms}
 CALLERS = set(FLOORS[-1])
 # Parts of a module whose names do not say so.
-PARTS = {room: "Tessel/EmTable" for room in ("Tessel/KeyElement", "Tessel/KeyTable", "Tessel/KeyToSlotMap")}
+PARTS = {
+    f"Tessel/{part}": "Tessel/EmTable"
+    for part in ("KeyElement", "KeysBySlot", "KeyTable", "KeyToSlotMap")
+}
 # Tests look into every room; nothing includes a test but another test.
 TESTS = "tests"
 

@@ -211,6 +211,33 @@ TEST( BulkCall, followsAChainThroughItsOwnBuffers ) {
    EXPECT_EQ( links.back(), links.size() + 1 );
 }
 
+// A slot that is in use and that the map does not name holds an image of the very pair.
+TEST( BulkCall, rewritesTheSlotThatTheMapNamesWhenTheMapGrowsOnTheWay ) {
+   Geometry const geometry{ .entries = 400'000, .key = 8, .result = 4 };
+   auto const table = tableOver( Vellum::VellumChunk::inProcess( 400'000 * 16 ), geometry );
+   auto const keyNumber = []( U64 number ) {
+      return std::string( reinterpret_cast<char const*>( &number ), sizeof number );
+   };
+   add( table, chip3, keyNumber( 0 ), "old0" );
+   table->deleteTableIndex( chip3, keyOf( keyNumber( 0 ) ) );
+   U64 keys = 0;
+   constexpr U64 manyEnough = 16'000; // for stages
+   while ( keys < manyEnough || keys + 4 < table->keyToIndexListCapacity() ) {
+      add( table, chip3, keyNumber( ++keys ), "rrrr" );
+   }
+   add( table, chip3, keyNumber( 0 ), "old1" );
+   std::deque<std::string> wanted;
+   std::vector<EmPairAndResult> pairs;
+   for ( U64 i = 1; i < 16; ++i ) {
+      pairs.push_back( { chip3, wanted.emplace_back( keyNumber( keys + i ) ).data(), "rrrr" } );
+   }
+   pairs.push_back( { chip3, wanted.emplace_back( keyNumber( 0 ) ).data(), "new1" } );
+   U64 const before = table->keyToIndexListCapacity();
+   EXPECT_EQ( table->entryIsBulk( pairs ), pairs.size() );
+   EXPECT_GT( table->keyToIndexListCapacity(), before );
+   EXPECT_EQ( lookUp( *table, chip3, keyNumber( 0 ) ), "new1" );
+}
+
 TEST( BulkCall, makesRoomForAllThatItAddsAtOnce ) {
    // Too large to take all its memory with the first entry.
    Geometry const geometry{ .entries = 400'000, .key = 8, .result = 2 };

@@ -119,6 +119,23 @@ TEST( BulkRemoval, ofAChipAmongSeveralFindsPairsAwayFromTheirPlacesAndNotThoseTa
    }
 }
 
+TEST( BulkRemoval, ofAChipReachesPairsThatACallerHasGivenASlot ) {
+   for ( bool const asObject : { false, true } ) {
+      auto const table = newTable();
+      add( table, chip3, "AAAA", "r1" );
+      if ( asObject ) {
+         auto const object = emTableFapIndicesFactory();
+         object->indexIs( chip3, EmTableIndex( 5 ) );
+         table->keyToIndexListIs( keyOf( "BBBB" ), object );
+      } else {
+         table->updateTableIndex( chip3, keyOf( "BBBB" ), EmTableIndex( 5 ) );
+      }
+      table->deleteAll( chip3 );
+      EXPECT_FALSE( table->entryHas( chip3, "AAAA" ) );
+      EXPECT_FALSE( table->entryHas( chip3, "BBBB" ) );
+   }
+}
+
 TEST( BulkRemoval, leavesSlotsInUseThatACallerHasTaken ) {
    for ( bool const marked : { false, true } ) {
       auto const table = newTable();

@@ -192,6 +192,11 @@ TEST( KeyToSlotMap, aSlotGivenToTwoPairsIsThatOfBoth ) {
    EXPECT_EQ( keysMet( *table ).size(), 4U );
 
    slotIs( "AAAA", 1 ); // which leaves slot 0 to the others
+   EXPECT_EQ( slotOf( "AAAA" ), 1U );
+   slotIs( "EEEE", 2 );
+   slotIs( "EEEE", 1 );
+   EXPECT_EQ( slotOf( "EEEE" ), 1U );
+   table->deleteTableIndex( chip3, keyOf( "EEEE" ) );
    slotIs( "CCCC", 1 );
    slotIs( "DDDD", 0 );
    table->deleteTableIndex( chip3, keyOf( "BBBB" ) );
