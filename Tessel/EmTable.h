@@ -407,8 +407,9 @@ class [[gnu::visibility( "default" )]] EmShadowTable : public ManagedTableBase {
 
    /// One bit per slot, set while the slot is free; null before handleInitialized and after
    /// freeIndexBmpDel. Whoever has it may change it at any time, so from then on the table checks what
-   /// it would else know of its slots, and its operations take longer. (isFull, numUsedEntries and a
-   /// walk tell much of the same and cost nothing.)
+   /// it would else know of its slots, and its operations take longer, the first one that adds an entry as
+   /// long as a look at all of them. (isFull, numUsedEntries and a walk tell much of the same and cost
+   /// nothing.)
    Corvo::Ptr<Brine::HBitmap> freeIndexBmp() const {
       trustIsLost(); // a caller may change it at any time
       return freeIndexBmp_;
