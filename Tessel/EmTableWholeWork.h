@@ -343,7 +343,7 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
                freed |= U64{ 1 } << bit;
             }
          } );
-      if ( freed != 0 ) { // a count of none would make the chip a member
+      if ( freed != 0 ) {
          table_.freeIndexBmp_->untoggleIn( word, freed );
          table_.countMore( chip, 0U - static_cast<U32>( std::popcount( freed ) ) ); // modulo 2^32
       }
