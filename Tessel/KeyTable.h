@@ -10,8 +10,8 @@
 /// lies in an element of its own.
 ///
 /// The EmTableFapIndices of a key is made when somebody asks for it, out of all pairs of the key, and
-/// takes the place of the one with the lowest chip, in an element. From then on it is *the* object of the key and the
-/// only holder of its slots, so it does not matter to a caller which way a key is stored.
+/// takes the place of the one with the lowest chip, in an element. From then on it is *the* object of the
+/// key and the only holder of its slots, so it does not matter to a caller which way a key is stored.
 ///
 /// Threads: as the table that owns the map.
 
@@ -125,7 +125,7 @@ class KeyTable {
       return keyWordsAt<wordCount>( bytes, keyLength_ );
    }
 
-   /// Of pairs to whose slots leads lead.
+   /// The keys of the slots that leads lead to.
    View keysBySlot() const { return bySlot_.view(); }
 
    [[gnu::always_inline]] KeyPlace find( Pair const& pair ) const {
