@@ -16,6 +16,8 @@
 #include "Weft/ArrayMemory.h"
 #include "Weft/FlatSearch.h"
 
+#include <cstring>
+
 namespace Tessel {
 
 template<std::size_t wordCount>

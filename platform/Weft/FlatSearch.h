@@ -30,6 +30,7 @@
 #include <array>
 #include <bit>
 #include <cstddef>
+#include <cstdint>
 #include <type_traits>
 
 #if defined( __SSE2__ )
