@@ -17,6 +17,7 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
    using Entries = EntryWork<traced, KeyClass, EmShadowTable const>;
    using Entries::keys;
    using Entries::table_;
+   using typename Entries::Home;
    using Search = typename Entries::Keys::Search;
 
  public:
@@ -81,7 +82,7 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
                [ & ]( SlotLead lead, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
                   return this->leadsTo( keysBySlot, lead, pair.chipId, pair.key ) || further();
                },
-               [] { return false; },
+               []( Home /*home*/ ) { return false; },
                further ) );
       }
       answers = noted;
@@ -122,7 +123,8 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
                         candidates[ count ] = { .lead = lead, .inBlock = static_cast<U32>( i ) };
                         ++count;
                      },
-                     [ & ]() __attribute__( ( always_inline ) ) { noted.note( number, false ); },
+                     [ & ]( Home /*home*/ )
+                        __attribute__( ( always_inline ) ) { noted.note( number, false ); },
                      [ & ]() __attribute__( ( always_inline ) ) {
                         noted.note( number, hasFurther( pairs[ number ], hashes[ i ] ) );
                      } );
@@ -160,7 +162,9 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
                               return this->template getAt<Result>(
                                  lead, pair.chipId, pair.key, pair.result, fully );
                            },
-                        fully, // an object may hold the pair
+                        [ & ]( Home /*home*/ ) __attribute__( ( always_inline ) ) {
+                           return fully(); // an object may hold the pair
+                        },
                         fully ) );
       }
       answers = noted;
@@ -184,7 +188,7 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
                   this->fetchImage( lead.slot() );
                   return lead;
                },
-               [] { return SlotLead(); },
+               []( Home /*home*/ ) { return SlotLead(); },
                [] { return SlotLead(); } );
          },
          [ & ]( std::size_t number, SlotLead lead ) __attribute__( ( always_inline ) ) {

@@ -153,7 +153,7 @@ class EmShadowTable::BulkWork : public EntryWork<traced, KeyClass, EmShadowTable
                   this->fetchImage( lead.slot() );
                   return see( lead, position );
                },
-               [] { return Sight(); },
+               []( typename Entries::Home /*home*/ ) { return Sight(); },
                [] { return Sight(); } );
          },
          perform );

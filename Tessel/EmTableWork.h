@@ -28,6 +28,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    static constexpr std::size_t wordCount = KeyClass::words;
    using Keys = KeyTable<wordCount>;
    using Pair = HashedPair<wordCount>;
+   using Home = typename Keys::Home;
 
    using Slots::Slots;
 
@@ -104,8 +105,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
             [ & ]( SlotLead lead, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
                return setAt<Result>( lead, chip, key, result, fully );
             },
-            [ & ]() __attribute__( ( always_inline ) ) {
-               return addAbsent<Result>( table_, chip, key, hash, result );
+            [ & ]( Home home ) __attribute__( ( always_inline ) ) {
+               return addAbsent<Result>( table_, chip, key, hash, result, home );
             },
             fully );
       }
@@ -124,7 +125,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
             [ & ]( SlotLead lead, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
                return leadsTo( keys().keysBySlot(), lead, chip, key ) || fully();
             },
-            []() __attribute__( ( always_inline ) ) { return false; },
+            []( Home /*home*/ ) { return false; },
             fully );
       }
    }
@@ -144,7 +145,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
             [ & ]( SlotLead lead, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
                return getAt<Result>( lead, chip, key, result, fully );
             },
-            []() __attribute__( ( always_inline ) ) { return false; },
+            []( Home /*home*/ ) { return false; },
             fully );
       }
    }
@@ -163,7 +164,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
             [ & ]( SlotLead lead, U64 position ) __attribute__( ( always_inline ) ) {
                return delAt<Result>( lead, position, chip, key, fully );
             },
-            []() __attribute__( ( always_inline ) ) { return false; },
+            []( Home /*home*/ ) { return false; },
             fully );
       }
    }
@@ -275,7 +276,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
                                             Brine::ChipId chip,
                                             Weft::CharPtrConst key,
                                             U64 hash,
-                                            Weft::CharPtrConst result ) {
+                                            Weft::CharPtrConst result,
+                                            Home home ) {
       auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
          return addFully<Result>( table, chip, key, hash, result );
       };
@@ -283,10 +285,10 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
          return fully();
       }
       EntryWork const work( table );
-      return work.keys().home(
-         hash,
-         [ & ]( typename Keys::Home home ) __attribute__( ( always_inline ) ) {
-            return work.template addAtHome<Result>( home, chip, key, hash, result );
+      return work.keys().laneIn(
+         home,
+         [ & ]( typename Keys::Lane lane ) __attribute__( ( always_inline ) ) {
+            return work.template addAtHome<Result>( lane, chip, key, hash, result );
          },
          fully );
    }
@@ -399,7 +401,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    }
    /// In a table that owns its slots: nothing can fail, and what lies in a free one is no image.
    template<class Result>
-   [[gnu::always_inline]] bool addAtHome( typename Keys::Home home,
+   [[gnu::always_inline]] bool addAtHome( typename Keys::Lane lane,
                                           Brine::ChipId chip,
                                           Weft::CharPtrConst key,
                                           U64 hash,
@@ -409,7 +411,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       if ( !slot.valid() ) [[unlikely]] {
          return false;
       }
-      keys().addAtHome( home, Pair( chip, wordsAt( key ), hash ), slot );
+      keys().addAtHome( lane, Pair( chip, wordsAt( key ), hash ), slot );
       storeEntryImage<wordCount, Result, Before::nothing>( table_.writableRange() +
                                                               offsetOf<Result>( slot ),
                                                            shape<Result>(),

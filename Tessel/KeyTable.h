@@ -106,6 +106,8 @@ class KeyTable {
    using Elements = Weft::FlatTable<Element, ElementHash, SlotLead>;
 
  public:
+   using Home = typename Elements::Home;
+
    /// For keys of `keyLength` bytes, in at most `mostPairs` pairs, whose slots are below that.
    KeyTable( U32 keyLength, U32 mostPairs )
          : bySlot_( mostPairs ), elements_( mostPairs, ElementHash{ bySlot_.view() } ),
@@ -137,19 +139,19 @@ class KeyTable {
    }
 
    /// What the first look of find() says, which nearly always decides: calls `onFirst( lead, position )`
-   /// for a pair that most likely is the one, `absent()` when the pair is not there, or else `unsure()`; and
-   /// answers what that does.
+   /// for a pair that most likely is the one, `absent( home )` when the pair is not there, or else `unsure()`;
+   /// and answers what that does.
    template<class OnFirst, class Absent, class Unsure>
    [[gnu::always_inline]] auto
    firstLook( U64 hash, OnFirst const& onFirst, Absent const& absent, Unsure const& unsure ) const {
       return elements_.firstLook(
          hash,
          onFirst,
-         [ & ]() __attribute__( ( always_inline ) ) {
+         [ & ]( Home home ) __attribute__( ( always_inline ) ) {
             if ( objects_ != 0 ) [[unlikely]] { // of which one may hold the pair, at another place
                return unsure();
             }
-            return absent();
+            return absent( home );
          },
          unsure );
    }
@@ -197,17 +199,17 @@ class KeyTable {
 
    void startAfresh() { bySlot_.trackNoMore(); }
 
-   using Home = typename Elements::Lane;
-   /// Calls `onHome( home )` if addAtHome() can add a pair that is absent there, or `otherwise()`, when
-   /// makeRoom() and set() have to find a place; and answers what that does.
-   template<class OnHome, class Otherwise>
+   using Lane = typename Elements::Lane;
+   /// Calls `onLane( lane )` if addAtHome() can add a pair there that is absent and has this home, or
+   /// `otherwise()`, when makeRoom() and set() have to find a place; and answers what that does.
+   template<class OnLane, class Otherwise>
    [[gnu::always_inline]] auto
-   home( U64 hash, OnHome const& onHome, Otherwise const& otherwise ) const {
-      return elements_.laneAtHome( hash, onHome, otherwise );
+   laneIn( Home home, OnLane const& onLane, Otherwise const& otherwise ) const {
+      return elements_.laneIn( home, onLane, otherwise );
    }
    /// The chip has had a pair before, or noteChip() follows.
-   [[gnu::always_inline]] void addAtHome( Home home, Pair const& pair, EmTableIndex slot ) {
-      elements_.insertAtHome( home, pair.hash, SlotLead( slot ) );
+   [[gnu::always_inline]] void addAtHome( Lane lane, Pair const& pair, EmTableIndex slot ) {
+      elements_.insertAtHome( lane, pair.hash, SlotLead( slot ) );
       keyOfSlotIs( slot, pair );
    }
 
@@ -263,7 +265,7 @@ class KeyTable {
             eraseAtHome( position );
             return true;
          },
-         [] { return false; },
+         []( Home /*home*/ ) { return false; },
          further );
    }
    /// Removes all pairs, of whose keys none has an object.

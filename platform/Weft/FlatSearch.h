@@ -80,6 +80,19 @@ class FlatSearch {
       Position position;
    };
 
+   /// Where an element lies at best, for who adds one that a first look has not found. Good until the table
+   /// grows.
+   class Home {
+    public:
+      /// Nowhere.
+      Home() = default;
+
+    private:
+      friend FlatSearch;
+      explicit Home( U8* tags ) : tags_( tags ) {}
+      U8* tags_ = nullptr;
+   };
+
    // `matches( element )` says whether an element is the one that is wanted; in a table with leads,
    // `matches( lead, element )`.
 
@@ -93,27 +106,30 @@ class FlatSearch {
          if ( isWanted( matches, first ) ) [[likely]] {
             return first;
          }
-      } else if ( overflow( group ) == 0 ) [[likely]] {
+      } else if ( overflow( group, hash ) == 0 ) [[likely]] {
          return none();
       }
       return findFurther( hash, matches );
    }
 
    /// The first look of find() alone, which nearly always decides, for who can tell by other means whether
-   /// the first element with the right tag is the one: calls `onFirst( lead, position )` with it, `absent()`
-   /// when there is none, or `unsure()` when others have to be looked at, as onFirst() may; and answers what
-   /// that does. (An answer that were to be looked at again would cost a good part of the search.)
+   /// the first element with the right tag is the one: calls `onFirst( lead, position )` with it,
+   /// `absent( home )` when there is none, or `unsure()` when others have to be looked at, as onFirst() may;
+   /// and answers what that does. (An answer that were to be looked at again would cost a good part of the
+   /// search.)
    template<class OnFirst, class Absent, class Unsure>
    [[gnu::always_inline]] auto
    firstLook( U64 hash, OnFirst const& onFirst, Absent const& absent, Unsure const& unsure ) const
       requires hasLeads
    {
-      U64 const group = homeOf( hash );
-      U32 const lanes = lanesWith( group, fourTagsOf( hash ) );
+      U8* const tags = tagsOf( homeOf( hash ) );
+      U32 const lanes = lanesWith( tags, fourTagsOf( hash ) );
       if ( lanes != 0 ) {
-         return onFirst( *leadOf( group, lowestOf( lanes ) ), positionOf( group, lanes ) );
+         U32 const lane = lowestOf( lanes );
+         return onFirst( leadsOf( tags )[ lane ],
+                         static_cast<Position>( tags - groupsAt_ ) + lane );
       }
-      return overflow( group ) == 0 ? absent() : unsure();
+      return tags[ overflowLane + classOf( hash ) ] == 0 ? absent( Home( tags ) ) : unsure();
    }
 
    /// As find(), for a hash of which a first look is unsure.
@@ -128,7 +144,7 @@ class FlatSearch {
                return found;
             }
          }
-         if ( overflow( group ) == 0 ) {
+         if ( overflow( group, hash ) == 0 ) {
             return none();
          }
       }
@@ -166,7 +182,8 @@ class FlatSearch {
  protected:
    static constexpr U64 tagBytes = 16; ///< of a group, with the overflow count
    static constexpr U64 elementsPerGroup = hasLeads ? 12 : 15;
-   static constexpr U64 overflowLane = elementsPerGroup; ///< where the overflow count is
+   static constexpr U64 overflowLane = elementsPerGroup; ///< where the overflow counts are
+   static constexpr U64 overflowClasses = tagBytes - elementsPerGroup;
    static constexpr U32 allLanes = ( U32{ 1 } << elementsPerGroup ) - 1;
    static constexpr U64 groupBytes = hasLeads ? 64 : tagBytes;
    static_assert( !hasLeads || tagBytes + elementsPerGroup * sizeof( Lead ) == groupBytes );
@@ -180,6 +197,7 @@ class FlatSearch {
       }
       return tags;
    }();
+   static U64 classOf( U64 hash ) { return hash / 256 % overflowClasses; }
    U64 homeOf( U64 hash ) const {
       __extension__ using U128 = unsigned __int128;
       return static_cast<U64>( ( static_cast<U128>( hash ) * groups_ ) >> 64 );
@@ -204,16 +222,14 @@ class FlatSearch {
    }
 
    U8* tagsOf( U64 group ) const { return groupsAt_ + group * groupBytes; }
-   Lead* leadOf( U64 group, U64 lane ) const {
-      return reinterpret_cast<Lead*>( tagsOf( group ) + tagBytes ) + lane;
-   }
+   static U8* tagsOf( Home home ) { return home.tags_; }
+   static Lead* leadsOf( U8* tags ) { return reinterpret_cast<Lead*>( tags + tagBytes ); }
    Lead* leadAt( Position position ) const {
-      return leadOf( position / groupBytes, position % groupBytes );
+      return leadsOf( tagsOf( position / groupBytes ) ) + position % groupBytes;
    }
 
    /// A bit for each of the lanes of a group whose tag is the one in `four`.
-   U32 lanesWith( U64 group, U32 four ) const {
-      U8 const* const tags = tagsOf( group );
+   static U32 lanesWith( U8 const* tags, U32 four ) {
 #if defined( __SSE2__ )
       __m128i const all = _mm_load_si128( reinterpret_cast<__m128i const*>( tags ) );
       __m128i const wanted = _mm_shuffle_epi32( _mm_cvtsi32_si128( static_cast<int>( four ) ), 0 );
@@ -226,8 +242,12 @@ class FlatSearch {
       return lanes;
 #endif
    }
+   U32 lanesWith( U64 group, U32 four ) const { return lanesWith( tagsOf( group ), four ); }
    U32 emptyLanes( U64 group ) const { return lanesWith( group, 0 ); }
-   U8 overflow( U64 group ) const { return tagsOf( group )[ overflowLane ]; }
+   /// How many elements of the class of this hash have passed a group by.
+   U8 overflow( U64 group, U64 hash ) const {
+      return tagsOf( group )[ overflowLane + classOf( hash ) ];
+   }
 
    static U32 lowestOf( U32 lanes ) { return static_cast<U32>( std::countr_zero( lanes ) ); }
    static Position positionOf( U64 group, U32 lanes ) {

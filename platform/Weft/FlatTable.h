@@ -43,6 +43,7 @@ class FlatTable : private FlatSearch<Element, LeadOfElement> {
    using Search::hasLeads;
    using Search::nowhere;
    using typename Search::Found;
+   using typename Search::Home;
    using typename Search::Lead;
    using typename Search::Position;
    using Search::operator[];
@@ -115,44 +116,47 @@ class FlatTable : private FlatSearch<Element, LeadOfElement> {
       *leadAt( position ) = lead;
    }
 
-   /// A lane that is empty, and where its lead is.
+   /// A lane that is empty: where its tag and its lead are.
    struct Lane {
-      Position position;
+      U8* tag;
       Lead* lead;
    };
-   /// Calls `onLane( lane )` with the lane of a new element with this hash in its home group, or
-   /// `otherwise()` when there is none, or no room; and answers what that does.
+   /// Calls `onLane( lane )` with a lane for an element more in this home group, or `otherwise()` when there
+   /// is none, or no room; and answers what that does.
    template<class OnLane, class Otherwise>
    [[gnu::always_inline]] auto
-   laneAtHome( U64 hash, OnLane const& onLane, Otherwise const& otherwise ) const {
-      U64 const group = homeOf( hash );
-      U32 const empty = emptyLanes( group );
+   laneIn( Home home, OnLane const& onLane, Otherwise const& otherwise ) const {
+      U8* const tags = tagsOf( home );
+      U32 const empty = lanesWith( tags, 0 );
       if ( empty == 0 || size_ >= capacity_ ) [[unlikely]] {
          return otherwise();
       }
-      return onLane(
-         { .position = positionOf( group, empty ), .lead = leadOf( group, lowestOf( empty ) ) } );
+      U32 const lane = lowestOf( empty );
+      return onLane( Lane{ .tag = tags + lane, .lead = leadsOf( tags ) + lane } );
    }
-   /// Adds an element that the table does not hold in its lane at home.
+   /// Adds an element that the table does not hold in a lane of its home.
    [[gnu::always_inline]] void insertAtHome( Lane lane, U64 hash, Lead lead ) noexcept {
-      tagAt( lane.position ) = static_cast<U8>( fourTagsOf( hash ) );
+      *lane.tag = static_cast<U8>( fourTagsOf( hash ) );
       *lane.lead = lead;
       ++size_;
    }
    /// Adds an element that the table may hold and for which there may be no room, if the first look
    /// decides both. False, and nothing added, otherwise.
    [[gnu::always_inline]] bool insertAtFirstLook( U64 hash, Lead lead ) noexcept {
-      U64 const group = homeOf( hash );
-      if ( overflow( group ) != 0 || lanesWith( group, fourTagsOf( hash ) ) != 0 ) [[unlikely]] {
-         return false;
-      }
-      return laneAtHome(
+      auto const refused = []( auto... ) { return false; };
+      return firstLook(
          hash,
-         [ & ]( Lane lane ) __attribute__( ( always_inline ) ) {
-            insertAtHome( lane, hash, lead );
-            return true;
+         refused,
+         [ & ]( Home home ) __attribute__( ( always_inline ) ) {
+            return laneIn(
+               home,
+               [ & ]( Lane lane ) __attribute__( ( always_inline ) ) {
+                  insertAtHome( lane, hash, lead );
+                  return true;
+               },
+               refused );
          },
-         [] { return false; } );
+         refused );
    }
 
    /// Removes the element at `position`, which has this hash, and returns it.
@@ -198,6 +202,7 @@ class FlatTable : private FlatSearch<Element, LeadOfElement> {
  private:
    using Search::after;
    using Search::allLanes;
+   using Search::classOf;
    using Search::elements_;
    using Search::elementsPerGroup;
    using Search::emptyLanes;
@@ -208,7 +213,7 @@ class FlatTable : private FlatSearch<Element, LeadOfElement> {
    using Search::homeOf;
    using Search::lanesWith;
    using Search::leadAt;
-   using Search::leadOf;
+   using Search::leadsOf;
    using Search::lowestOf;
    using Search::noTags;
    using Search::overflow;
@@ -226,12 +231,14 @@ class FlatTable : private FlatSearch<Element, LeadOfElement> {
    }
 
    U8& tagAt( Position position ) { return groupsAt_[ position ]; }
-   U8& overflowAt( U64 group ) { return tagsOf( group )[ overflowLane ]; }
+   U8& overflowAt( U64 group, U64 hash ) {
+      return tagsOf( group )[ overflowLane + classOf( hash ) ];
+   }
    /// The first empty lane from the home group on, no longer empty.
    [[gnu::always_inline]] Position takeLane( U64 hash ) noexcept {
       U64 group = homeOf( hash );
       while ( emptyLanes( group ) == 0 ) {
-         U8& count = overflowAt( group );
+         U8& count = overflowAt( group, hash );
          count = static_cast<U8>( count + ( count != exactOverflowEnds ) );
          group = after( group );
       }
@@ -244,7 +251,7 @@ class FlatTable : private FlatSearch<Element, LeadOfElement> {
    [[gnu::always_inline]] void giveLaneBack( Position position, U64 hash ) noexcept {
       U64 const last = position / groupBytes;
       for ( U64 group = homeOf( hash ); group != last; group = after( group ) ) {
-         U8& count = overflowAt( group );
+         U8& count = overflowAt( group, hash );
          count = static_cast<U8>( count - ( count != exactOverflowEnds ) );
       }
       tagAt( position ) = 0;
