@@ -29,7 +29,8 @@ class EmShadowTable::BulkWork : public EntryWork<traced, KeyClass, EmShadowTable
          pairs,
          answers,
          [ & ]( EmPairAndResult const& pair ) __attribute__( ( always_inline ) ) {
-            return work.template set<Result>( pair.chipId, pair.key, pair.result );
+            return work.template set<Result, Entries::Adding::here>(
+               pair.chipId, pair.key, pair.result );
          },
          []( SlotLead lead, U64 /*position*/ ) { return lead; },
          [ & ]( EmPairAndResult const& pair, SlotLead lead ) __attribute__( ( always_inline ) ) {

@@ -79,7 +79,7 @@ class ImageFields {
    void storeIn( EmTableEntry& entry ) const {
       entry.filledBy(
          chip(), shape_.keyLength, shape_.resultLength, [ this ]( char* key, char* result ) {
-            std::memcpy( key, key_.data(), KeyElement<wordCount>::keyBytes ); // all fit inline
+            storeWords<wordCount>( key_, key ); // all fit inline
             storeResult( result );
          } );
    }

@@ -78,11 +78,21 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
 
    template<class Result>
    static void readEntry( Table& table, EmTableIndex index, EmTableEntry& entry ) {
-      bool const valid = EntryWork( table ).template readImage<Result>(
-         index, [ & ]( auto const& image ) { image.storeIn( entry ); } );
-      if ( !valid ) {
-         entry = {};
+      EntryWork const work( table );
+      ImageShape const shape = work.template shape<Result>();
+      U64 const offset = work.template offsetOf<Result>( index );
+      bool const fits = entry.key().bytes().size() == shape.keyLength &&
+                        entry.result().bytes().size() == shape.resultLength;
+      if ( !traced && fits && offset < table.ownedSize() ) [[likely]] {
+         // One reading is enough, since nobody else writes there.
+         ImageFields<wordCount, Result> image( shape );
+         image.take( table.readableRange() + offset );
+         if ( image.firstByte() == 1 ) [[likely]] {
+            image.storeIn( entry );
+            return;
+         }
       }
+      readEntryFully<Result>( table, index, entry );
    }
 
  protected:
@@ -90,7 +100,10 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    // again with the whole of it where that does not answer: by a tail call, which keeps the usual way
    // free of a stack frame, and to which GCC 12 objects when a copy of `chip` is around.
 
-   template<class Result>
+   /// Whether the work on a new pair is a function of its own, or here.
+   enum class Adding { called, here };
+
+   template<class Result, Adding adding = Adding::called>
    [[gnu::always_inline]] bool
    set( Brine::ChipId const& chip, Weft::CharPtrConst key, Weft::CharPtrConst result ) const {
       U64 const hash = hashOf( chip, key );
@@ -106,7 +119,11 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
                return setAt<Result>( lead, chip, key, result, fully );
             },
             [ & ]( Home home ) __attribute__( ( always_inline ) ) {
-               return addAbsent<Result>( table_, chip, key, hash, result, home );
+               if constexpr ( adding == Adding::here ) {
+                  return addAbsentHere<Result>( chip, key, hash, result, home );
+               } else {
+                  return addAbsent<Result>( table_, chip, key, hash, result, home );
+               }
             },
             fully );
       }
@@ -278,17 +295,24 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
                                             U64 hash,
                                             Weft::CharPtrConst result,
                                             Home home ) {
+      return EntryWork( table ).template addAbsentHere<Result>( chip, key, hash, result, home );
+   }
+   template<class Result>
+   [[gnu::always_inline]] bool addAbsentHere( Brine::ChipId chip,
+                                              Weft::CharPtrConst key,
+                                              U64 hash,
+                                              Weft::CharPtrConst result,
+                                              Home home ) const {
       auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
-         return addFully<Result>( table, chip, key, hash, result );
+         return addFully<Result>( table_, chip, key, hash, result );
       };
-      if ( table.ownedSize() == 0 ) [[unlikely]] {
+      if ( table_.ownedSize() == 0 ) [[unlikely]] {
          return fully();
       }
-      EntryWork const work( table );
-      return work.keys().laneIn(
+      return keys().laneIn(
          home,
          [ & ]( typename Keys::Lane lane ) __attribute__( ( always_inline ) ) {
-            return work.template addAtHome<Result>( lane, chip, key, hash, result );
+            return addAtHome<Result>( lane, chip, key, hash, result );
          },
          fully );
    }
@@ -361,6 +385,16 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       } );
       sassert( valid, { "entry.valid() == true", "entry" } );
       return true;
+   }
+
+   template<class Result>
+   [[gnu::noinline]] static void
+   readEntryFully( Table& table, EmTableIndex index, EmTableEntry& entry ) {
+      bool const valid = EntryWork( table ).template readImage<Result>(
+         index, [ & ]( auto const& image ) { image.storeIn( entry ); } );
+      if ( !valid ) {
+         entry = {};
+      }
    }
 
    /// The place of a pair of which a first look was unsure; with traces there was none.

@@ -140,18 +140,27 @@ template<std::size_t wordCount>
    return differenceOf<wordCount>( a, b ) == 0;
 }
 
+/// How many bytes the words of a key stand for.
+template<std::size_t wordCount>
+inline constexpr std::size_t bytesOfWords = wordCount == 3 ? 20 : 8 * wordCount;
+
+/// Writes that many bytes. Word by word: a copy of the array would go through memory.
+template<std::size_t wordCount>
+[[gnu::always_inline]] inline void storeWords( KeyWords<wordCount> const& words, char* to ) {
+   for ( std::size_t i = 0; i < wordCount; ++i ) {
+      std::memcpy(
+         to + 8 * i, &words[ i ], std::min<std::size_t>( 8, bytesOfWords<wordCount> - 8 * i ) );
+   }
+}
+
 /// A key, and what is known beside it.
 template<std::size_t wordCount, class Beside>
 class KeyAnd {
  public:
-   static constexpr std::size_t keyBytes = wordCount == 3 ? 20 : 8 * wordCount;
+   static constexpr std::size_t keyBytes = bytesOfWords<wordCount>;
 
    KeyAnd( KeyWords<wordCount> const& words, Beside beside ) {
-      // Word by word: a copy of the array would go through memory.
-      for ( std::size_t i = 0; i < wordCount; ++i ) {
-         std::memcpy(
-            key_.data() + 8 * i, &words[ i ], std::min<std::size_t>( 8, keyBytes - 8 * i ) );
-      }
+      storeWords<wordCount>( words, key_.data() );
       std::memcpy( beside_.data(), &beside, sizeof beside );
    }
 

@@ -95,7 +95,7 @@ class Images {
    void walk( Visit const& visit ) const {
       for ( U32 i = 0; i < slots_; ++i ) {
          if ( used( i ) ) {
-            visit( slot( i ) + 2 + E::keyLength );
+            visit( pair( i ).chip, pair( i ).key.data(), slot( i ) + 2 + E::keyLength );
          }
       }
    }

@@ -79,7 +79,9 @@ class Shadow {
    template<class Visit>
    void walk( Visit const& visit ) const {
       for ( Tessel::EmTableEntry const& entry : table_->entries() ) {
-         visit( entry.result().bytes().bytesPtr() );
+         visit( entry.chipId().value(),
+                entry.key().bytes().bytesPtr(),
+                entry.result().bytes().bytesPtr() );
       }
    }
 

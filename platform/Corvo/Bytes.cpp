@@ -40,6 +40,10 @@ void Bytes::becomeHeapZeros( U32 length ) {
    length_ = length;
 }
 
+void Bytes::becomeZeros( U32 length ) {
+   *this = ofLength( length );
+}
+
 void Bytes::dropHeap() {
    std::free( heapBytes() );
 }
