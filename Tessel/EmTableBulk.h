@@ -42,11 +42,11 @@ class BulkAnswers {
 inline constexpr std::size_t bulkStep = 16;
 
 /// Calls `work( number, number within the block )` for each of `count` pairs that is in a block.
-template<class Work>
+template<std::size_t step = bulkStep, class Work>
 [[gnu::always_inline]] inline void
 forEachInBlock( std::size_t block, std::size_t count, Work const& work ) {
-   std::size_t const begin = block * bulkStep;
-   std::size_t const length = begin < count ? std::min( bulkStep, count - begin ) : 0;
+   std::size_t const begin = block * step;
+   std::size_t const length = begin < count ? std::min( step, count - begin ) : 0;
    for ( std::size_t i = 0; i < length; ++i ) {
       work( begin + i, i );
    }

@@ -88,6 +88,9 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
       answers = noted;
    }
 
+   /// How many pairs make a block here, where less is fetched for each than where images are.
+   static constexpr std::size_t hasStep = 32;
+
    /// In stages as inStages(), but a pair whose tags say that it is absent is answered there, and the
    /// others alone go on.
    void hasEachFetching( std::span<EmPair const> pairs, BulkAnswers& answers ) const {
@@ -98,13 +101,13 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
       Search const search = keys().search();
       auto const keysBySlot = keys().keysBySlot();
       BulkAnswers noted = answers; // in registers
-      std::array<U64, bulkStep> hashes;
-      std::array<Candidate, bulkStep> candidates;
-      std::size_t const blocks = ( pairs.size() + bulkStep - 1 ) / bulkStep;
+      std::array<U64, hasStep> hashes;
+      std::array<Candidate, hasStep> candidates;
+      std::size_t const blocks = ( pairs.size() + hasStep - 1 ) / hasStep;
       std::size_t count = 0;
       for ( std::size_t turn = 0; turn < blocks + 2; ++turn ) {
          for ( Candidate const& candidate : std::span( candidates ).first( count ) ) {
-            std::size_t const number = ( turn - 2 ) * bulkStep + candidate.inBlock;
+            std::size_t const number = ( turn - 2 ) * hasStep + candidate.inBlock;
             EmPair const& pair = pairs[ number ];
             noted.note( number,
                         this->leadsTo( keysBySlot, candidate.lead, pair.chipId, pair.key ) ||
@@ -112,7 +115,7 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
          }
          count = 0;
          if ( turn >= 1 ) {
-            forEachInBlock(
+            forEachInBlock<hasStep>(
                turn - 1,
                pairs.size(),
                [ & ]( std::size_t number, std::size_t i ) __attribute__( ( always_inline ) ) {
@@ -130,7 +133,7 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
                      } );
                } );
          }
-         forEachInBlock(
+         forEachInBlock<hasStep>(
             turn,
             pairs.size(),
             [ & ]( std::size_t number, std::size_t i ) __attribute__( ( always_inline ) ) {

@@ -40,10 +40,6 @@ void Bytes::becomeHeapZeros( U32 length ) {
    length_ = length;
 }
 
-void Bytes::becomeZeros( U32 length ) {
-   *this = ofLength( length );
-}
-
 void Bytes::dropHeap() {
    std::free( heapBytes() );
 }

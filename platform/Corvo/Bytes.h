@@ -80,7 +80,7 @@ class [[gnu::visibility( "default" )]] Bytes {
    /// beyond inlineCapacity leaves the value as it was.
    char* resized( U32 length ) {
       if ( length != length_ ) [[unlikely]] {
-         becomeZeros( length );
+         *this = ofLength( length );
       }
       return writablePtr();
    }
@@ -106,7 +106,6 @@ class [[gnu::visibility( "default" )]] Bytes {
    void heapBytesAre( char* bytes ) { std::memcpy( inline_.data(), &bytes, sizeof bytes ); }
    void holdOnHeap( void const* data );
    void becomeHeapZeros( U32 length );
-   void becomeZeros( U32 length );
    void dropHeap();
 
    std::array<char, inlineCapacity> inline_{};
