@@ -437,4 +437,18 @@ TEST( EntryRange, givesTheEntriesInSlotOrderWhateverTheKindOfTable ) {
    EXPECT_THAT( results, ElementsAre( "r3", "r7" ) );
 }
 
+TEST( EntryRange, showsADefaultEntryWhereASlotWasInvalidatedBehindItsTable ) {
+   auto const table = newTable();
+   add( table, chip3, "AAAA", "r1" );
+   add( table, chip3, "BBBB", "r2" );
+   table->vellumChunk()->write( 8, std::string( 8, '\0' ).data(), 8 );
+   std::vector<EmTableEntry> seen;
+   for ( EmTableEntry const& entry : table->entries() ) {
+      seen.push_back( entry );
+   }
+   ASSERT_EQ( seen.size(), 2U );
+   EXPECT_EQ( textOf( seen[ 0 ].result().bytes() ), "r1" );
+   EXPECT_FALSE( seen[ 1 ] );
+}
+
 } // namespace
