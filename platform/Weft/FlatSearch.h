@@ -10,15 +10,15 @@
 ///
 /// or, when elements have leads,
 ///
-///    groups     64 bytes each, a cache line: 12 tags, the overflow count, 3 bytes of no use, 12 leads
+///    groups     64 bytes each, a cache line: 12 tags, an overflow count for each of four classes, 12 leads
 ///    elements   12 per group
 ///
 /// A tag is 0 for an empty lane, else 8 bits of the element's hash; the tags of a group are compared at once.
 /// An element lies in the first group with an empty lane from its home group on. The overflow count
-/// of a group says how many elements passed it by because it was full: where it is 0, a search may
-/// stop. Erasing an element lowers the counts that its insertion raised, so a table that lives long
-/// does not fill up with old overflow (a count that once reached 255 is no longer exact and stays
-/// until the table grows).
+/// of a group says how many elements passed it by because it was full, all or those whose hash has the same
+/// class: where it is 0, a search may stop. Erasing an element lowers the counts that its insertion raised, so
+/// a table that lives long does not fill up with old overflow (a count that once reached 255 is no longer
+/// exact and stays until the table grows).
 ///
 /// A lead is a number of 4 bytes that most often says all that there is to know of its element, which then
 /// is never written nor read: a search looks at one line, and a change changes one.
