@@ -84,7 +84,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       bool const fits = entry.key().bytes().size() == shape.keyLength &&
                         entry.result().bytes().size() == shape.resultLength;
       if ( !traced && fits && offset < table.ownedSize() ) [[likely]] {
-         // One reading is enough, since nobody else writes there.
+         // One reading is enough, since nobody else writes there; and the entry has room for it.
          ImageFields<wordCount, Result> image( shape );
          image.take( table.readableRange() + offset );
          if ( image.firstByte() == 1 ) [[likely]] {
@@ -100,7 +100,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    // again with the whole of it where that does not answer: by a tail call, which keeps the usual way
    // free of a stack frame, and to which GCC 12 objects when a copy of `chip` is around.
 
-   /// Whether the work on a new pair is a function of its own, or here.
+   /// Whether the work on a new pair is a function of its own, which keeps the stack frame that it needs out of
+   /// rewrites; or here, in a loop that has one in any case.
    enum class Adding { called, here };
 
    template<class Result, Adding adding = Adding::called>

@@ -441,14 +441,18 @@ TEST( EntryRange, showsADefaultEntryWhereASlotWasInvalidatedBehindItsTable ) {
    auto const table = newTable();
    add( table, chip3, "AAAA", "r1" );
    add( table, chip3, "BBBB", "r2" );
+   add( table, chip5, "CCCC", "r3" );
+   add( table, chip7, "DDDD", "r4" );
    table->vellumChunk()->write( 8, std::string( 8, '\0' ).data(), 8 );
    std::vector<EmTableEntry> seen;
    for ( EmTableEntry const& entry : table->entries() ) {
       seen.push_back( entry );
    }
-   ASSERT_EQ( seen.size(), 2U );
-   EXPECT_EQ( textOf( seen[ 0 ].result().bytes() ), "r1" );
-   EXPECT_FALSE( seen[ 1 ] );
+   EXPECT_THAT( seen,
+                ElementsAre( EmTableEntry( true, chip3, keyOf( "AAAA" ), resultOf( "r1" ) ),
+                             EmTableEntry(),
+                             EmTableEntry( true, chip5, keyOf( "CCCC" ), resultOf( "r3" ) ),
+                             EmTableEntry( true, chip7, keyOf( "DDDD" ), resultOf( "r4" ) ) ) );
 }
 
 } // namespace

@@ -18,7 +18,7 @@
 /// of a group says how many elements passed it by because it was full, all or those whose hash has the same
 /// class: where it is 0, a search may stop. Erasing an element lowers the counts that its insertion raised, so
 /// a table that lives long does not fill up with old overflow (a count that once reached 255 is no longer
-/// exact and stays until the table grows).
+/// exact and stays until the table grows or all elements are erased).
 ///
 /// A lead is a number of 4 bytes that most often says all that there is to know of its element, which then
 /// is never written nor read: a search looks at one line, and a change changes one.
@@ -81,16 +81,11 @@ class FlatSearch {
    };
 
    /// Where an element lies at best, for who adds one that a first look has not found. Good until the table
-   /// grows.
+   /// grows or gives its memory back.
    class Home {
-    public:
-      /// Nowhere.
-      Home() = default;
-
-    private:
       friend FlatSearch;
       explicit Home( U8* tags ) : tags_( tags ) {}
-      U8* tags_ = nullptr;
+      U8* tags_;
    };
 
    // `matches( element )` says whether an element is the one that is wanted; in a table with leads,
@@ -180,7 +175,7 @@ class FlatSearch {
    }
 
  protected:
-   static constexpr U64 tagBytes = 16; ///< of a group, with the overflow count
+   static constexpr U64 tagBytes = 16; ///< of a group, with the overflow counts
    static constexpr U64 elementsPerGroup = hasLeads ? 12 : 15;
    static constexpr U64 overflowLane = elementsPerGroup; ///< where the overflow counts are
    static constexpr U64 overflowClasses = tagBytes - elementsPerGroup;
@@ -197,6 +192,7 @@ class FlatSearch {
       }
       return tags;
    }();
+   /// From the bits next to the tag, of which neither tag nor home is made.
    static U64 classOf( U64 hash ) { return hash / 256 % overflowClasses; }
    U64 homeOf( U64 hash ) const {
       __extension__ using U128 = unsigned __int128;

@@ -216,15 +216,14 @@ class FlatTable : private FlatSearch<Element, LeadOfElement> {
    using Search::leadsOf;
    using Search::lowestOf;
    using Search::noTags;
-   using Search::overflow;
    using Search::overflowLane;
    using Search::positionOf;
    using Search::tagsOf;
 
    static constexpr U8 exactOverflowEnds = 0xff;
 
-   // At 5 of 8 lanes, one search in fifty for what is not there goes on to a second group; at 3 of 4, one in
-   // thirteen does.
+   // With leads, at 5 of 8 lanes, one search in fifty for what is not there goes on to a second group; at 3 of
+   // 4, one in thirteen does.
    static constexpr U64 mostIn( U64 groups ) { return groups * elementsPerGroup * 5 / 8; }
    static constexpr U64 groupsFor( U64 elements ) {
       return ( elements * 8 + elementsPerGroup * 5 - 1 ) / ( elementsPerGroup * 5 );
