@@ -124,7 +124,7 @@ class FlatSearch {
          return onFirst( leadsOf( tags )[ lane ],
                          static_cast<Position>( tags - groupsAt_ ) + lane );
       }
-      return tags[ overflowLane + classOf( hash ) ] == 0 ? absent( Home( tags ) ) : unsure();
+      return overflowIn( tags, hash ) == 0 ? absent( Home( tags ) ) : unsure();
    }
 
    /// As find(), for a hash of which a first look is unsure.
@@ -241,9 +241,8 @@ class FlatSearch {
    U32 lanesWith( U64 group, U32 four ) const { return lanesWith( tagsOf( group ), four ); }
    U32 emptyLanes( U64 group ) const { return lanesWith( group, 0 ); }
    /// How many elements of the class of this hash have passed a group by.
-   U8 overflow( U64 group, U64 hash ) const {
-      return tagsOf( group )[ overflowLane + classOf( hash ) ];
-   }
+   static U8& overflowIn( U8* tags, U64 hash ) { return tags[ overflowLane + classOf( hash ) ]; }
+   U8& overflow( U64 group, U64 hash ) const { return overflowIn( tagsOf( group ), hash ); }
 
    static U32 lowestOf( U32 lanes ) { return static_cast<U32>( std::countr_zero( lanes ) ); }
    static Position positionOf( U64 group, U32 lanes ) {

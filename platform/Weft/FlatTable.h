@@ -202,7 +202,6 @@ class FlatTable : private FlatSearch<Element, LeadOfElement> {
  private:
    using Search::after;
    using Search::allLanes;
-   using Search::classOf;
    using Search::elements_;
    using Search::elementsPerGroup;
    using Search::emptyLanes;
@@ -216,7 +215,7 @@ class FlatTable : private FlatSearch<Element, LeadOfElement> {
    using Search::leadsOf;
    using Search::lowestOf;
    using Search::noTags;
-   using Search::overflowLane;
+   using Search::overflow;
    using Search::positionOf;
    using Search::tagsOf;
 
@@ -230,14 +229,11 @@ class FlatTable : private FlatSearch<Element, LeadOfElement> {
    }
 
    U8& tagAt( Position position ) { return groupsAt_[ position ]; }
-   U8& overflowAt( U64 group, U64 hash ) {
-      return tagsOf( group )[ overflowLane + classOf( hash ) ];
-   }
    /// The first empty lane from the home group on, no longer empty.
    [[gnu::always_inline]] Position takeLane( U64 hash ) noexcept {
       U64 group = homeOf( hash );
       while ( emptyLanes( group ) == 0 ) {
-         U8& count = overflowAt( group, hash );
+         U8& count = overflow( group, hash );
          count = static_cast<U8>( count + ( count != exactOverflowEnds ) );
          group = after( group );
       }
@@ -250,7 +246,7 @@ class FlatTable : private FlatSearch<Element, LeadOfElement> {
    [[gnu::always_inline]] void giveLaneBack( Position position, U64 hash ) noexcept {
       U64 const last = position / groupBytes;
       for ( U64 group = homeOf( hash ); group != last; group = after( group ) ) {
-         U8& count = overflowAt( group, hash );
+         U8& count = overflow( group, hash );
          count = static_cast<U8>( count - ( count != exactOverflowEnds ) );
       }
       tagAt( position ) = 0;
