@@ -30,7 +30,7 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
          for ( std::size_t at = 0; at < pairs.size(); ++at ) {
             noted.note( at, Entries::entryHas( table, pairs[ at ].chipId, pairs[ at ].key ) );
          }
-      } else if ( work.isCached() ) {
+      } else if ( work.keys().bytes() <= cachedBytes ) {
          work.hasEach( pairs, noted );
       } else {
          work.hasEachFetching( pairs, noted );
@@ -48,7 +48,7 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
             auto const& pair = pairs[ at ];
             noted.note( at, work.template get<Result>( pair.chipId, pair.key, pair.result ) );
          }
-      } else if ( work.isCached() ) {
+      } else if ( work.keys().bytes() <= cachedBesideImagesBytes ) {
          work.template getEach<Result>( pairs, noted );
       } else {
          work.template getEachFetching<Result>( pairs, noted );
@@ -57,8 +57,6 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
    }
 
  private:
-   bool isCached() const { return keys().bytes() <= cachedBytes; }
-
    // ---- whether pairs are there, in a table without objects
 
    [[gnu::always_inline]] bool hasFurther( EmPair const& pair, U64 hash ) const {

@@ -25,33 +25,44 @@ class EmShadowTable::BulkWork : public EntryWork<traced, KeyClass, EmShadowTable
    static U64
    entryIs( EmShadowTable& table, std::span<EmPairAndResult const> pairs, bool* answers ) {
       BulkWork const work( table );
-      return work.template inBulk<SlotLead>(
-         pairs,
-         answers,
-         [ & ]( EmPairAndResult const& pair ) __attribute__( ( always_inline ) ) {
-            return work.template set<Result, Entries::Adding::here>(
-               pair.chipId, pair.key, pair.result );
-         },
-         []( SlotLead lead, U64 /*position*/ ) { return lead; },
-         [ & ]( EmPairAndResult const& pair, SlotLead lead ) __attribute__( ( always_inline ) ) {
-            return work.template setForeseen<Result>( pair, lead );
-         } );
+      Announcement const announced( work.keys() );
+      BulkAnswers noted( answers );
+      bool mostAreNew = false;
+      for ( std::size_t begin = 0, length = firstBulkRun; begin < pairs.size();
+            begin += length, length = bulkRun ) {
+         auto const run = pairs.subspan( begin, std::min( length, pairs.size() - begin ) );
+         work.announce( pairs.size() - begin );
+         U64 const before = work.keys().size();
+         // New pairs wait for little: they take one slot after the other. Of the first ones nothing is known.
+         U64 const mostNotFetched = mostAreNew ? uncachedBytes : begin == 0 ? cachedBytes : 0;
+         if ( traced || work.keys().bytes() <= mostNotFetched ) {
+            work.template setEach<Result>( run, begin, noted );
+         } else {
+            work.template setEachFetching<Result>( run, begin, noted );
+         }
+         mostAreNew = work.keys().size() > before + run.size() / 2;
+      }
+      return noted.count();
    }
    template<class Result>
    static U64 entryDel( EmShadowTable& table, std::span<EmPair const> pairs, bool* answers ) {
       BulkWork const work( table );
-      return work.template inBulk<Sighting>(
+      BulkAnswers noted( answers );
+      if ( traced ) {
+         for ( std::size_t at = 0; at < pairs.size(); ++at ) {
+            noted.note( at, work.template del<Result>( pairs[ at ].chipId, pairs[ at ].key ) );
+         }
+         return noted.count();
+      }
+      work.template fetchingAhead<Sighting>(
          pairs,
-         answers,
-         [ & ]( EmPair const& pair ) __attribute__( ( always_inline ) ) {
-            return work.template del<Result>( pair.chipId, pair.key );
-         },
          []( SlotLead lead, U64 position ) {
             return Sighting{ .lead = lead, .position = position };
          },
-         [ & ]( EmPair const& pair, Sighting const& seen ) __attribute__( ( always_inline ) ) {
-            return work.template delForeseen<Result>( pair, seen );
+         [ & ]( std::size_t at, Sighting const& seen ) __attribute__( ( always_inline ) ) {
+            noted.note( at, work.template delForeseen<Result>( pairs[ at ], seen ) );
          } );
+      return noted.count();
    }
 
  private:
@@ -100,41 +111,127 @@ class EmShadowTable::BulkWork : public EntryWork<traced, KeyClass, EmShadowTable
       typename Entries::Keys& keys_;
    };
 
-   /// Answers each pair, in order: `directly( pair )` in a small table, `foreseen( pair, sight )` in a large
-   /// one, where what it will read is fetched ahead; a sight is what `see( lead, position )` made of it some
-   /// calls ago, or Sight() where there was nothing to see. Counts the true answers.
-   template<class Sight, class Asked, class Directly, class See, class Foreseen>
-   [[gnu::always_inline]] U64 inBulk( std::span<Asked const> pairs,
-                                      bool* answers,
-                                      Directly const& directly,
-                                      See const& see,
-                                      Foreseen const& foreseen ) const {
-      Announcement const announced( keys() );
-      BulkAnswers noted( answers );
-      U64 before = keys().size();
-      for ( std::size_t begin = 0; begin < pairs.size(); begin += bulkRun ) {
-         auto const run = pairs.subspan( begin, std::min( bulkRun, pairs.size() - begin ) );
-         if constexpr ( std::is_same_v<Asked, EmPairAndResult> ) {
-            U32 const free = table_.isFull() ? 0 : table_.numEntries_ - table_.numUsedEntries_;
-            keys().announce( std::min<U64>( pairs.size() - begin, free ) );
+   void announce( std::size_t pairs ) const {
+      U32 const free = table_.isFull() ? 0 : table_.numEntries_ - table_.numUsedEntries_;
+      keys().announce( std::min<U64>( pairs, free ) );
+   }
+
+   /// The free slots that a word of the bitmap tells of, for new pairs one after the other. What that changes
+   /// in the bitmap and in the counts is kept here until settle(), which has to come before anything else is
+   /// asked of the table.
+   class FreeSlots {
+    public:
+      explicit FreeSlots( EmShadowTable& table, typename Entries::Keys& keys )
+            : table_( table ), keys_( keys ) {}
+      FreeSlots( FreeSlots const& ) = delete;
+      FreeSlots& operator=( FreeSlots const& ) = delete;
+      ~FreeSlots() { settle(); }
+
+      /// Whether there is one, and room for its pair in the map.
+      [[gnu::always_inline]] bool any() {
+         if ( free_ == 0 ) [[unlikely]] {
+            settle();
+            given_ = free_ = nextWord();
          }
-         // New pairs wait for little: they take one slot after the other.
-         bool const mostAreNew = keys().size() > before + bulkRun / 2;
-         before = keys().size();
-         if ( !traced && keys().bytes() > ( mostAreNew ? uncachedBytes : cachedBytes ) ) {
-            fetchingAhead<Sight>(
-               run,
-               see,
-               [ & ]( std::size_t at, Sight const& sight ) __attribute__( ( always_inline ) ) {
-                  noted.note( begin + at, foreseen( run[ at ], sight ) );
-               } );
-         } else {
-            for ( std::size_t at = 0; at < run.size(); ++at ) {
-               noted.note( begin + at, directly( run[ at ] ) );
-            }
-         }
+         return free_ != 0;
       }
-      return noted.count();
+      /// Takes the lowest one.
+      [[gnu::always_inline]] EmTableIndex take() {
+         EmTableIndex const slot( first_ + static_cast<U32>( std::countr_zero( free_ ) ) );
+         free_ &= free_ - 1;
+         return slot;
+      }
+      [[gnu::always_inline]] void settle() {
+         U64 const taken = given_ ^ free_;
+         if ( taken != 0 ) {
+            U32 const count = static_cast<U32>( std::popcount( taken ) );
+            table_.freeIndexBmp_->toggleIn( first_ / wordBits, taken );
+            table_.numUsedEntries_ += count;
+            keys_.countPut( count );
+         }
+         given_ = free_ = 0;
+      }
+
+    private:
+      static constexpr U32 wordBits = Brine::HBitmap::wordBits;
+
+      /// The free slots of the first word that has some, from first_ on; no more than the map has room for.
+      U64 nextWord() {
+         U32 const lowest = table_.freeIndexBmp_->lowestUntoggled();
+         if ( table_.ownedSize() == 0 || lowest == Brine::HBitmap::invalidIndex ) {
+            return 0;
+         }
+         first_ = lowest / wordBits * wordBits;
+         U64 free = ~table_.freeIndexBmp_->toggledIn( first_ / wordBits );
+         if ( U32 const slots = table_.numEntries_ - first_; slots < wordBits ) {
+            free &= ( U64{ 1 } << slots ) - 1;
+         }
+         while ( std::cmp_greater( std::popcount( free ), keys_.room() ) ) {
+            free &= ~std::bit_floor( free );
+         }
+         return free;
+      }
+
+      EmShadowTable& table_;
+      typename Entries::Keys& keys_;
+      U32 first_ = 0;
+      U64 given_ = 0;
+      U64 free_ = 0;
+   };
+
+   template<class Result>
+   [[gnu::always_inline]] void setEach( std::span<EmPairAndResult const> pairs,
+                                        std::size_t first,
+                                        BulkAnswers& answers ) const {
+      FreeSlots free( table_, keys() );
+      for ( std::size_t at = 0; at < pairs.size(); ++at ) {
+         answers.note( first + at, setIn<Result>( free, pairs[ at ] ) );
+      }
+   }
+   template<class Result>
+   [[gnu::always_inline]] bool setIn( FreeSlots& free, EmPairAndResult const& pair ) const {
+      U64 const hash = this->hashOf( pair.chipId, pair.key );
+      auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
+         free.settle();
+         return Entries::template setFully<Result>(
+            table_, pair.chipId, pair.key, hash, pair.result );
+      };
+      if constexpr ( traced ) {
+         return fully();
+      } else {
+         return keys().firstLook(
+            hash,
+            [ & ]( SlotLead lead, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
+               return this->template setAt<Result>(
+                  lead, pair.chipId, pair.key, pair.result, fully );
+            },
+            [ & ]( typename Entries::Home home ) __attribute__( ( always_inline ) ) {
+               return Entries::Keys::laneIn(
+                  home,
+                  [ & ]( typename Entries::Keys::Lane lane ) __attribute__( ( always_inline ) ) {
+                     if ( !free.any() ) [[unlikely]] {
+                        return fully();
+                     }
+                     this->template putInSlot<Result>(
+                        free.take(), lane, pair.chipId, pair.key, hash, pair.result );
+                     return true;
+                  },
+                  fully );
+            },
+            fully );
+      }
+   }
+
+   template<class Result>
+   [[gnu::always_inline]] void setEachFetching( std::span<EmPairAndResult const> pairs,
+                                                std::size_t first,
+                                                BulkAnswers& answers ) const {
+      fetchingAhead<SlotLead>(
+         pairs,
+         []( SlotLead lead, U64 /*position*/ ) { return lead; },
+         [ & ]( std::size_t at, SlotLead lead ) __attribute__( ( always_inline ) ) {
+            answers.note( first + at, setForeseen<Result>( pairs[ at ], lead ) );
+         } );
    }
 
    template<class Sight, class Asked, class See, class Perform>

@@ -144,17 +144,15 @@ template<std::size_t wordCount>
    auto const* const keyBytes = reinterpret_cast<char const*>( image + ImageShape::keyOffset );
    U32 const before = loadUnit<U32>( image );
    orderLoads();
-   U32 const head = loadUnit<U16>( image );
    key = keyWordsAt<wordCount>( keyBytes, shape.keyLength );
    orderLoads();
    U64 difference = loadUnit<U32>( image ) ^ before;
    orderLoads();
    difference |= differenceOf<wordCount>( keyWordsAt<wordCount>( keyBytes, shape.keyLength ), key );
-   difference |= U32{ loadUnit<U16>( image ) } ^ head;
    orderLoads();
    difference |= loadUnit<U32>( image ) ^ before;
-   chip = Brine::ChipId( static_cast<U8>( head >> 8 ) );
-   U8 const first = static_cast<U8>( head );
+   chip = Brine::ChipId( static_cast<U8>( before >> 8 ) );
+   U8 const first = static_cast<U8>( before );
    return difference | ( first == 0 || Vellum::detail::maybeMark( first ) ? 1 : 0 );
 }
 

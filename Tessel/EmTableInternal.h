@@ -77,9 +77,13 @@ inline void traceTableDelete( Brine::ChipId chip ) {
 
 /// How many entries a bulk call takes before it looks again whether fetching ahead pays.
 inline constexpr std::size_t bulkRun = 4096;
+/// The same for its first entries, of which nothing is known.
+inline constexpr std::size_t firstBulkRun = 64;
 /// A map of at most so many bytes is taken to be in a cache next to the processor: there fetching costs
 /// more than it saves.
 inline constexpr U64 cachedBytes = U64{ 256 } << 10;
+/// The same of a map beside the images of its pairs.
+inline constexpr U64 cachedBesideImagesBytes = U64{ 64 } << 10;
 /// One of more than so many bytes lies in no cache. A restart does not wait for what it reads, so that it
 /// does not pay to fetch ahead before.
 inline constexpr U64 uncachedBytes = U64{ 8 } << 20;

@@ -88,15 +88,14 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
 
    static constexpr U32 wordBits = Brine::HBitmap::wordBits;
 
-   /// Images that are in the map and still have to be marked and counted: those of one word of the
-   /// bitmap, and how many of each chip. The destructor sees to it, also when memory has run out.
+   /// Images that are in the map and still have to be counted for their chips. The destructor sees to it, also
+   /// when memory has run out.
    class Newcomers {
     public:
       explicit Newcomers( WholeWork const& work ) : table_( work.table_ ), keys_( work.keys() ) {}
       Newcomers( Newcomers const& ) = delete;
       Newcomers& operator=( Newcomers const& ) = delete;
       ~Newcomers() {
-         mark();
          for ( U32 chip = 0; chip < byChip_.size(); ++chip ) {
             if ( byChip_[ chip ] != 0 ) {
                table_.countMore( Brine::ChipId( static_cast<U8>( chip ) ), byChip_[ chip ] );
@@ -105,25 +104,11 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
          }
       }
 
-      void wordIs( U32 word ) {
-         mark();
-         word_ = word;
-      }
-      [[gnu::always_inline]] void add( U32 bit, Brine::ChipId chip ) {
-         slots_ |= U64{ 1 } << bit;
-         ++byChip_[ chip.value() ];
-      }
+      [[gnu::always_inline]] void countOne( Brine::ChipId chip ) { ++byChip_[ chip.value() ]; }
 
     private:
-      void mark() {
-         table_.freeIndexBmp_->toggleIn( word_, slots_ );
-         slots_ = 0;
-      }
-
       EmShadowTable& table_;
       Keys& keys_;
-      U32 word_ = 0;
-      U64 slots_ = 0;
       std::array<U32, ChipCounts::capacity> byChip_{};
    };
 
@@ -229,25 +214,40 @@ class EmShadowTable::WholeWork : public EntryWork<traced, KeyClass, EmShadowTabl
    }
 
    /// takeOver() of the slots `shown` of a word, whose pairs are most likely new.
-   [[gnu::always_inline]] void takeOverWord( U32 word, U64 shown, Newcomers& newcomers ) const {
-      newcomers.wordIs( word );
-      U64 const counted = table_.freeIndexBmp_->toggledIn( word );
+   void takeOverWord( U32 word, U64 shown, Newcomers& newcomers ) const {
+      keys().makeRoomFor( static_cast<U32>( std::popcount( shown ) ) );
+      bool const noneIsCounted = ( table_.freeIndexBmp_->toggledIn( word ) & shown ) == 0;
+      U64 const length = table_.entryLengthBytes_;
       U8 const* const images = imagesOf( word );
-      forEachBit(
-         shown, [ & ]( U32 bit ) __attribute__( ( always_inline ) ) {
-            EmTableIndex const slot( word * wordBits + bit );
-            U8 const* const image = images + U64{ bit } * table_.entryLengthBytes_;
-            Brine::ChipId chip( 0 );
-            KeyWords<wordCount> key;
-            U64 const unlike =
-               readFinishedImage<wordCount>( image, this->template shape<NoResult>(), chip, key );
-            if ( ( unlike | ( counted >> bit & 1 ) ) == 0 &&
-                 keys().addAtFirstLook( Pair( chip, key ), slot ) ) [[likely]] {
-               newcomers.add( bit, chip );
-            } else {
-               takeOver( slot, Keys::Slot::ofNoPair );
-            }
-         } );
+      auto const search = keys().search();
+      auto const keysBySlot = keys().keysBySlot();
+      U64 unsettled = shown;
+      U64 left = shown;
+      while ( left != 0 ) {
+         U32 const bit = static_cast<U32>( std::countr_zero( left ) );
+         EmTableIndex const slot( word * wordBits + bit );
+         U8 const* const image = images + U64{ bit } * length;
+         Brine::ChipId chip( 0 );
+         KeyWords<wordCount> key;
+         U64 const unlike =
+            readFinishedImage<wordCount>( image, this->template shape<NoResult>(), chip, key );
+         if ( noneIsCounted && unlike == 0 &&
+              Keys::putAtFirstLook( search, keysBySlot, Pair( chip, key ), slot ) ) [[likely]] {
+            newcomers.countOne( chip );
+            left &= left - 1;
+            continue;
+         }
+         settle( word, unsettled ^ left );
+         left &= left - 1;
+         unsettled = left;
+         takeOver( slot, Keys::Slot::ofNoPair );
+      }
+      settle( word, unsettled );
+   }
+   /// Marks slots of a word whose pairs have been put in the map, and counts these.
+   void settle( U32 word, U64 slots ) const {
+      table_.freeIndexBmp_->toggleIn( word, slots );
+      keys().countPut( static_cast<U32>( std::popcount( slots ) ) );
    }
 
    /// A removal of entries writes: a trusted table need not wait for the first to own what it writes.

@@ -100,11 +100,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    // again with the whole of it where that does not answer: by a tail call, which keeps the usual way
    // free of a stack frame, and to which GCC 12 objects when a copy of `chip` is around.
 
-   /// Whether the work on a new pair is a function of its own, which keeps the stack frame that it needs out of
-   /// rewrites; or here, in a loop that has one in any case.
-   enum class Adding { called, here };
-
-   template<class Result, Adding adding = Adding::called>
+   template<class Result>
    [[gnu::always_inline]] bool
    set( Brine::ChipId const& chip, Weft::CharPtrConst key, Weft::CharPtrConst result ) const {
       U64 const hash = hashOf( chip, key );
@@ -120,11 +116,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
                return setAt<Result>( lead, chip, key, result, fully );
             },
             [ & ]( Home home ) __attribute__( ( always_inline ) ) {
-               if constexpr ( adding == Adding::here ) {
-                  return addAbsentHere<Result>( chip, key, hash, result, home );
-               } else {
-                  return addAbsent<Result>( table_, chip, key, hash, result, home );
-               }
+               return addAbsent<Result>( table_, chip, key, hash, result, home );
             },
             fully );
       }
@@ -288,7 +280,8 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       return true;
    }
 
-   /// For a pair that is known to be absent.
+   /// For a pair that is known to be absent. A function of its own, which keeps the stack frame that it needs
+   /// out of rewrites.
    template<class Result>
    [[gnu::noinline]] static bool addAbsent( Table& table,
                                             Brine::ChipId chip,
@@ -296,24 +289,17 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
                                             U64 hash,
                                             Weft::CharPtrConst result,
                                             Home home ) {
-      return EntryWork( table ).template addAbsentHere<Result>( chip, key, hash, result, home );
-   }
-   template<class Result>
-   [[gnu::always_inline]] bool addAbsentHere( Brine::ChipId chip,
-                                              Weft::CharPtrConst key,
-                                              U64 hash,
-                                              Weft::CharPtrConst result,
-                                              Home home ) const {
+      EntryWork const work( table );
       auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
-         return addFully<Result>( table_, chip, key, hash, result );
+         return addFully<Result>( table, chip, key, hash, result );
       };
-      if ( table_.ownedSize() == 0 ) [[unlikely]] {
+      if ( table.ownedSize() == 0 || work.keys().room() == 0 ) [[unlikely]] {
          return fully();
       }
-      return keys().laneIn(
+      return Keys::laneIn(
          home,
          [ & ]( typename Keys::Lane lane ) __attribute__( ( always_inline ) ) {
-            return addAtHome<Result>( lane, chip, key, hash, result );
+            return work.template addAtHome<Result>( lane, chip, key, hash, result );
          },
          fully );
    }
@@ -434,7 +420,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    [[gnu::always_inline]] Keys& keys() const {
       return table_.keyToSlot_->template keys<wordCount>();
    }
-   /// In a table that owns its slots: nothing can fail, and what lies in a free one is no image.
+   /// In a table that owns its slots and whose map has room.
    template<class Result>
    [[gnu::always_inline]] bool addAtHome( typename Keys::Lane lane,
                                           Brine::ChipId chip,
@@ -446,19 +432,32 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
       if ( !slot.valid() ) [[unlikely]] {
          return false;
       }
-      keys().addAtHome( lane, Pair( chip, wordsAt( key ), hash ), slot );
+      putInSlot<Result>( slot, lane, chip, key, hash, result );
+      keys().countPut( 1 );
+      ++table_.numUsedEntries_;
+      table_.freeIndexBmp_->toggleLowestUntoggled();
+      return true;
+   }
+   /// The part of it that concerns one entry alone: nothing can fail, and what lies in a free slot is no image.
+   template<class Result>
+   [[gnu::always_inline]] void putInSlot( EmTableIndex slot,
+                                          typename Keys::Lane lane,
+                                          Brine::ChipId chip,
+                                          Weft::CharPtrConst key,
+                                          U64 hash,
+                                          Weft::CharPtrConst result ) const {
+      Keys::putAtHome( lane, keys().keysBySlot(), Pair( chip, wordsAt( key ), hash ), slot );
       storeEntryImage<wordCount, Result, Before::nothing>( table_.writableRange() +
                                                               offsetOf<Result>( slot ),
                                                            shape<Result>(),
                                                            chip,
                                                            readAgain( key ),
                                                            result );
-      if ( table_.usedByChip_.count( chip ) == 0 ) [[unlikely]] {
+      U32 const ofChip = table_.usedByChip_.count( chip );
+      if ( ofChip == 0 ) [[unlikely]] {
          keys().noteChip( chip );
       }
-      this->countOneMore( chip );
-      table_.freeIndexBmp_->toggleLowestUntoggled();
-      return true;
+      table_.usedByChip_.countIs( chip, ofChip + 1 );
    }
 
    template<class Result>

@@ -106,6 +106,7 @@ class KeyTable {
    using Elements = Weft::FlatTable<Element, ElementHash, SlotLead>;
 
  public:
+   using Search = typename Elements::Search;
    using Home = typename Elements::Home;
 
    /// For keys of `keyLength` bytes, in at most `mostPairs` pairs, whose slots are below that.
@@ -200,27 +201,42 @@ class KeyTable {
    void startAfresh() { bySlot_.trackNoMore(); }
 
    using Lane = typename Elements::Lane;
-   /// Calls `onLane( lane )` if addAtHome() can add a pair there that is absent and has this home, or
+   /// Calls `onLane( lane )` if putAtHome() can put a pair there that is absent and has this home, or
    /// `otherwise()`, when makeRoom() and set() have to find a place; and answers what that does.
    template<class OnLane, class Otherwise>
-   [[gnu::always_inline]] auto
-   laneIn( Home home, OnLane const& onLane, Otherwise const& otherwise ) const {
-      return elements_.laneIn( home, onLane, otherwise );
+   [[gnu::always_inline]] static auto
+   laneIn( Home home, OnLane const& onLane, Otherwise const& otherwise ) {
+      return Elements::laneIn( home, onLane, otherwise );
    }
-   /// The chip has had a pair before, or noteChip() follows.
-   [[gnu::always_inline]] void addAtHome( Lane lane, Pair const& pair, EmTableIndex slot ) {
-      elements_.insertAtHome( lane, pair.hash, SlotLead( slot ) );
-      keyOfSlotIs( slot, pair );
+   /// Pairs for which there is room.
+   U64 room() const { return elements_.room(); }
+   /// There must be room. The chip has had a pair before, or noteChip() follows; and countPut() does before
+   /// anything else is asked of the table.
+   [[gnu::always_inline]] static void
+   putAtHome( Lane lane, View keysBySlot, Pair const& pair, EmTableIndex slot ) {
+      Elements::putAtHome( lane, pair.hash, SlotLead( slot ) );
+      keysBySlot[ slot ] = KeyOfSlot<wordCount>( pair.words, ChipOfPair( pair.chip ) );
    }
+   void countPut( U64 pairs ) { elements_.countPut( pairs ); }
 
-   /// Where no key has an object: adds a pair if the first look shows that it is absent and that there is
-   /// room for it. False, and nothing added, otherwise. noteChip() has to follow before anybody asks for keys.
-   [[gnu::always_inline]] bool addAtFirstLook( Pair const& pair, EmTableIndex slot ) {
-      bool const added = elements_.insertAtFirstLook( pair.hash, SlotLead( slot ) );
-      if ( added ) [[likely]] {
-         keyOfSlotIs( slot, pair );
-      }
-      return added;
+   /// Where no key has an object: the same for a pair of which it is not known whether it is absent, if a first
+   /// look in `search` shows that. False, and nothing put, otherwise.
+   [[gnu::always_inline]] static bool
+   putAtFirstLook( Search const& search, View keysBySlot, Pair const& pair, EmTableIndex slot ) {
+      auto const refused = []( auto... ) { return false; };
+      return search.firstLook(
+         pair.hash,
+         refused,
+         [ & ]( Home home ) __attribute__( ( always_inline ) ) {
+            return laneIn(
+               home,
+               [ & ]( Lane lane ) __attribute__( ( always_inline ) ) {
+                  putAtHome( lane, keysBySlot, pair, slot );
+                  return true;
+               },
+               refused );
+         },
+         refused );
    }
    void noteChip( Brine::ChipId chip ) { chips_.add( chip ); }
 
@@ -388,7 +404,6 @@ class KeyTable {
    /// Starts to fetch what the first look for a pair with this hash reads.
    [[gnu::always_inline]] void fetchGroup( U64 hash ) const { elements_.fetchGroup( hash ); }
    /// For who asks often while the table does not change; it knows nothing of objects.
-   using Search = typename Elements::Search;
    Search const& search() const { return elements_.search(); }
 
    /// Bytes that look-ups among so many pairs may touch.
@@ -400,16 +415,13 @@ class KeyTable {
 
  private:
    KeyOfSlot<wordCount> const& keyOf( SlotLead lead ) const { return keysBySlot()[ lead.slot() ]; }
-   [[gnu::always_inline]] void keyOfSlotIs( EmTableIndex slot, Pair const& pair ) {
-      keysBySlot()[ slot ] = KeyOfSlot<wordCount>( pair.words, ChipOfPair( pair.chip ) );
-   }
 
    /// Gives a slot to the pair at `position`, which leads to no slot.
    [[gnu::always_inline]] void
    giveSlot( U64 position, Pair const& pair, EmTableIndex slot, Slot known ) {
       bool const isFree = known == Slot::ofNoPair && !bySlot_.tracks();
       if ( isFree || takeSlot( slot ) ) [[likely]] {
-         keyOfSlotIs( slot, pair );
+         keysBySlot()[ slot ] = KeyOfSlot<wordCount>( pair.words, ChipOfPair( pair.chip ) );
          elements_.leadIs( position, SlotLead( slot ) );
       } else {
          elements_[ position ] = Element( pair.words, SlotOrObject( pair.chip, slot ) );

@@ -17,12 +17,12 @@ struct Number {
 };
 
 /// Every even number has its home in the last group, every odd one in the first, so that most lie in other
-/// groups than their own, behind the end too. Tags are few, classes as given.
+/// groups than their own, behind the end too. Tags are few, classes as given: 1 or 4.
 template<U64 classes>
 struct CrowdedHash {
    static U64 of( U32 number ) {
       U64 const home = number % 2 == 0 ? ~U64{ 0 } << 32 : 0;
-      return home | number / 2 % classes << 8 | number % 7;
+      return home | number % 7 * ( 4 / classes );
    }
    U64 operator()( Number number, NoElement ) const { return of( number.value ); }
    void fetch( Number ) const {}
@@ -38,8 +38,8 @@ class Crowd {
       U64 const hash = Hash::of( number );
       if ( numbers_.erase( number ) == 0 ) {
          numbers_.insert( number );
-         if ( !table_.insertAtFirstLook( hash, Number{ number } ) ) {
-            table_.makeRoom();
+         table_.makeRoom();
+         if ( !putAtFirstLook( hash, Number{ number } ) ) {
             table_.insert( hash, Number{ number } );
          }
       } else if ( FirstLook const look = firstLookAt( number ); look.position != Table::nowhere ) {
@@ -61,6 +61,19 @@ class Crowd {
    std::set<U32> const& numbers() const { return numbers_; }
 
  private:
+   bool putAtFirstLook( U64 hash, Number number ) {
+      auto const refused = []( auto... ) { return false; };
+      auto const put = [ & ]( typename Table::Lane lane ) {
+         Table::putAtHome( lane, hash, number );
+         table_.countPut( 1 );
+         return true;
+      };
+      return table_.firstLook(
+         hash,
+         refused,
+         [ & ]( typename Table::Home home ) { return Table::laneIn( home, put, refused ); },
+         refused );
+   }
    struct FirstLook {
       bool isAbsent = false;
       U64 position = Table::nowhere;

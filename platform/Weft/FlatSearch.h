@@ -192,8 +192,8 @@ class FlatSearch {
       }
       return tags;
    }();
-   /// From the bits next to the tag, of which neither tag nor home is made.
-   static U64 classOf( U64 hash ) { return hash / 256 % overflowClasses; }
+   /// From bits of the tag: among elements that are not the one, those of its class are as many as any.
+   static U64 classOf( U64 hash ) { return hash % overflowClasses; }
    U64 homeOf( U64 hash ) const {
       __extension__ using U128 = unsigned __int128;
       return static_cast<U64>( ( static_cast<U128>( hash ) * groups_ ) >> 64 );

@@ -72,6 +72,8 @@ class FlatTable : private FlatSearch<Element, LeadOfElement> {
    U64 size() const { return size_; }
    /// Elements held before the table grows.
    U64 capacity() const { return capacity_; }
+   /// How many more that are.
+   U64 room() const { return capacity_ - size_; }
 
    /// Makes sure that one more element can be inserted. std::bad_alloc leaves the table as it was.
    /// One allocation at most; positions taken before are void when the capacity changes.
@@ -122,42 +124,26 @@ class FlatTable : private FlatSearch<Element, LeadOfElement> {
       Lead* lead;
    };
    /// Calls `onLane( lane )` with a lane for an element more in this home group, or `otherwise()` when there
-   /// is none, or no room; and answers what that does.
+   /// is none; and answers what that does.
    template<class OnLane, class Otherwise>
-   [[gnu::always_inline]] auto
-   laneIn( Home home, OnLane const& onLane, Otherwise const& otherwise ) const {
+   [[gnu::always_inline]] static auto
+   laneIn( Home home, OnLane const& onLane, Otherwise const& otherwise ) {
       U8* const tags = tagsOf( home );
       U32 const empty = lanesWith( tags, 0 );
-      if ( empty == 0 || size_ >= capacity_ ) [[unlikely]] {
+      if ( empty == 0 ) [[unlikely]] {
          return otherwise();
       }
       U32 const lane = lowestOf( empty );
       return onLane( Lane{ .tag = tags + lane, .lead = leadsOf( tags ) + lane } );
    }
-   /// Adds an element that the table does not hold in a lane of its home.
-   [[gnu::always_inline]] void insertAtHome( Lane lane, U64 hash, Lead lead ) noexcept {
+   /// Puts an element that the table does not hold in a lane of its home. There must be room, and
+   /// countPut() has to follow before anything else is asked of the table.
+   [[gnu::always_inline]] static void putAtHome( Lane lane, U64 hash, Lead lead ) noexcept {
       *lane.tag = static_cast<U8>( fourTagsOf( hash ) );
       *lane.lead = lead;
-      ++size_;
    }
-   /// Adds an element that the table may hold and for which there may be no room, if the first look
-   /// decides both. False, and nothing added, otherwise.
-   [[gnu::always_inline]] bool insertAtFirstLook( U64 hash, Lead lead ) noexcept {
-      auto const refused = []( auto... ) { return false; };
-      return firstLook(
-         hash,
-         refused,
-         [ & ]( Home home ) __attribute__( ( always_inline ) ) {
-            return laneIn(
-               home,
-               [ & ]( Lane lane ) __attribute__( ( always_inline ) ) {
-                  insertAtHome( lane, hash, lead );
-                  return true;
-               },
-               refused );
-         },
-         refused );
-   }
+   /// Counts elements that have been put in lanes.
+   void countPut( U64 elements ) noexcept { size_ += elements; }
 
    /// Removes the element at `position`, which has this hash, and returns it.
    [[gnu::always_inline]] Element erase( Position position, U64 hash ) noexcept
