@@ -23,6 +23,8 @@ struct ImageShape {
    static constexpr U32 keyOffset = 2;
    U32 resultOffset() const { return keyOffset + keyLength; }
    U32 paddingOffset() const { return resultOffset() + resultLength; }
+   /// Whether valid byte, chip and key are one word of 8 bytes: those of a MAC address.
+   bool isOneWordToResult() const { return resultOffset() == 8; }
 };
 
 /// A result that has no bytes.
@@ -103,6 +105,10 @@ template<std::size_t wordCount, class Result>
                                                KeyWords<wordCount> const& key,
                                                Result& result ) {
    U32 const head = 1U | U32{ chip.value() } << 8;
+   if ( wordCount == 1 && shape.isOneWordToResult() ) {
+      result = Result( image + shape.resultOffset(), shape.resultLength );
+      return Vellum::detail::loadUnit<U64>( image ) ^ ( head | key[ 0 ] << 16 );
+   }
    auto const* const keyBytes = reinterpret_cast<char const*>( image + ImageShape::keyOffset );
    U64 const difference =
       differenceOf<wordCount>( keyWordsAt<wordCount>( keyBytes, shape.keyLength ), key );
@@ -172,6 +178,7 @@ class KeyBytes {
          pieces_ = { wordAt( from ), wordAt( from + 8 ), halfWordAt( from + length - 4 ) };
       }
    }
+   U64 firstWord() const { return pieces_[ 0 ]; }
    [[gnu::always_inline]] void store( U8* to, U32 length ) const {
       using Vellum::detail::storeUnit;
       if constexpr ( wordCount == 1 ) {
@@ -247,12 +254,16 @@ template<std::size_t wordCount, class Result, Before before = Before::maybeNothi
       // The result goes in one store, as the last bytes of an image must.
       Result const bytes( reinterpret_cast<U8 const*>( result ), shape.resultLength );
       KeyBytes<wordCount> const keyBytes( key, shape.keyLength );
-      auto const storeBody = [ & ]( U8 * image, U8 /*meanwhile*/ )
-         __attribute__( ( always_inline ) ) {
+      auto const storeBody = [ & ]( U8 * image, U8 meanwhile ) __attribute__( ( always_inline ) ) {
          bytes.store( image + shape.resultOffset(), shape.resultLength );
          Vellum::detail::orderStores();
-         image[ ImageShape::chipOffset ] = chip.value();
-         keyBytes.store( image + ImageShape::keyOffset, shape.keyLength );
+         if ( wordCount == 1 && shape.isOneWordToResult() ) {
+            U64 const head = U64{ meanwhile } | U64{ chip.value() } << 8;
+            Vellum::detail::storeUnit( image, head | keyBytes.firstWord() << 16 );
+         } else {
+            image[ ImageShape::chipOffset ] = chip.value();
+            keyBytes.store( image + ImageShape::keyOffset, shape.keyLength );
+         }
          storePadding( image, shape );
       };
       if constexpr ( before == Before::nothing ) {
