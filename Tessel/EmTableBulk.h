@@ -41,14 +41,20 @@ class BulkAnswers {
 /// How many pairs make a block: so long it takes, at the least, until what a stage has fetched is needed.
 inline constexpr std::size_t bulkStep = 16;
 
+/// How many of `count` pairs are in a block.
+template<std::size_t step = bulkStep>
+constexpr std::size_t lengthOfBlock( std::size_t block, std::size_t count ) {
+   std::size_t const begin = block * step;
+   return begin < count ? std::min( step, count - begin ) : 0;
+}
+
 /// Calls `work( number, number within the block )` for each of `count` pairs that is in a block.
-template<std::size_t step = bulkStep, class Work>
+template<class Work>
 [[gnu::always_inline]] inline void
 forEachInBlock( std::size_t block, std::size_t count, Work const& work ) {
-   std::size_t const begin = block * step;
-   std::size_t const length = begin < count ? std::min( step, count - begin ) : 0;
+   std::size_t const length = lengthOfBlock( block, count );
    for ( std::size_t i = 0; i < length; ++i ) {
-      work( begin + i, i );
+      work( block * bulkStep + i, i );
    }
 }
 

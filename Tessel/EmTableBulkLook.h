@@ -90,7 +90,8 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
    static constexpr std::size_t hasStep = 32;
 
    /// In stages as inStages(), but a pair whose tags say that it is absent is answered there, and the
-   /// others alone go on.
+   /// others alone go on. Where most are absent, which is one line for each, the lines are asked for one by one
+   /// between the answers: a whole block of them at once is more than the processor can wait for.
    void hasEachFetching( std::span<EmPair const> pairs, BulkAnswers& answers ) const {
       struct Candidate {
          SlotLead lead;
@@ -111,33 +112,44 @@ class EmShadowTable::BulkLook : public EntryWork<traced, KeyClass, EmShadowTable
                         this->leadsTo( keysBySlot, candidate.lead, pair.chipId, pair.key ) ||
                            hasFurther( pair, this->hashOf( pair.chipId, pair.key ) ) );
          }
+         bool const mostWereAbsent = count < hasStep / 4;
          count = 0;
-         if ( turn >= 1 ) {
-            forEachInBlock<hasStep>(
-               turn - 1,
-               pairs.size(),
-               [ & ]( std::size_t number, std::size_t i ) __attribute__( ( always_inline ) ) {
-                  search.firstLook(
-                     hashes[ i ],
-                     [ & ]( SlotLead lead, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
-                        keysBySlot.fetch( lead.slot() );
-                        candidates[ count ] = { .lead = lead, .inBlock = static_cast<U32>( i ) };
-                        ++count;
-                     },
-                     [ & ]( Home /*home*/ )
-                        __attribute__( ( always_inline ) ) { noted.note( number, false ); },
-                     [ & ]() __attribute__( ( always_inline ) ) {
-                        noted.note( number, hasFurther( pairs[ number ], hashes[ i ] ) );
-                     } );
+         auto const hash = [ & ]( std::size_t i ) __attribute__( ( always_inline ) ) {
+            EmPair const& pair = pairs[ turn * hasStep + i ];
+            hashes[ i ] = this->hashOf( pair.chipId, pair.key );
+            search.fetchGroup( hashes[ i ] );
+         };
+         auto const look = [ & ]( std::size_t i, U64 hashOfPair )
+            __attribute__( ( always_inline ) ) {
+            std::size_t const number = ( turn - 1 ) * hasStep + i;
+            search.firstLook(
+               hashOfPair,
+               [ & ]( SlotLead lead, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
+                  keysBySlot.fetch( lead.slot() );
+                  candidates[ count ] = { .lead = lead, .inBlock = static_cast<U32>( i ) };
+                  ++count;
+               },
+               [ & ]( Home /*home*/ )
+                  __attribute__( ( always_inline ) ) { noted.note( number, false ); },
+               [ & ]() __attribute__( ( always_inline ) ) {
+                  noted.note( number, hasFurther( pairs[ number ], hashOfPair ) );
                } );
+         };
+         std::size_t const toHash = lengthOfBlock<hasStep>( turn, pairs.size() );
+         std::size_t const toLook =
+            turn == 0 ? 0 : lengthOfBlock<hasStep>( turn - 1, pairs.size() );
+         std::size_t const together = mostWereAbsent ? std::min( toHash, toLook ) : 0;
+         for ( std::size_t i = 0; i < together; ++i ) {
+            U64 const hashBefore = hashes[ i ];
+            hash( i );
+            look( i, hashBefore );
          }
-         forEachInBlock<hasStep>(
-            turn,
-            pairs.size(),
-            [ & ]( std::size_t number, std::size_t i ) __attribute__( ( always_inline ) ) {
-               hashes[ i ] = this->hashOf( pairs[ number ].chipId, pairs[ number ].key );
-               search.fetchGroup( hashes[ i ] );
-            } );
+         for ( std::size_t i = together; i < toLook; ++i ) {
+            look( i, hashes[ i ] );
+         }
+         for ( std::size_t i = together; i < toHash; ++i ) {
+            hash( i );
+         }
       }
       answers = noted;
    }

@@ -249,6 +249,22 @@ TEST( BulkCall, makesRoomForAllThatItAddsAtOnce ) {
    EXPECT_EQ( table->entryHasBulk( withoutResults( pairs.part( 0, 50'000 ) ) ), 50'000U );
 }
 
+TEST( BulkCall, putsNoMoreIntoTheMapThanItHasRoomFor ) {
+   Geometry const geometry{ .entries = 400'000, .key = 8, .result = 2 };
+   auto const table = tableOver( Vellum::VellumChunk::inProcess( 400'000 * 12 ), geometry );
+   std::mt19937_64 random( 5 );
+   for ( U32 call = 0; call < 570; ++call ) {
+      std::array<U64, 7> keys{};
+      std::vector<EmPairAndResult> pairs;
+      for ( U64& key : keys ) {
+         key = random();
+         pairs.push_back( { chip3, reinterpret_cast<char const*>( &key ), "rr" } );
+      }
+      table->entryIsBulk( pairs );
+      ASSERT_GE( table->keyToIndexListCapacity(), table->numUsedEntries() );
+   }
+}
+
 TEST( BulkCall, tracesWhatTheSingleCallsTrace ) {
    Twins const twins( { 8, 4, 2 } );
    Pairs const pairs( { 8, 4, 2 }, 12 );
