@@ -196,30 +196,25 @@ class EmShadowTable::BulkWork : public EntryWork<traced, KeyClass, EmShadowTable
          return Entries::template setFully<Result>(
             table_, pair.chipId, pair.key, hash, pair.result );
       };
-      if constexpr ( traced ) {
-         return fully();
-      } else {
-         return keys().firstLook(
-            hash,
-            [ & ]( SlotLead lead, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
-               return this->template setAt<Result>(
-                  lead, pair.chipId, pair.key, pair.result, fully );
-            },
-            [ & ]( typename Entries::Home home ) __attribute__( ( always_inline ) ) {
-               return Entries::Keys::laneIn(
-                  home,
-                  [ & ]( typename Entries::Keys::Lane lane ) __attribute__( ( always_inline ) ) {
-                     if ( !free.any() ) [[unlikely]] {
-                        return fully();
-                     }
-                     this->template putInSlot<Result>(
-                        free.take(), lane, pair.chipId, pair.key, hash, pair.result );
-                     return true;
-                  },
-                  fully );
-            },
-            fully );
-      }
+      return this->template setOrAdd<Result>(
+         pair.chipId,
+         pair.key,
+         hash,
+         pair.result,
+         [ & ]( typename Entries::Home home ) __attribute__( ( always_inline ) ) {
+            return Entries::Keys::laneIn(
+               home,
+               [ & ]( typename Entries::Keys::Lane lane ) __attribute__( ( always_inline ) ) {
+                  if ( !free.any() ) [[unlikely]] {
+                     return fully();
+                  }
+                  this->template putInSlot<Result>(
+                     free.take(), lane, pair.chipId, pair.key, hash, pair.result );
+                  return true;
+               },
+               fully );
+         },
+         fully );
    }
 
    template<class Result>

@@ -104,9 +104,26 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
    [[gnu::always_inline]] bool
    set( Brine::ChipId const& chip, Weft::CharPtrConst key, Weft::CharPtrConst result ) const {
       U64 const hash = hashOf( chip, key );
-      auto const fully = [ & ]() __attribute__( ( always_inline ) ) {
-         return setFully<Result>( table_, chip, key, hash, result );
-      };
+      return setOrAdd<Result>(
+         chip,
+         key,
+         hash,
+         result,
+         [ & ]( Home home ) __attribute__( ( always_inline ) ) {
+            return addAbsent<Result>( table_, chip, key, hash, result, home );
+         },
+         [ & ]() __attribute__( ( always_inline ) ) {
+            return setFully<Result>( table_, chip, key, hash, result );
+         } );
+   }
+   /// `add( home )` for a pair that is absent, `fully()` for one of which a first look is unsure.
+   template<class Result, class Add, class Fully>
+   [[gnu::always_inline]] bool setOrAdd( Brine::ChipId const& chip,
+                                         Weft::CharPtrConst key,
+                                         U64 hash,
+                                         Weft::CharPtrConst result,
+                                         Add const& add,
+                                         Fully const& fully ) const {
       if constexpr ( traced ) {
          return fully();
       } else {
@@ -115,9 +132,7 @@ class EmShadowTable::EntryWork : public SlotWork<traced, Table> {
             [ & ]( SlotLead lead, U64 /*position*/ ) __attribute__( ( always_inline ) ) {
                return setAt<Result>( lead, chip, key, result, fully );
             },
-            [ & ]( Home home ) __attribute__( ( always_inline ) ) {
-               return addAbsent<Result>( table_, chip, key, hash, result, home );
-            },
+            add,
             fully );
       }
    }
